@@ -1,0 +1,14 @@
+# Warnings and sanitizers for the project's own targets.
+add_library(qz_build_options INTERFACE)
+target_compile_options(qz_build_options INTERFACE -Wall -Wextra -Werror)
+
+if(QZ_SANITIZER)
+  string(REPLACE "," ";" _qz_sanitizers "${QZ_SANITIZER}")
+  foreach(_qz_sanitizer IN LISTS _qz_sanitizers)
+    if(NOT _qz_sanitizer MATCHES "^(address|undefined|thread)$")
+      message(FATAL_ERROR "Unknown sanitizer '${_qz_sanitizer}' in QZ_SANITIZER")
+    endif()
+  endforeach()
+  add_compile_options(-fsanitize=${QZ_SANITIZER} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${QZ_SANITIZER})
+endif()

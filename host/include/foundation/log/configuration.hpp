@@ -1,0 +1,66 @@
+#pragma once
+
+// The host logging configuration: which channels write which records, and
+// where records go. Any thread.
+
+#include <host/Export.hpp>
+
+#include <iosfwd>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace foundation::log {
+
+// Sets the switch word of every logger of `channel`, now and for loggers made
+// later. The channel "*" stands for every channel.
+QZHOST_API void set_channel_switches(const std::string& channel, unsigned switches);
+// Turns every channel off again.
+QZHOST_API void reset_channel_switches();
+
+// Reads the environment variable KORVEX_LOG, a comma-separated list of
+// "channel=bits" (bits in decimal, "*" for every channel), and applies it.
+// Answers how many entries were applied; malformed entries are skipped.
+QZHOST_API int configure_from_environment();
+
+// A sink that writes each record as one line to `out`:
+// "[channel] <two spaces per indent level>text". Removed when the handle is
+// destroyed; `out` must outlive it.
+class QZHOST_API ConsoleSink {
+public:
+    explicit ConsoleSink(std::ostream& out);
+    ~ConsoleSink();
+    ConsoleSink(const ConsoleSink&) = delete;
+    ConsoleSink& operator=(const ConsoleSink&) = delete;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+// A record as a sink saw it.
+struct CapturedRecord {
+    std::string channel;
+    int severity = 0;
+    std::string message;
+    int indent = 0;
+};
+
+// A sink that keeps every record, optionally of one channel only, from its
+// construction to its destruction. Any thread.
+class QZHOST_API RecordCapture {
+public:
+    explicit RecordCapture(std::string channel = {});
+    ~RecordCapture();
+    RecordCapture(const RecordCapture&) = delete;
+    RecordCapture& operator=(const RecordCapture&) = delete;
+
+    std::vector<CapturedRecord> records() const;
+    void clear();
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+} // namespace foundation::log
