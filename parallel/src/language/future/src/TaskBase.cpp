@@ -1,0 +1,210 @@
+#include <parallel/language/future/TaskBase.hpp>
+
+#include <parallel/language/future/FutureErrors.hpp>
+
+#include "DiagnosticLogging.hpp"
+#include "TaskFinishedListeners.hpp"
+
+#include <boost/exception/diagnostic_information.hpp>
+
+#include <cmath>
+
+namespace parallel::language::future {
+
+namespace {
+
+logging::Logger& logger() noexcept { return logging::taskBaseLogger(); }
+
+// Deadlines further away than this are waited for without a time limit: the
+// Boost wait converts its time point to an integral count, which a deadline
+// such as the largest finite double would overflow.
+constexpr double kUnboundedWaitSeconds = 1e9;
+
+// True when `future` became ready before `deadline`. Wait errors pass through.
+bool waitUntil(const boost::shared_future<void>& future, const SteadyTimePoint& deadline) {
+    const double remaining = (deadline - clock::getCurrentSteadyTime()).count();
+    if (!std::isfinite(deadline.time_since_epoch().count()) || remaining > kUnboundedWaitSeconds) {
+        future.wait();
+        return true;
+    }
+    return future.wait_until(stdToBoostTimepoint(deadline)) == boost::future_status::ready;
+}
+
+// Attaches `callback` to `future` under `policy`; the continuation's own
+// future, and with it any exception of the callback, is dropped.
+void attach(boost::shared_future<void> future, boost::launch policy,
+            std::function<void()> callback) {
+    future.then(policy, [callback = std::move(callback)](boost::shared_future<void>) {
+        callback();
+    });
+}
+
+} // namespace
+
+TaskBase::TaskBase()
+    : runningFuture_(runningPromise_.get_future().share()),
+      finishedPromise_(MultiEventPromise::Any, 2), finishedFuture_(finishedPromise_.getFuture().share()) {}
+
+TaskBase::~TaskBase() = default;
+
+void TaskBase::cancel() noexcept {
+    if (getState() == FutureState::Finished) {
+        logging::writeMessage(logger(), logging::kMessage,
+                              "cancel returned early because state is finished.");
+        return;
+    }
+    try {
+        doCancel();
+    } catch (...) {
+        logging::writeMessage(logger(), logging::kCaughtException, [](std::ostream& out) {
+            out << "Exception caught: " << boost::current_exception_diagnostic_information(true);
+        });
+    }
+    doNotifyCancelled();
+}
+
+bool TaskBase::wait(FutureState target, const SteadyTimePoint& deadline) {
+    QZ_FUTURE_TRACE(logger());
+    if (target <= getState()) {
+        logging::writeMessage(logger(), logging::kMessage, "Early return from wait.");
+        return true;
+    }
+    if (target == FutureState::Running) {
+        boost::shared_future<void> running;
+        {
+            std::lock_guard lock(mutex_);
+            running = runningFuture_;
+        }
+        return waitUntil(running, deadline);
+    }
+    try {
+        return waitUntil(finishedFuture_, deadline);
+    } catch (const boost::future_uninitialized&) {
+        throw errors::WaitOnUnavailableFuture();
+    } catch (...) {
+        throw errors::UnknownWaitErrors();
+    }
+}
+
+void TaskBase::afterRunningThen(boost::launch policy, std::function<void()> callback) {
+    boost::shared_future<void> running;
+    {
+        std::lock_guard lock(mutex_);
+        running = runningFuture_;
+    }
+    attach(std::move(running), policy, std::move(callback));
+}
+
+void TaskBase::afterFinishThen(boost::launch policy, std::function<void()> callback) {
+    doAfterFinishThen(policy, std::move(callback));
+}
+
+void TaskBase::doAfterFinishThen(boost::launch policy, std::function<void()> callback) {
+    attach(finishedFuture_, policy, std::move(callback));
+}
+
+FutureState TaskBase::getState() const noexcept {
+    QZ_FUTURE_TRACE(logger());
+    std::lock_guard lock(mutex_);
+    return state_;
+}
+
+WallClockTimePoint TaskBase::getStartTime() const {
+    std::lock_guard lock(mutex_);
+    return startTime_;
+}
+
+WallClockTimePoint TaskBase::getFinishTime() const {
+    std::lock_guard lock(mutex_);
+    return finishTime_;
+}
+
+Seconds TaskBase::getRunningDuration() const {
+    const WallClockTimePoint finish = getFinishTime();
+    const WallClockTimePoint start = getStartTime();
+    return clock::calcDuration(start, finish);
+}
+
+std::u16string TaskBase::getDiary() { return doGetDiary(); }
+
+OutputsOrError TaskBase::getOutputsOrError() {
+    QZ_FUTURE_TRACE(logger());
+    bool cancelled = false;
+    FutureState state = FutureState::Unavailable;
+    {
+        std::lock_guard lock(mutex_);
+        cancelled = cancelled_;
+        state = state_;
+    }
+    if (cancelled) {
+        return OutputsOrError(std::make_exception_ptr(errors::ExecutionCancelled()));
+    }
+    if (state == FutureState::Finished) {
+        return doGetOutputsOrError();
+    }
+    return OutputsOrError(std::optional<DvArrayVector>());
+}
+
+boost::shared_future<void> TaskBase::getWaitableFuture() const { return finishedFuture_; }
+
+void TaskBase::doNotifyPending() {
+    QZ_FUTURE_TRACE(logger());
+    std::lock_guard lock(mutex_);
+    if (!cancelled_) {
+        setState(FutureState::Pending);
+    }
+}
+
+void TaskBase::doNotifyQueued() {
+    QZ_FUTURE_TRACE(logger());
+    std::lock_guard lock(mutex_);
+    if (state_ == FutureState::Running) {
+        // Back to a queue: the next run gets a running promise of its own.
+        // The old one is ready already, so dropping it breaks nothing.
+        runningPromise_ = boost::promise<void>();
+        runningFuture_ = runningPromise_.get_future().share();
+    }
+    if (!cancelled_) {
+        setState(FutureState::Queued);
+    }
+}
+
+void TaskBase::doNotifyRunning() {
+    QZ_FUTURE_TRACE(logger());
+    std::lock_guard lock(mutex_);
+    if (!cancelled_) {
+        setStartTime();
+        setState(FutureState::Running);
+        runningPromise_.set_value();
+    }
+}
+
+void TaskBase::doNotifyFinished() {
+    QZ_FUTURE_TRACE(logger());
+    {
+        std::lock_guard lock(mutex_);
+        if (!cancelled_) {
+            setFinishTime();
+            setState(FutureState::Finished);
+        }
+    }
+    finishedPromise_.setOne();
+    detail::notifyTaskFinished();
+}
+
+void TaskBase::doNotifyCancelled() {
+    QZ_FUTURE_TRACE(logger());
+    {
+        std::lock_guard lock(mutex_);
+        setFinishTime();
+        setState(FutureState::Finished);
+        cancelled_ = true;
+    }
+    finishedPromise_.setOne();
+}
+
+void TaskBase::setState(FutureState state) { state_ = state; }
+void TaskBase::setStartTime() { startTime_ = clock::getCurrentTime(); }
+void TaskBase::setFinishTime() { finishTime_ = clock::getCurrentTime(); }
+
+} // namespace parallel::language::future

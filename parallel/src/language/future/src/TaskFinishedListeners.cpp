@@ -1,0 +1,88 @@
+#include "TaskFinishedListeners.hpp"
+
+#include <parallel/language/future/ScopedTaskFinishedListener.hpp>
+#include <parallel/language/future/TaskFinishedListener.hpp>
+
+#include <foundation/usm/Detail.hpp>
+
+#include <algorithm>
+#include <mutex>
+#include <stdexcept>
+#include <vector>
+
+namespace parallel::language::future {
+
+TaskFinishedListener::~TaskFinishedListener() = default;
+
+namespace {
+
+using ProcessStore = foundation::usm::Detail<foundation::usm::scope::Process>;
+
+// The process-wide listener registry, owned by the host's process store.
+class GlobalTaskFinishedListenerUSM {
+public:
+    void add(const std::shared_ptr<TaskFinishedListener>& listener) {
+        std::lock_guard lock(mutex_);
+        listeners_.push_back(listener);
+    }
+
+    void remove(const TaskFinishedListener* listener) {
+        std::lock_guard lock(mutex_);
+        std::erase_if(listeners_, [listener](const auto& entry) { return entry.get() == listener; });
+    }
+
+    void notifyTaskFinished() {
+        std::vector<std::shared_ptr<TaskFinishedListener>> pass;
+        {
+            std::lock_guard lock(mutex_);
+            if (listeners_.empty()) {
+                return;
+            }
+            pass = listeners_;
+        }
+        for (const auto& listener : pass) {
+            listener->onTaskFinished();
+        }
+    }
+
+private:
+    std::vector<std::shared_ptr<TaskFinishedListener>> listeners_;
+    std::mutex mutex_;
+};
+
+GlobalTaskFinishedListenerUSM& registry() {
+    static const ProcessStore::ID id = ProcessStore::getNextID(typeid(GlobalTaskFinishedListenerUSM));
+    const std::type_info& type = typeid(GlobalTaskFinishedListenerUSM);
+    if (void* found = ProcessStore::find(id, type)) {
+        return *static_cast<GlobalTaskFinishedListenerUSM*>(found);
+    }
+    ProcessStore::Holder holder(new GlobalTaskFinishedListenerUSM, [](void* p) {
+        delete static_cast<GlobalTaskFinishedListenerUSM*>(p);
+    });
+    return *static_cast<GlobalTaskFinishedListenerUSM*>(
+        ProcessStore::findOrInsert(id, type, std::move(holder)));
+}
+
+} // namespace
+
+void detail::notifyTaskFinished() { registry().notifyTaskFinished(); }
+
+ScopedTaskFinishedListener::ScopedTaskFinishedListener(
+    std::shared_ptr<TaskFinishedListener>&& listener)
+    : listener_(std::move(listener)) {
+    if (!listener_) {
+        throw std::invalid_argument("A task-finished listener must not be null.");
+    }
+    registry().add(listener_);
+}
+
+ScopedTaskFinishedListener::~ScopedTaskFinishedListener() {
+    try {
+        registry().remove(listener_.get());
+    } catch (...) {
+        // Removal only fails if the mutex cannot be locked; the registry then
+        // keeps its reference until the process store is destroyed.
+    }
+}
+
+} // namespace parallel::language::future
