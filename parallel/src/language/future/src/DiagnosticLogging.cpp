@@ -17,11 +17,21 @@ Logger gClassInfoLogger("parallel::language::future::Future2CosClassInfo");
 Logger gTaskBaseLogger("parallel::language::future::TaskBase");
 } // namespace
 
-Logger& fevalFutureLogger() noexcept { return gFevalFutureLogger; }
-Logger& fevalOnAllFutureLogger() noexcept { return gFevalOnAllFutureLogger; }
-Logger& futureBaseLogger() noexcept { return gFutureBaseLogger; }
-Logger& classInfoLogger() noexcept { return gClassInfoLogger; }
-Logger& taskBaseLogger() noexcept { return gTaskBaseLogger; }
+Logger& fevalFutureLogger() noexcept {
+    return gFevalFutureLogger;
+}
+Logger& fevalOnAllFutureLogger() noexcept {
+    return gFevalOnAllFutureLogger;
+}
+Logger& futureBaseLogger() noexcept {
+    return gFutureBaseLogger;
+}
+Logger& classInfoLogger() noexcept {
+    return gClassInfoLogger;
+}
+Logger& taskBaseLogger() noexcept {
+    return gTaskBaseLogger;
+}
 
 boost::log::record detail::openRecord(Logger& logger, int severity) noexcept {
     try {

@@ -47,7 +47,7 @@ void push(boost::log::record& record) noexcept;
 // Writes one record at `severity` (8 or 16) whose text `write(std::ostream&)`
 // produces; `write` runs only when the record is enabled. Any thread.
 template <class Write>
-    requires std::invocable<Write, std::ostream&>
+requires std::invocable<Write, std::ostream&>
 void writeMessage(Logger& logger, int severity, Write&& write) noexcept;
 void writeMessage(Logger& logger, int severity, std::string_view text) noexcept;
 
@@ -111,7 +111,7 @@ void detail::writeAndPush(boost::log::record& record, Write&& write) noexcept {
 }
 
 template <class Write>
-    requires std::invocable<Write, std::ostream&>
+requires std::invocable<Write, std::ostream&>
 void writeMessage(Logger& logger, int severity, Write&& write) noexcept {
     if (!logger.is_enabled(static_cast<unsigned>(severity))) {
         return;

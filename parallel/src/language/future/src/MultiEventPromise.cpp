@@ -21,7 +21,9 @@ void MultiEventPromise::setOne() noexcept {
     }
 }
 
-boost::future<void> MultiEventPromise::getFuture() { return promise_.get_future(); }
+boost::future<void> MultiEventPromise::getFuture() {
+    return promise_.get_future();
+}
 
 long long MultiEventPromise::calcCountdownStart(Policy policy, unsigned long long n) {
     switch (policy) {

@@ -9,15 +9,16 @@ namespace {
 // A 1-by-N cell of shared copies of the outputs (0-by-0 for none), readied
 // for being held as a property.
 PropertyDvArray outputsToPropertyCell(const DvArrayVector& outputs) {
-    const matrix::Dimensions dims = outputs.empty() ? matrix::Dimensions{0, 0}
-                                                    : matrix::Dimensions{1, outputs.size()};
+    const matrix::Dimensions dims =
+        outputs.empty() ? matrix::Dimensions{0, 0} : matrix::Dimensions{1, outputs.size()};
     matrix::unique_dvArray cell = matrix::detail::do_create_cell(dims);
     for (std::size_t i = 0; i < outputs.size(); ++i) {
         if (outputs[i]) {
             dvSetCell(cell.get(), i, matrix::detail::do_shared_copy(outputs[i].get()));
         }
     }
-    return PropertyDvArray(omPrepareArrayForPropertyContainment(matrix::to_korvex(std::move(cell))));
+    return PropertyDvArray(
+        omPrepareArrayForPropertyContainment(matrix::to_korvex(std::move(cell))));
 }
 
 } // namespace

@@ -13,7 +13,9 @@ namespace parallel::language::future {
 
 namespace {
 
-logging::Logger& logger() noexcept { return logging::taskBaseLogger(); }
+logging::Logger& logger() noexcept {
+    return logging::taskBaseLogger();
+}
 
 // Deadlines further away than this are waited for without a time limit: the
 // Boost wait converts its time point to an integral count, which a deadline
@@ -34,16 +36,16 @@ bool waitUntil(const boost::shared_future<void>& future, const SteadyTimePoint& 
 // future, and with it any exception of the callback, is dropped.
 void attach(boost::shared_future<void> future, boost::launch policy,
             std::function<void()> callback) {
-    future.then(policy, [callback = std::move(callback)](boost::shared_future<void>) {
-        callback();
-    });
+    future.then(policy,
+                [callback = std::move(callback)](boost::shared_future<void>) { callback(); });
 }
 
 } // namespace
 
 TaskBase::TaskBase()
     : runningFuture_(runningPromise_.get_future().share()),
-      finishedPromise_(MultiEventPromise::Any, 2), finishedFuture_(finishedPromise_.getFuture().share()) {}
+      finishedPromise_(MultiEventPromise::Any, 2),
+      finishedFuture_(finishedPromise_.getFuture().share()) {}
 
 TaskBase::~TaskBase() = default;
 
@@ -125,7 +127,9 @@ Seconds TaskBase::getRunningDuration() const {
     return clock::calcDuration(start, finish);
 }
 
-std::u16string TaskBase::getDiary() { return doGetDiary(); }
+std::u16string TaskBase::getDiary() {
+    return doGetDiary();
+}
 
 OutputsOrError TaskBase::getOutputsOrError() {
     QZ_FUTURE_TRACE(logger());
@@ -145,7 +149,9 @@ OutputsOrError TaskBase::getOutputsOrError() {
     return OutputsOrError(std::optional<DvArrayVector>());
 }
 
-boost::shared_future<void> TaskBase::getWaitableFuture() const { return finishedFuture_; }
+boost::shared_future<void> TaskBase::getWaitableFuture() const {
+    return finishedFuture_;
+}
 
 void TaskBase::doNotifyPending() {
     QZ_FUTURE_TRACE(logger());
@@ -203,8 +209,14 @@ void TaskBase::doNotifyCancelled() {
     finishedPromise_.setOne();
 }
 
-void TaskBase::setState(FutureState state) { state_ = state; }
-void TaskBase::setStartTime() { startTime_ = clock::getCurrentTime(); }
-void TaskBase::setFinishTime() { finishTime_ = clock::getCurrentTime(); }
+void TaskBase::setState(FutureState state) {
+    state_ = state;
+}
+void TaskBase::setStartTime() {
+    startTime_ = clock::getCurrentTime();
+}
+void TaskBase::setFinishTime() {
+    finishTime_ = clock::getCurrentTime();
+}
 
 } // namespace parallel::language::future

@@ -28,7 +28,8 @@ public:
 
     void remove(const TaskFinishedListener* listener) {
         std::lock_guard lock(mutex_);
-        std::erase_if(listeners_, [listener](const auto& entry) { return entry.get() == listener; });
+        std::erase_if(listeners_,
+                      [listener](const auto& entry) { return entry.get() == listener; });
     }
 
     void notifyTaskFinished() {
@@ -51,7 +52,8 @@ private:
 };
 
 GlobalTaskFinishedListenerUSM& registry() {
-    static const ProcessStore::ID id = ProcessStore::getNextID(typeid(GlobalTaskFinishedListenerUSM));
+    static const ProcessStore::ID id =
+        ProcessStore::getNextID(typeid(GlobalTaskFinishedListenerUSM));
     const std::type_info& type = typeid(GlobalTaskFinishedListenerUSM);
     if (void* found = ProcessStore::find(id, type)) {
         return *static_cast<GlobalTaskFinishedListenerUSM*>(found);
@@ -65,7 +67,9 @@ GlobalTaskFinishedListenerUSM& registry() {
 
 } // namespace
 
-void detail::notifyTaskFinished() { registry().notifyTaskFinished(); }
+void detail::notifyTaskFinished() {
+    registry().notifyTaskFinished();
+}
 
 ScopedTaskFinishedListener::ScopedTaskFinishedListener(
     std::shared_ptr<TaskFinishedListener>&& listener)

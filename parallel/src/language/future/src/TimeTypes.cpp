@@ -6,7 +6,8 @@
 namespace parallel::language::future {
 
 BoostSteadyTimePoint stdToBoostTimepoint(const SteadyTimePoint& timePoint) {
-    return BoostSteadyTimePoint(boost::chrono::duration<double>(timePoint.time_since_epoch().count()));
+    return BoostSteadyTimePoint(
+        boost::chrono::duration<double>(timePoint.time_since_epoch().count()));
 }
 
 namespace clock {

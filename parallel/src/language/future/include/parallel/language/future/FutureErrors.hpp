@@ -48,7 +48,7 @@
 
 #define QZ_FUTURE_ERROR_TAG(Component, Key)                                                        \
     struct QZ_FUTURE_API Key {                                                                     \
-        static constexpr const char* component = Component;                                       \
+        static constexpr const char* component = Component;                                        \
         static constexpr const char* key = #Key;                                                   \
     };
 

@@ -25,9 +25,7 @@ template <class T>
 class QZ_FUTURE_API PerTaskVariant {
 public:
     // Single, holding a value-initialised T.
-    PerTaskVariant()
-        requires std::is_default_constructible_v<T>
-        : v_(std::in_place_index<0>) {}
+    PerTaskVariant() requires std::is_default_constructible_v<T> : v_(std::in_place_index<0>) {}
     PerTaskVariant(T value) : v_(std::in_place_index<0>, std::move(value)) {}
     PerTaskVariant(std::vector<T> values) : v_(std::in_place_index<1>, std::move(values)) {}
 
