@@ -1,0 +1,55 @@
+// Memory root records: the parent chain that accounts an array's memory to an
+// owner.
+
+#include "Storage.hpp"
+
+#include <stdexcept>
+
+namespace matrix {
+
+RootRecord::RootRecord(std::size_t bytes) noexcept : bytes_(bytes) {}
+
+std::size_t RootRecord::getBytes() const noexcept {
+    return bytes_;
+}
+
+std::shared_ptr<RootRecord> RootRecord::getParent() const {
+    std::lock_guard lock(mutex_);
+    return parent_;
+}
+
+void RootRecord::setParent(std::shared_ptr<RootRecord> parent) {
+    if (parent && parent->isAccountedTo(this)) {
+        throw std::invalid_argument("Root record cannot be its own ancestor.");
+    }
+    std::lock_guard lock(mutex_);
+    parent_ = std::move(parent);
+}
+
+bool RootRecord::isAccountedTo(const RootRecord* owner) const {
+    if (!owner) {
+        return false;
+    }
+    if (owner == this) {
+        return true;
+    }
+    for (auto record = getParent(); record; record = record->getParent()) {
+        if (record.get() == owner) {
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace matrix
+
+matrix::RootRecordPtr dvGetRootRecordForArray(const dvArray* array) {
+    return array ? matrix::detail::ArrayAccess::root(array) : nullptr;
+}
+
+void dvSetParentRoot(const matrix::RootRecordPtr& child, const matrix::RootRecordPtr& parent) {
+    if (!child) {
+        throw std::invalid_argument("Root record is null.");
+    }
+    child->setParent(parent);
+}

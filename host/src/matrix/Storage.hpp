@@ -1,0 +1,91 @@
+#pragma once
+
+// Private to the array library: the element storage behind a dvArray and the
+// one place that reaches into dvArray_tag's private members.
+
+#include <matrix/dvArray.hpp>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace matrix::detail {
+
+using ArrayRef = boost::intrusive_ptr<dvArray>;
+
+struct CellData {
+    std::vector<ArrayRef> elements; // null: empty element
+};
+
+struct StructData {
+    std::vector<std::string> fields;
+    std::vector<ArrayRef> values; // values[index * fields.size() + field]; null: empty
+};
+
+struct FunctionData {
+    std::string name;
+    std::shared_ptr<const FunctionBody> body; // shared by every copy
+};
+
+struct ObjectData {
+    std::string className;
+    std::vector<std::shared_ptr<dvObject>> objects;
+};
+
+// One alternative per class: Double, Logical (0/1), Char (UTF-16), Cell,
+// Struct, FunctionHandle, Object.
+using StorageValue = std::variant<std::vector<double>, std::vector<std::uint8_t>, std::u16string,
+                                  CellData, StructData, FunctionData, ObjectData>;
+
+struct Storage {
+    explicit Storage(StorageValue v) : value(std::move(v)) {}
+
+    StorageValue value;
+    // The number of arrays using this storage (the shared_ptr's use count
+    // among arrays). Counted here, with release on leaving and acquire on the
+    // "am I the only user" test, so that a writer that finds itself alone
+    // sees every read of users released on other threads.
+    std::atomic<long> users{0};
+};
+
+struct ArrayAccess {
+    static unique_dvArray make(ClassID classID, const Dimensions& dims,
+                               std::shared_ptr<Storage> data);
+    static unique_dvArray make(ClassID classID, const Dimensions& dims, StorageValue value) {
+        return make(classID, dims, std::make_shared<Storage>(std::move(value)));
+    }
+    static void destroy(const dvArray* array) noexcept { delete array; }
+
+    static std::atomic<long>& refs(const dvArray* array) noexcept { return array->refs_; }
+    static ClassID classID(const dvArray* array) noexcept { return array->classID_; }
+    static const Dimensions& dims(const dvArray* array) noexcept { return array->dims_; }
+    static const Storage& data(const dvArray* array) noexcept { return *array->data_; }
+    static const std::shared_ptr<Storage>& sharedData(const dvArray* array) noexcept {
+        return array->data_;
+    }
+    static const RootRecordPtr& root(const dvArray* array) noexcept { return array->root_; }
+
+    static bool isShared(const dvArray* array) noexcept {
+        return array->data_->users.load(std::memory_order_acquire) > 1;
+    }
+    // The storage to write in place; a shared one is copied first.
+    static Storage& detached(dvArray* array);
+};
+
+// `dims` with at least two entries (missing ones are 1) and no trailing
+// singleton beyond the second.
+Dimensions normalized(Dimensions dims);
+// The product of `dims`; std::length_error when it overflows.
+std::size_t countOf(const Dimensions& dims);
+std::size_t approximateBytes(const StorageValue& value) noexcept;
+
+// `array` when it is non-null and of class `id`; std::invalid_argument
+// `message` otherwise.
+const dvArray* checked(const dvArray* array, ClassID id, const char* message);
+dvArray* checked(dvArray* array, ClassID id, const char* message);
+
+} // namespace matrix::detail

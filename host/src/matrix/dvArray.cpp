@@ -1,0 +1,246 @@
+// Array lifetime: construction, reference counting, storage sharing and
+// copy-on-write, creation of every class, shared and deep copies.
+
+#include "Storage.hpp"
+
+#include <foundation/core/str/Utf.hpp>
+
+#include <algorithm>
+#include <stdexcept>
+#include <type_traits>
+#include <utility>
+
+using matrix::ClassID;
+using matrix::Dimensions;
+using matrix::unique_dvArray;
+using namespace matrix::detail;
+
+dvArray_tag::dvArray_tag(ClassID classID, Dimensions dims, std::shared_ptr<Storage> data)
+    : classID_(classID), dims_(std::move(dims)), data_(std::move(data)),
+      root_(std::make_shared<matrix::RootRecord>(approximateBytes(data_->value))) {
+    data_->users.fetch_add(1, std::memory_order_relaxed);
+}
+
+dvArray_tag::~dvArray_tag() {
+    data_->users.fetch_sub(1, std::memory_order_release);
+}
+
+bool dvArray_tag::is_data_shared_impl() const noexcept {
+    return ArrayAccess::isShared(this);
+}
+
+void intrusive_ptr_add_ref(const dvArray* array) noexcept {
+    if (array) {
+        ArrayAccess::refs(array).fetch_add(1, std::memory_order_relaxed);
+    }
+}
+
+void intrusive_ptr_release(const dvArray* array) noexcept {
+    if (array && ArrayAccess::refs(array).fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        ArrayAccess::destroy(array);
+    }
+}
+
+namespace matrix {
+
+dvObject::~dvObject() = default;
+
+namespace detail {
+
+void dvDestroy_deleter::operator()(dvArray* array) const noexcept {
+    intrusive_ptr_release(array);
+}
+
+unique_dvArray ArrayAccess::make(ClassID classID, const Dimensions& dims,
+                                 std::shared_ptr<Storage> data) {
+    return unique_dvArray(new dvArray(classID, normalized(dims), std::move(data)));
+}
+
+Storage& ArrayAccess::detached(dvArray* array) {
+    if (isShared(array)) {
+        auto fresh = std::make_shared<Storage>(array->data_->value);
+        fresh->users.store(1, std::memory_order_relaxed);
+        array->data_->users.fetch_sub(1, std::memory_order_release);
+        array->data_ = std::move(fresh);
+    }
+    return *array->data_;
+}
+
+Dimensions normalized(Dimensions dims) {
+    while (dims.size() < 2) {
+        dims.push_back(1);
+    }
+    while (dims.size() > 2 && dims.back() == 1) {
+        dims.pop_back();
+    }
+    return dims;
+}
+
+std::size_t countOf(const Dimensions& dims) {
+    std::size_t count = 1;
+    for (std::size_t extent : dims) {
+        if (__builtin_mul_overflow(count, extent, &count)) {
+            throw std::length_error("Array dimensions are too large.");
+        }
+    }
+    return count;
+}
+
+std::size_t approximateBytes(const StorageValue& value) noexcept {
+    return std::visit(
+        [](const auto& v) -> std::size_t {
+            using T = std::decay_t<decltype(v)>;
+            if constexpr (std::is_same_v<T, CellData>) {
+                return v.elements.size() * sizeof(ArrayRef);
+            } else if constexpr (std::is_same_v<T, StructData>) {
+                std::size_t bytes = v.values.size() * sizeof(ArrayRef);
+                for (const auto& field : v.fields) {
+                    bytes += field.size();
+                }
+                return bytes;
+            } else if constexpr (std::is_same_v<T, FunctionData>) {
+                return v.name.size() + sizeof(FunctionBody);
+            } else if constexpr (std::is_same_v<T, ObjectData>) {
+                return v.objects.size() * sizeof(std::shared_ptr<dvObject>);
+            } else {
+                return v.size() * sizeof(typename T::value_type);
+            }
+        },
+        value);
+}
+
+const dvArray* checked(const dvArray* array, ClassID id, const char* message) {
+    if (!array || ArrayAccess::classID(array) != id) {
+        throw std::invalid_argument(message);
+    }
+    return array;
+}
+
+dvArray* checked(dvArray* array, ClassID id, const char* message) {
+    checked(static_cast<const dvArray*>(array), id, message);
+    return array;
+}
+
+unique_dvArray do_create_cell(const Dimensions& dims) {
+    return ArrayAccess::make(ClassID::Cell, dims,
+                             CellData{std::vector<ArrayRef>(countOf(normalized(dims)))});
+}
+
+unique_dvArray do_create_numeric(const Dimensions& dims, ClassID classID, bool real) {
+    if (!real) {
+        throw std::invalid_argument("Complex arrays are not supported.");
+    }
+    const std::size_t count = countOf(normalized(dims));
+    switch (classID) {
+    case ClassID::Double:
+        return ArrayAccess::make(classID, dims, std::vector<double>(count));
+    case ClassID::Logical:
+        return ArrayAccess::make(classID, dims, std::vector<std::uint8_t>(count));
+    default:
+        throw std::invalid_argument("Numeric arrays are double or logical.");
+    }
+}
+
+unique_dvArray do_create_uninitnumeric(const Dimensions& dims, ClassID classID, bool real) {
+    return do_create_numeric(dims, classID, real);
+}
+
+unique_dvArray do_create_struct(const Dimensions& dims,
+                                const std::vector<std::string>& fieldNames) {
+    for (auto it = fieldNames.begin(); it != fieldNames.end(); ++it) {
+        if (std::find(fieldNames.begin(), it, *it) != it) {
+            throw std::invalid_argument("Wrong field name.");
+        }
+    }
+    std::size_t count = countOf(normalized(dims));
+    if (__builtin_mul_overflow(count, fieldNames.size(), &count)) {
+        throw std::length_error("Array dimensions are too large.");
+    }
+    return ArrayAccess::make(ClassID::Struct, dims,
+                             StructData{fieldNames, std::vector<ArrayRef>(count)});
+}
+
+unique_dvArray do_shared_copy(const dvArray* array) {
+    if (!array) {
+        return nullptr;
+    }
+    return ArrayAccess::make(ArrayAccess::classID(array), ArrayAccess::dims(array),
+                             ArrayAccess::sharedData(array));
+}
+
+namespace {
+ArrayRef deepCopyOf(const ArrayRef& element) {
+    return ArrayRef(to_korvex(do_deep_copy(element.get())), false);
+}
+} // namespace
+
+unique_dvArray do_deep_copy(const dvArray* array) {
+    if (!array) {
+        return nullptr;
+    }
+    StorageValue value = ArrayAccess::data(array).value;
+    if (auto* cell = std::get_if<CellData>(&value)) {
+        std::ranges::transform(cell->elements, cell->elements.begin(), deepCopyOf);
+    } else if (auto* structure = std::get_if<StructData>(&value)) {
+        std::ranges::transform(structure->values, structure->values.begin(), deepCopyOf);
+    }
+    return ArrayAccess::make(ArrayAccess::classID(array), ArrayAccess::dims(array),
+                             std::move(value));
+}
+
+} // namespace detail
+
+unique_dvArray create(const char16_t* text, std::size_t length) {
+    if (!text && length != 0) {
+        throw std::invalid_argument("Text is null.");
+    }
+    const Dimensions dims = length == 0 ? Dimensions{0, 0} : Dimensions{1, length};
+    return ArrayAccess::make(ClassID::Char, dims,
+                             length == 0 ? std::u16string() : std::u16string(text, length));
+}
+
+unique_dvArray create(const char* utf8Text, std::size_t length) {
+    if (!utf8Text && length != 0) {
+        throw std::invalid_argument("Text is null.");
+    }
+    const std::u16string text =
+        length == 0 ? std::u16string() : foundation::core::str::toUtf16({utf8Text, length});
+    return create(text.data(), text.size());
+}
+
+unique_dvArray dvCreateStackStruct(std::size_t n) {
+    return detail::do_create_struct({n, 1}, {"file", "name", "line"});
+}
+
+unique_dvArray createObjectArray(const Dimensions& dims, std::string className) {
+    std::vector<std::shared_ptr<dvObject>> objects(countOf(normalized(dims)));
+    return ArrayAccess::make(ClassID::Object, dims,
+                             ObjectData{std::move(className), std::move(objects)});
+}
+
+dvArray* to_korvex(unique_dvArray&& array) noexcept {
+    return array.release();
+}
+
+unique_dvArray from_korvex(dvArray* array) noexcept {
+    return unique_dvArray(array);
+}
+
+void destroyArray(dvArray* array) noexcept {
+    intrusive_ptr_release(array);
+}
+
+} // namespace matrix
+
+unique_dvArray dvCreateLogicalScalar(bool value) {
+    return ArrayAccess::make(ClassID::Logical, {1, 1},
+                             std::vector<std::uint8_t>{static_cast<std::uint8_t>(value)});
+}
+
+unique_dvArray dvCreateDoubleScalar(double value) {
+    return ArrayAccess::make(ClassID::Double, {1, 1}, std::vector<double>{value});
+}
+
+unique_dvArray dvDuplicateArray(const dvArray* array) {
+    return matrix::detail::do_deep_copy(array);
+}
