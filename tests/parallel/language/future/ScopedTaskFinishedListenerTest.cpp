@@ -1,0 +1,133 @@
+// qz-test-label: concurrency
+#include "TestTask.hpp"
+
+#include <parallel/language/future/ScopedTaskFinishedListener.hpp>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <barrier>
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+namespace parallel::language::future {
+namespace {
+
+using testing::TestTask;
+
+struct Listener : TaskFinishedListener {
+    std::atomic<int> calls{0};
+    std::function<void()> action;
+    void onTaskFinished() override {
+        ++calls;
+        if (action) {
+            action();
+        }
+    }
+};
+
+std::shared_ptr<TaskFinishedListener> asListener(const std::shared_ptr<Listener>& listener) {
+    return listener;
+}
+
+void finishOneTask() {
+    TestTask::make()->runToFinish();
+}
+
+TEST(ScopedTaskFinishedListener, HearsEveryFinishWhileItLives) {
+    auto listener = std::make_shared<Listener>();
+    {
+        ScopedTaskFinishedListener registration(asListener(listener));
+        finishOneTask();
+        finishOneTask();
+        EXPECT_EQ(listener->calls, 2);
+    }
+    finishOneTask();
+    EXPECT_EQ(listener->calls, 2);
+    // The registry let go of its reference.
+    EXPECT_EQ(listener.use_count(), 1);
+}
+
+TEST(ScopedTaskFinishedListener, ListenerRemovedDuringAPassIsStillCalledInIt) {
+    auto first = std::make_shared<Listener>();
+    auto second = std::make_shared<Listener>();
+    ScopedTaskFinishedListener firstRegistration(asListener(first));
+    std::optional<ScopedTaskFinishedListener> secondRegistration;
+    secondRegistration.emplace(asListener(second));
+    first->action = [&] { secondRegistration.reset(); };
+
+    finishOneTask();
+    EXPECT_EQ(first->calls, 1);
+    EXPECT_EQ(second->calls, 1);
+    first->action = nullptr;
+    finishOneTask();
+    EXPECT_EQ(first->calls, 2);
+    EXPECT_EQ(second->calls, 1);
+}
+
+TEST(ScopedTaskFinishedListener, ListenerFailureReachesTheNotifyingExecutor) {
+    auto failing = std::make_shared<Listener>();
+    auto later = std::make_shared<Listener>();
+    failing->action = [] { throw std::runtime_error("listener failed"); };
+    ScopedTaskFinishedListener failingRegistration(asListener(failing));
+    ScopedTaskFinishedListener laterRegistration(asListener(later));
+    auto task = TestTask::make();
+    task->doNotifyRunning();
+    EXPECT_THROW(task->doNotifyFinished(), std::runtime_error);
+    EXPECT_EQ(task->getState(), FutureState::Finished);
+    EXPECT_EQ(later->calls, 0);
+}
+
+TEST(ScopedTaskFinishedListener, RegisteringTwiceHearsTwice) {
+    auto listener = std::make_shared<Listener>();
+    {
+        ScopedTaskFinishedListener one(asListener(listener));
+        ScopedTaskFinishedListener two(asListener(listener));
+        finishOneTask();
+        EXPECT_EQ(listener->calls, 2);
+    }
+    finishOneTask();
+    EXPECT_EQ(listener->calls, 2);
+}
+
+TEST(ScopedTaskFinishedListener, RefusesANullListener) {
+    EXPECT_THROW(ScopedTaskFinishedListener(std::shared_ptr<TaskFinishedListener>()),
+                 std::invalid_argument);
+}
+
+TEST(ScopedTaskFinishedListener, ConcurrentFinishesAndRegistrationsAreAllCounted) {
+    constexpr int kFinishers = 3;
+    constexpr int kTasksEach = 200;
+    auto steady = std::make_shared<Listener>();
+    ScopedTaskFinishedListener steadyRegistration(asListener(steady));
+    std::barrier start(kFinishers + 1);
+    std::atomic<bool> done{false};
+    std::vector<std::thread> finishers;
+    for (int t = 0; t < kFinishers; ++t) {
+        finishers.emplace_back([&] {
+            start.arrive_and_wait();
+            for (int i = 0; i < kTasksEach; ++i) {
+                finishOneTask();
+            }
+        });
+    }
+    std::thread churn([&] {
+        start.arrive_and_wait();
+        while (!done) {
+            auto transient = std::make_shared<Listener>();
+            ScopedTaskFinishedListener registration(asListener(transient));
+        }
+    });
+    for (auto& finisher : finishers) {
+        finisher.join();
+    }
+    done = true;
+    churn.join();
+    EXPECT_EQ(steady->calls, kFinishers * kTasksEach);
+}
+
+} // namespace
+} // namespace parallel::language::future

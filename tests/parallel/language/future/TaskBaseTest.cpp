@@ -1,0 +1,318 @@
+// qz-test-label: concurrency
+#include "TestTask.hpp"
+
+#include <parallel/language/future/FutureErrors.hpp>
+#include <parallel/language/future/ScopedTaskFinishedListener.hpp>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <latch>
+#include <stdexcept>
+#include <thread>
+
+namespace parallel::language::future {
+namespace {
+
+using testing::noDeadline;
+using testing::secondsFromNow;
+using testing::TestTask;
+
+constexpr FutureState kAllStates[] = {FutureState::Pending, FutureState::Queued,
+                                      FutureState::Running, FutureState::Finished,
+                                      FutureState::Unavailable};
+
+double seconds(const WallClockTimePoint& t) {
+    return t.time_since_epoch().count();
+}
+
+// Counts task-finished notifications while registered.
+struct CountingListener : TaskFinishedListener {
+    std::atomic<int> calls{0};
+    void onTaskFinished() override { ++calls; }
+};
+
+void expectCancelledError(const OutputsOrError& outputs) {
+    ASSERT_TRUE(outputs.hasError());
+    try {
+        std::rethrow_exception(outputs.error());
+    } catch (const errors::ExecutionCancelled& e) {
+        EXPECT_EQ(e.get_error_id(), "parallel:fevalqueue:ExecutionCancelled");
+        EXPECT_EQ(e.get_message_id().str(), "KORVEX:parallel:future:ExecutionCancelled");
+        EXPECT_TRUE(e.get_arguments().empty());
+    }
+}
+
+TEST(TaskBase, NewTaskKnowsNothingAndNeverBlocks) {
+    auto task = TestTask::make();
+    EXPECT_EQ(task->getState(), FutureState::Unavailable);
+    EXPECT_EQ(seconds(task->getStartTime()), 0.0);
+    EXPECT_EQ(seconds(task->getFinishTime()), 0.0);
+    EXPECT_EQ(task->getRunningDuration().count(), 0.0);
+    for (FutureState target : kAllStates) {
+        EXPECT_TRUE(task->wait(target, secondsFromNow(-1.0)));
+    }
+}
+
+TEST(TaskBase, LifecycleSetsStateTimesAndOutputs) {
+    auto task = TestTask::make();
+    task->doNotifyPending();
+    EXPECT_EQ(task->getState(), FutureState::Pending);
+    task->doNotifyQueued();
+    EXPECT_EQ(task->getState(), FutureState::Queued);
+    task->doNotifyRunning();
+    EXPECT_EQ(task->getState(), FutureState::Running);
+    EXPECT_GT(seconds(task->getStartTime()), 0.0);
+    EXPECT_EQ(seconds(task->getFinishTime()), 0.0);
+
+    const OutputsOrError early = task->getOutputsOrError();
+    ASSERT_TRUE(early.hasValue());
+    EXPECT_FALSE(early.value().has_value());
+    EXPECT_EQ(task->outputsCalls, 0);
+
+    task->doNotifyFinished();
+    EXPECT_EQ(task->getState(), FutureState::Finished);
+    EXPECT_LE(seconds(task->getStartTime()), seconds(task->getFinishTime()));
+    EXPECT_DOUBLE_EQ(task->getRunningDuration().count(),
+                     seconds(task->getFinishTime()) - seconds(task->getStartTime()));
+    const OutputsOrError done = task->getOutputsOrError();
+    ASSERT_TRUE(done.hasValue());
+    EXPECT_TRUE(done.value().has_value());
+    EXPECT_EQ(task->outputsCalls, 1);
+    EXPECT_TRUE(task->getWaitableFuture().is_ready());
+}
+
+TEST(TaskBase, WaitReturnsOnlyOnceTheTargetIsReached) {
+    auto task = TestTask::make();
+    task->doNotifyPending();
+    std::latch waiting(1);
+    auto waiter = std::async(std::launch::async, [&] {
+        waiting.count_down();
+        const bool running = task->wait(FutureState::Running, noDeadline());
+        const FutureState seenAfterRunning = task->getState();
+        const bool finished = task->wait(FutureState::Finished, secondsFromNow(60.0));
+        return std::tuple(running, seenAfterRunning, finished, task->getState());
+    });
+    waiting.wait();
+    task->doNotifyQueued();
+    task->doNotifyRunning();
+    task->doNotifyFinished();
+    const auto [running, seenAfterRunning, finished, seenAfterFinished] = waiter.get();
+    EXPECT_TRUE(running);
+    EXPECT_GE(seenAfterRunning, FutureState::Running);
+    EXPECT_TRUE(finished);
+    EXPECT_EQ(seenAfterFinished, FutureState::Finished);
+}
+
+TEST(TaskBase, WaitTimesOutAtAPastOrNearDeadline) {
+    auto task = TestTask::make();
+    task->doNotifyPending();
+    EXPECT_FALSE(task->wait(FutureState::Finished, secondsFromNow(-1.0)));
+    EXPECT_FALSE(task->wait(FutureState::Running, secondsFromNow(-1.0)));
+    const SteadyTimePoint start = clock::getCurrentSteadyTime();
+    EXPECT_FALSE(task->wait(FutureState::Finished, secondsFromNow(0.05)));
+    EXPECT_GE((clock::getCurrentSteadyTime() - start).count(), 0.04);
+}
+
+TEST(TaskBase, RequeueWaitsForTheNextStart) {
+    auto task = TestTask::make();
+    task->doNotifyPending();
+    task->doNotifyQueued();
+    int ranBeforeRequeue = 0;
+    task->afterRunningThen(boost::launch::sync, [&] { ++ranBeforeRequeue; });
+    task->doNotifyRunning();
+    const double firstStart = seconds(task->getStartTime());
+    EXPECT_EQ(ranBeforeRequeue, 1);
+
+    task->doNotifyQueued();
+    EXPECT_EQ(task->getState(), FutureState::Queued);
+    int ranAfterRequeue = 0;
+    task->afterRunningThen(boost::launch::sync, [&] { ++ranAfterRequeue; });
+    EXPECT_EQ(ranAfterRequeue, 0);
+    EXPECT_FALSE(task->wait(FutureState::Running, secondsFromNow(0.02)));
+
+    task->doNotifyRunning();
+    EXPECT_EQ(ranAfterRequeue, 1);
+    EXPECT_EQ(ranBeforeRequeue, 1);
+    EXPECT_TRUE(task->wait(FutureState::Running, secondsFromNow(-1.0)));
+    EXPECT_GE(seconds(task->getStartTime()), firstStart);
+}
+
+TEST(TaskBase, SecondStartWithoutRequeueIsRefusedAfterUpdatingTheState) {
+    auto task = TestTask::make();
+    task->doNotifyRunning();
+    EXPECT_THROW(task->doNotifyRunning(), boost::promise_already_satisfied);
+    EXPECT_EQ(task->getState(), FutureState::Running);
+}
+
+TEST(TaskBase, CancelOfQueuedTaskFreezesItWithoutTellingListeners) {
+    auto listener = std::make_shared<CountingListener>();
+    ScopedTaskFinishedListener registration{std::shared_ptr<TaskFinishedListener>(listener)};
+    auto task = TestTask::make();
+    task->doNotifyPending();
+    task->doNotifyQueued();
+    task->cancel();
+    EXPECT_EQ(task->cancelCalls, 1);
+    EXPECT_EQ(task->getState(), FutureState::Finished);
+    EXPECT_EQ(task->getRunningDuration().count(), 0.0);
+    EXPECT_EQ(listener->calls, 0);
+    expectCancelledError(task->getOutputsOrError());
+    EXPECT_EQ(task->outputsCalls, 0);
+
+    const double finish = seconds(task->getFinishTime());
+    task->doNotifyRunning();
+    task->doNotifyFinished();
+    EXPECT_EQ(task->getState(), FutureState::Finished);
+    EXPECT_EQ(seconds(task->getStartTime()), 0.0);
+    EXPECT_EQ(seconds(task->getFinishTime()), finish);
+    // A finish after a cancel still tells the listeners.
+    EXPECT_EQ(listener->calls, 1);
+    expectCancelledError(task->getOutputsOrError());
+}
+
+TEST(TaskBase, CancelStopsRunningWorkOnceAndNeverAFinishedTask) {
+    auto task = TestTask::make();
+    task->doNotifyPending();
+    task->doNotifyQueued();
+    task->doNotifyRunning();
+    task->cancel();
+    EXPECT_EQ(task->cancelCalls, 1);
+    EXPECT_EQ(task->getState(), FutureState::Finished);
+    task->cancel();
+    EXPECT_EQ(task->cancelCalls, 1);
+
+    auto finished = TestTask::make();
+    finished->runToFinish();
+    finished->cancel();
+    EXPECT_EQ(finished->cancelCalls, 0);
+    EXPECT_TRUE(finished->getOutputsOrError().hasValue());
+}
+
+TEST(TaskBase, CancelSurvivesAThrowingExecutor) {
+    auto task = TestTask::make();
+    task->onCancel = [] { throw std::runtime_error("executor refused"); };
+    task->doNotifyPending();
+    EXPECT_NO_THROW(task->cancel());
+    EXPECT_EQ(task->getState(), FutureState::Finished);
+    expectCancelledError(task->getOutputsOrError());
+}
+
+TEST(TaskBase, CancelByTheExecutorAfterFinishHidesTheOutputs) {
+    auto task = TestTask::make();
+    task->runToFinish();
+    const double finish = seconds(task->getFinishTime());
+    task->doNotifyCancelled();
+    EXPECT_GE(seconds(task->getFinishTime()), finish);
+    expectCancelledError(task->getOutputsOrError());
+}
+
+TEST(TaskBase, NotificationsInAnyOrderAreFollowed) {
+    auto task = TestTask::make();
+    task->doNotifyFinished();
+    EXPECT_EQ(task->getState(), FutureState::Finished);
+    task->doNotifyPending();
+    EXPECT_EQ(task->getState(), FutureState::Pending);
+    task->doNotifyFinished();
+    task->doNotifyQueued();
+    EXPECT_EQ(task->getState(), FutureState::Queued);
+    // The finished future became ready at the first finish and stays ready.
+    EXPECT_TRUE(task->getWaitableFuture().is_ready());
+    EXPECT_TRUE(task->wait(FutureState::Finished, secondsFromNow(-1.0)));
+}
+
+TEST(TaskBase, FinishCallbacksRunInTheNotifyingThreadOnceFinished) {
+    auto finished = TestTask::make();
+    finished->runToFinish();
+    bool ranAtOnce = false;
+    finished->afterFinishThen(boost::launch::sync, [&] { ranAtOnce = true; });
+    EXPECT_TRUE(ranAtOnce);
+
+    auto task = TestTask::make();
+    task->doNotifyRunning();
+    std::thread::id ranOn;
+    FutureState stateSeen = FutureState::Pending;
+    task->afterFinishThen(boost::launch::sync, [&] {
+        ranOn = std::this_thread::get_id();
+        stateSeen = task->getState();
+    });
+    std::thread notifier([&] { task->doNotifyFinished(); });
+    const std::thread::id notifierId = notifier.get_id();
+    notifier.join();
+    EXPECT_EQ(ranOn, notifierId);
+    EXPECT_EQ(stateSeen, FutureState::Finished);
+
+    auto cancelled = TestTask::make();
+    bool ranOnCancel = false;
+    cancelled->afterFinishThen(boost::launch::sync, [&] { ranOnCancel = true; });
+    cancelled->cancel();
+    EXPECT_TRUE(ranOnCancel);
+}
+
+TEST(TaskBase, CallbackFailuresReachNobody) {
+    auto task = TestTask::make();
+    task->runToFinish();
+    EXPECT_NO_THROW(task->afterFinishThen(boost::launch::sync,
+                                          [] { throw std::runtime_error("callback failed"); }));
+    EXPECT_NO_THROW(task->afterFinishThen(boost::launch::sync, std::function<void()>()));
+    EXPECT_NO_THROW(task->afterRunningThen(boost::launch::sync, std::function<void()>()));
+}
+
+TEST(TaskBase, DestroyingAnUnfinishedTaskRunsItsCallbacks) {
+    auto task = TestTask::make();
+    task->doNotifyPending();
+    bool finishCallback = false;
+    bool runningCallback = false;
+    task->afterFinishThen(boost::launch::sync, [&] { finishCallback = true; });
+    task->afterRunningThen(boost::launch::sync, [&] { runningCallback = true; });
+    boost::shared_future<void> waitable = task->getWaitableFuture();
+    task.reset();
+    EXPECT_TRUE(finishCallback);
+    EXPECT_TRUE(runningCallback);
+    ASSERT_TRUE(waitable.is_ready());
+    EXPECT_THROW(waitable.get(), boost::broken_promise);
+}
+
+TEST(TaskBase, CancelledBeforeRunningCountsAsPastRunning) {
+    auto task = TestTask::make();
+    task->doNotifyPending();
+    EXPECT_FALSE(task->wait(FutureState::Running, secondsFromNow(0.01)));
+    task->cancel();
+    EXPECT_TRUE(task->wait(FutureState::Running, secondsFromNow(-1.0)));
+}
+
+TEST(TaskBase, ManyTasksFinishingConcurrentlyWakeTheirWaiters) {
+    constexpr int kTasks = 64;
+    std::vector<std::shared_ptr<TestTask>> tasks;
+    for (int i = 0; i < kTasks; ++i) {
+        tasks.push_back(TestTask::make());
+        tasks.back()->doNotifyPending();
+    }
+    std::latch start(3);
+    auto finisher = [&](int parity) {
+        start.arrive_and_wait();
+        for (int i = parity; i < kTasks; i += 2) {
+            tasks[i]->doNotifyQueued();
+            tasks[i]->doNotifyRunning();
+            if (i % 3 == 0) {
+                tasks[i]->cancel();
+            } else {
+                tasks[i]->doNotifyFinished();
+            }
+        }
+    };
+    std::thread even(finisher, 0);
+    std::thread odd(finisher, 1);
+    start.arrive_and_wait();
+    for (auto& task : tasks) {
+        EXPECT_TRUE(task->wait(FutureState::Finished, secondsFromNow(60.0)));
+    }
+    even.join();
+    odd.join();
+    for (auto& task : tasks) {
+        EXPECT_EQ(task->getState(), FutureState::Finished);
+    }
+}
+
+} // namespace
+} // namespace parallel::language::future
