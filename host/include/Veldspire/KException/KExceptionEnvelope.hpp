@@ -68,6 +68,7 @@ public:
 
 private:
     struct Data;
+    const Data& data() const noexcept;
     std::unique_ptr<Data> data_;
 };
 
