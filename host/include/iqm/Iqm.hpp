@@ -1,0 +1,77 @@
+#pragma once
+
+// The interpreter's queue manager: named queues of work that run only on the
+// interpreter's thread, inside the processing calls below.
+//
+// Threads: post, postDetached and wakeUp from any thread; the processing
+// calls (processOnce, processUntil, runQueue) on the interpreter thread only.
+// Work runs in posting order per queue; a processing call that names several
+// queues takes the oldest piece of work among them. Work that throws never
+// leaves a processing call: its exception reaches the poster's future, or,
+// for detached work, the host's error report (reportDetachedError).
+
+#include <host/Export.hpp>
+
+#include <boost/thread/future.hpp>
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_set>
+
+namespace iqm {
+
+using QueueName = std::u16string;
+using QueueNames = std::unordered_set<std::u16string>;
+using SteadyTimePoint = std::chrono::time_point<std::chrono::steady_clock, std::chrono::duration<double>>;
+
+class QZHOST_API Iqm {
+public:
+    Iqm();
+    ~Iqm();
+    Iqm(const Iqm&) = delete;
+    Iqm& operator=(const Iqm&) = delete;
+
+    // The queue manager of the calling thread's interpreter; null on a thread
+    // that is not an interpreter thread.
+    static std::shared_ptr<Iqm> getCurrent();
+
+    // Queues `work` under `queue`; the future receives its completion or error.
+    boost::future<void> post(const QueueName& queue, std::function<void()> work);
+    // Queues `work` under `queue`; an error goes to the host's error report.
+    void postDetached(const QueueName& queue, std::function<void()> work);
+
+    // Runs queued work of the named queues, at most `limit` pieces (all that
+    // is queued when empty), without waiting. True when any work ran.
+    bool processOnce(const QueueNames& queues, std::optional<std::size_t> limit);
+
+    // Runs queued work of the named queues until `stop` answers true. `stop`
+    // is asked before the first sleep, after every piece of work and after
+    // every wake-up. Sleeps without polling while there is nothing to run,
+    // until work is posted, wakeUp is called, or `wakeBy` passes.
+    void processUntil(const QueueNames& queues, const std::function<bool()>& stop,
+                      std::optional<SteadyTimePoint> wakeBy = std::nullopt);
+
+    // Wakes a thread sleeping in processUntil so that it asks its predicate again.
+    void wakeUp();
+
+    // Runs queued work of one queue, at most `limit` pieces (all that is
+    // queued when empty).
+    void runQueue(const QueueName& queue, std::optional<std::size_t> limit);
+
+    // Pieces of work queued under `queue` and not yet run. Any thread.
+    std::size_t pending(const QueueName& queue) const;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+// Where errors of detached work go: standard error, unless a handler is set.
+// Any thread; the handler runs on the interpreter thread.
+QZHOST_API void setDetachedErrorHandler(std::function<void(std::exception_ptr)> handler);
+
+} // namespace iqm
