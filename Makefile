@@ -1,0 +1,84 @@
+# Entry points. Each target installs missing Debian packages (scripts/bootstrap),
+# configures its own build folder and builds what it needs.
+#
+#   make demo       build and run examples/demo            (build/release)
+#   make test       build and run the unit tests           (build/release)
+#   make sanitize   all tests under ASan+UBSan             (build/asan)
+#                   'concurrency' tests under TSan         (build/tsan)
+#   make bench      build and run the benchmarks           (build/bench)
+#   make format     clang-format the sources in place
+#   make clean      remove build/
+
+SHELL := bash
+.SHELLFLAGS := -euo pipefail -c
+
+JOBS ?= 2
+# Per-test limit, so that a hang fails the run instead of using up its time.
+TEST_TIMEOUT ?= 300
+BENCH_ARGS ?=
+
+CMAKE_CONFIGURE := cmake -S . -G "Unix Makefiles"
+CTEST := ctest --output-on-failure -j$(JOBS) --timeout $(TEST_TIMEOUT)
+
+RELEASE_FLAGS := -DCMAKE_BUILD_TYPE=Release -DQZ_SANITIZER= \
+                 -DQZ_BUILD_TESTS=ON -DQZ_BUILD_EXAMPLES=ON -DQZ_BUILD_BENCHMARKS=OFF
+BENCH_FLAGS   := -DCMAKE_BUILD_TYPE=Release -DQZ_SANITIZER= \
+                 -DQZ_BUILD_TESTS=OFF -DQZ_BUILD_EXAMPLES=OFF -DQZ_BUILD_BENCHMARKS=ON
+SANITIZE_FLAGS := -DCMAKE_BUILD_TYPE=Debug \
+                  -DQZ_BUILD_TESTS=ON -DQZ_BUILD_EXAMPLES=OFF -DQZ_BUILD_BENCHMARKS=OFF
+
+export ASAN_OPTIONS  := halt_on_error=1:print_stacktrace=1:detect_leaks=1
+export UBSAN_OPTIONS := halt_on_error=1:print_stacktrace=1
+export TSAN_OPTIONS  := halt_on_error=1:second_deadlock_stack=1
+
+FORMAT_DIRS := host parallel tests bench examples
+
+# The targets share build folders and the machine's cores: run them one at a time.
+.NOTPARALLEL:
+
+.PHONY: demo test sanitize sanitize-address sanitize-thread bench format clean bootstrap
+
+bootstrap:
+	@bash scripts/bootstrap
+
+demo: bootstrap
+	$(CMAKE_CONFIGURE) -B build/release $(RELEASE_FLAGS)
+	cmake --build build/release --target demo -j$(JOBS)
+	build/release/examples/demo
+
+test: bootstrap
+	$(CMAKE_CONFIGURE) -B build/release $(RELEASE_FLAGS)
+	cmake --build build/release -j$(JOBS)
+	$(CTEST) --test-dir build/release
+
+sanitize: sanitize-address sanitize-thread
+
+sanitize-address: bootstrap
+	$(CMAKE_CONFIGURE) -B build/asan $(SANITIZE_FLAGS) -DQZ_SANITIZER=address,undefined
+	cmake --build build/asan -j$(JOBS)
+	$(CTEST) --test-dir build/asan
+
+# Only the executables of the tests labelled 'concurrency' are built here.
+sanitize-thread: bootstrap
+	$(CMAKE_CONFIGURE) -B build/tsan $(SANITIZE_FLAGS) -DQZ_SANITIZER=thread
+	targets=$$(ctest --test-dir build/tsan -N -L concurrency | sed -n 's/^ *Test *#[0-9]*: *//p'); \
+	if [[ -z "$$targets" ]]; then echo "sanitize-thread: no test is labelled 'concurrency'"; exit 0; fi; \
+	cmake --build build/tsan -j$(JOBS) --target $$targets; \
+	$(CTEST) --test-dir build/tsan -L concurrency
+
+bench: bootstrap
+	$(CMAKE_CONFIGURE) -B build/bench $(BENCH_FLAGS)
+	cmake --build build/bench -j$(JOBS)
+	while read -r executable; do \
+	  [[ -n "$$executable" ]] || continue; \
+	  echo "== $$executable"; \
+	  "$$executable" $(BENCH_ARGS); \
+	done < build/bench/benchmarks.list
+
+format:
+	@bash scripts/bootstrap clang-format
+	find $(FORMAT_DIRS) -type f \( -name '*.cpp' -o -name '*.hpp' -o -name '*.h' \) -print0 \
+	  | xargs -0 -r clang-format -i
+
+clean:
+	rm -rf build
