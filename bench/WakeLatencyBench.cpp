@@ -1,0 +1,129 @@
+// Wake-up latency of TaskBase::wait(Finished): the time from just before the
+// executor's doNotifyFinished to the return of wait on a thread that is
+// already asleep in it. Next to it the same hand-off on a bare
+// boost::promise<void> / boost::shared_future<void>. Each round uses a fresh
+// task (or promise) and a fresh waiter thread; the median and the 99th
+// percentile over the rounds are reported in microseconds.
+
+#include <parallel/language/future/FutureState.hpp>
+#include <parallel/language/future/TaskBase.hpp>
+#include <parallel/language/future/TimeTypes.hpp>
+
+#include <benchmark/benchmark.h>
+#include <boost/chrono/system_clocks.hpp>
+#include <boost/thread/future.hpp>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <latch>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+namespace pf = parallel::language::future;
+using SteadyClock = std::chrono::steady_clock;
+
+class MinimalTask final : public pf::TaskBase {
+public:
+    void start() {
+        doNotifyPending();
+        doNotifyQueued();
+        doNotifyRunning();
+    }
+    void finish() { doNotifyFinished(); }
+
+private:
+    void doCancel() override {}
+    pf::OutputsOrError doGetOutputsOrError() override {
+        return pf::OutputsOrError(std::optional<pf::DvArrayVector>());
+    }
+    std::u16string doGetDiary() override { return {}; }
+};
+
+long long nowNanoseconds() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               SteadyClock::now().time_since_epoch())
+        .count();
+}
+
+// One round: `waitFor` blocks on a fresh waiter thread; once it is surely
+// asleep, the start time is published and `wake` runs here. Answers the
+// latency in nanoseconds, as the waiter measured it.
+template <class WaitFor, class Wake>
+double measureOneWake(WaitFor waitFor, Wake wake) {
+    std::latch waiterReady(1);
+    std::atomic<long long> wakeStart{0};
+    long long latency = 0;
+    std::thread waiter([&] {
+        waiterReady.count_down();
+        waitFor();
+        latency = nowNanoseconds() - wakeStart.load(std::memory_order_acquire);
+    });
+    waiterReady.wait();
+    // Give the waiter time to go to sleep in the wait.
+    const auto asleep = SteadyClock::now() + std::chrono::microseconds(50);
+    while (SteadyClock::now() < asleep) {
+    }
+    wakeStart.store(nowNanoseconds(), std::memory_order_release);
+    wake();
+    waiter.join();
+    return static_cast<double>(latency);
+}
+
+void reportPercentiles(benchmark::State& state, std::vector<double> latencies) {
+    std::sort(latencies.begin(), latencies.end());
+    const auto at = [&](double fraction) {
+        const auto rank = static_cast<std::size_t>(std::ceil(fraction * latencies.size()));
+        return latencies[std::clamp<std::size_t>(rank, 1, latencies.size()) - 1] / 1e3;
+    };
+    state.counters["median_us"] = at(0.5);
+    state.counters["p99_us"] = at(0.99);
+}
+
+void BM_TaskWakeLatency(benchmark::State& state) {
+    const auto rounds = static_cast<std::size_t>(state.range(0));
+    std::vector<double> latencies;
+    for (auto _ : state) {
+        latencies.clear();
+        for (std::size_t i = 0; i < rounds; ++i) {
+            auto task = std::make_shared<MinimalTask>();
+            task->start();
+            const pf::SteadyTimePoint deadline =
+                pf::clock::getCurrentSteadyTime() + pf::Seconds(10.0);
+            latencies.push_back(measureOneWake(
+                [&] { benchmark::DoNotOptimize(task->wait(pf::FutureState::Finished, deadline)); },
+                [&] { task->finish(); }));
+        }
+    }
+    reportPercentiles(state, std::move(latencies));
+}
+
+void BM_BarePromiseWakeLatency(benchmark::State& state) {
+    const auto rounds = static_cast<std::size_t>(state.range(0));
+    std::vector<double> latencies;
+    for (auto _ : state) {
+        latencies.clear();
+        for (std::size_t i = 0; i < rounds; ++i) {
+            boost::promise<void> finished;
+            boost::shared_future<void> finishedFuture = finished.get_future().share();
+            const auto deadline = boost::chrono::steady_clock::now() + boost::chrono::seconds(10);
+            latencies.push_back(measureOneWake(
+                [&] { benchmark::DoNotOptimize(finishedFuture.wait_until(deadline)); },
+                [&] { finished.set_value(); }));
+        }
+    }
+    reportPercentiles(state, std::move(latencies));
+}
+
+} // namespace
+
+BENCHMARK(BM_TaskWakeLatency)->Arg(2000)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_BarePromiseWakeLatency)->Arg(2000)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+BENCHMARK_MAIN();
