@@ -24,7 +24,8 @@ QZHOST_API void reset_channel_switches();
 QZHOST_API int configure_from_environment();
 
 // A sink that writes each record as one line to `out`:
-// "[channel] <two spaces per indent level>text". Removed when the handle is
+// "[channel] <two spaces per indent level>text", the text of a function
+// trace's entry record marked "> " and of its exit record "< ". Removed when the handle is
 // destroyed; `out` must outlive it.
 class QZHOST_API ConsoleSink {
 public:

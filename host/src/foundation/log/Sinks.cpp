@@ -1,4 +1,5 @@
 #include <foundation/log/configuration.hpp>
+#include <foundation/log/diagnostic_logger.hpp>
 
 #include <boost/core/null_deleter.hpp>
 #include <boost/log/attributes/value_extraction.hpp>
@@ -27,11 +28,17 @@ CapturedRecord capture(const logging::record_view& record) {
     return captured;
 }
 
-// "[channel] " followed by two spaces per indent level and the text.
+// "[channel] " followed by two spaces per indent level, "> " or "< " for the
+// entry or exit record of a function trace, and the text.
 void formatLine(const logging::record_view& record, logging::formatting_ostream& out) {
     const CapturedRecord line = capture(record);
-    out << '[' << line.channel << "] " << std::string(2 * std::max(line.indent, 0), ' ')
-        << line.message;
+    out << '[' << line.channel << "] " << std::string(2 * std::max(line.indent, 0), ' ');
+    if (line.severity == foundation::log::severity::trace_entry) {
+        out << "> ";
+    } else if (line.severity == foundation::log::severity::trace_exit) {
+        out << "< ";
+    }
+    out << line.message;
 }
 
 // Keeps the records it is fed. Any thread.
