@@ -1,0 +1,173 @@
+#pragma once
+
+#include <parallel/language/future/Export.hpp>
+#include <parallel/language/future/FetchNextState.hpp>
+#include <parallel/language/future/FutureState.hpp>
+#include <parallel/language/future/OutputFormat.hpp>
+#include <parallel/language/future/PerTaskVariant.hpp>
+#include <parallel/language/future/TimeTypes.hpp>
+
+#include <kcos/COSInterface.hpp>
+#include <matrix/dvArray.hpp>
+
+#include <boost/thread/future.hpp>
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <tuple>
+#include <vector>
+
+namespace parallel::language::future {
+
+// The next future ID: 1, 2, 3, ... for the life of the library. Any thread;
+// one sequentially consistent fetch-and-add.
+QZ_FUTURE_API long long getNextID();
+
+// The base of every future the language sees. It owns what a future has
+// whatever executes its work: the ID, the creation time, the function, the
+// number of outputs, the inputs, the cached outputs-or-error, the Read flag
+// and the handles on its language objects. Everything about execution is
+// asked of the subclass through the private do* slots.
+//
+// Ownership: always held through std::shared_ptr<FutureBase>. Held arrays are
+// property arrays, tied to the future's language object once it has one.
+// Destroying a future never cancels its work.
+//
+// Threads: a future takes no lock. Its non-static operations are called from
+// one thread at a time (the language's thread in the class binding); the
+// static operations on vectors of futures run on the interpreter thread.
+// Only the ID counter is shared between futures.
+class QZ_FUTURE_API FutureBase : public std::enable_shared_from_this<FutureBase> {
+public:
+    static constexpr long long invalidID = -1;
+
+    // For futures that run `function` on inputs (one input vector, or one per
+    // task). An empty `id` draws the next ID.
+    FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
+               unsigned int numOutputs, PerTaskVariant<DvArrayVector> inputs,
+               std::optional<long long> id);
+    // An invalid future: ID -1, no function, no inputs.
+    FutureBase();
+    virtual ~FutureBase();
+    FutureBase(const FutureBase&) = delete;
+    FutureBase& operator=(const FutureBase&) = delete;
+
+    // Time helpers shared by tasks and futures.
+    static WallClockTimePoint getCurrentTime() { return clock::getCurrentTime(); }
+    static SteadyTimePoint getCurrentSteadyTime() { return clock::getCurrentSteadyTime(); }
+    static Seconds calcDuration(const WallClockTimePoint& start, const WallClockTimePoint& finish) {
+        return clock::calcDuration(start, finish);
+    }
+
+    long long getID() const noexcept { return id_; }
+    bool isInvalid() const noexcept { return id_ == invalidID; }
+    unsigned int getNumOutputs() const noexcept { return numOutputs_; }
+    const kcos::COSInterface* getParent() const noexcept { return parent_.get(); }
+    // A shared copy of the function; null when there is none.
+    boost::intrusive_ptr<dvArray> getFunction() const;
+    bool getRead() const noexcept { return read_; }
+
+    FutureState getState() const { return doGetState(); }
+    bool isMultiFuture() const { return doIsMultiFuture(); }
+    const char* getCosAliasName() const { return doGetCosAliasName(); }
+    PerTaskVariant<std::u16string> getDiary() const { return doGetDiary(); }
+    WallClockTimePoint getStartTime() const { return doGetStartTime(); }
+    WallClockTimePoint getFinishTime() const { return doGetFinishTime(); }
+    // The creation time, or the start time of work that started earlier.
+    WallClockTimePoint getCreateTime() const;
+    Seconds getRunningDuration() const;
+
+    // Cancels the work unless the future is unavailable.
+    void cancel();
+    void afterFinishThen(boost::launch policy, std::function<void()> callback);
+
+    // The inputs read back as vectors; an absent entry gives an empty optional.
+    PerTaskVariant<std::optional<DvArrayVector>> getInputs() const;
+    // The input cell (single), or a 1-by-N cell of the tasks' input cells.
+    matrix::unique_dvArray getInputsAsDvArray() const;
+
+    // The getters below fill the outputs-or-error cache once the work has
+    // finished; before that they see neither outputs nor an error. Errors of
+    // the work are returned, never thrown.
+    PerTaskVariant<std::optional<DvArrayVector>> getOutputs();
+    matrix::unique_dvArray getOutputsAsDvArray();
+    PerTaskVariant<std::exception_ptr> getError();
+    matrix::unique_dvArray getErrorAsDvArray();
+    bool hasError();
+    // Output k of every task that has outputs, joined per `format`: one
+    // array per output. Throws FetchOutputsConcatenationFailed when the
+    // concatenated form cannot be built.
+    DvArrayVector getOutputsAs(unsigned int numOutputs, OutputFormat format);
+
+    // The arrays this future owns as properties (function, inputs, cache),
+    // not copied; null entries are left out.
+    std::vector<dvArray*> getOwnedResources();
+
+    // Waits until every future has at least reached `state` (Running or
+    // Finished), running the interpreter's queued work and honouring user
+    // interrupts at least once a second. True when all got there before the
+    // deadline. Throws WaitOnUnavailableFuture / WaitOnUnsubmittedFuture for
+    // futures that cannot be waited on. Interpreter thread.
+    static bool wait(std::vector<std::shared_ptr<FutureBase>> futures, FutureState state,
+                     Seconds timeout);
+    static bool wait(std::vector<std::shared_ptr<FutureBase>> futures, FutureState state,
+                     const SteadyTimePoint& deadline);
+
+    // Waits for every future to finish, marks them read, raises the errors
+    // of failed work as one ExecutionErrors error, and returns `numOutputs`
+    // arrays: output k of all futures concatenated (uniform output) or as
+    // cells. Interpreter thread.
+    static DvArrayVector fetchOutputs(std::vector<std::shared_ptr<FutureBase>> futures,
+                                      bool uniformOutput, unsigned int numOutputs);
+
+    // Takes the first unread finished future (waiting up to `timeout` for
+    // one), marks it read and returns its index and `numOutputs` outputs.
+    // Interpreter thread.
+    static std::tuple<FetchNextState, std::size_t, DvArrayVector>
+    fetchNext(std::vector<std::shared_ptr<FutureBase>> futures, unsigned int numOutputs,
+              Seconds timeout);
+
+protected:
+    // For multi-task subclasses: per-task inputs and cache of `n` empty entries.
+    void initMultiTaskInputs(std::size_t n);
+    void initMultiTaskOutputsOrError(std::size_t n);
+    void setInputs(const PerTaskVariant<DvArrayVector>& inputs);
+    void setInputs(std::size_t index, const DvArrayVector& inputs);
+    void setOutputsOrError(const PerTaskVariant<OutputsOrError>& outputsOrError);
+    void setOutputsOrError(std::size_t index, const OutputsOrError& outputsOrError);
+
+private:
+    virtual void doCancel() = 0;
+    virtual boost::shared_future<void> doGetWaitableFuture() = 0;
+    virtual bool doWait(FutureState state, SteadyTimePoint deadline) = 0;
+    virtual void doAfterFinishThen(boost::launch policy, std::function<void()> callback) = 0;
+    virtual PerTaskVariant<std::u16string> doGetDiary() const = 0;
+    virtual WallClockTimePoint doGetFinishTime() const = 0;
+    virtual PerTaskVariant<OutputsOrError> doGetOutputsOrError() const = 0;
+    virtual WallClockTimePoint doGetStartTime() const = 0;
+    virtual FutureState doGetState() const = 0;
+    virtual bool doIsMultiFuture() const;
+    virtual const char* doGetCosAliasName() const = 0;
+
+    void initOutputsOrErrorIfNeeded();
+    bool isOutputsOrErrorCached() const;
+    DvArrayVector doFetchNext(unsigned int numOutputs);
+    void setRead(bool read) noexcept { read_ = read; }
+    // Accounts `array`'s memory to the own language object, once there is one.
+    void setChildParentRoot(const dvArray* array);
+
+    WallClockTimePoint createTime_{};
+    PropertyDvArray function_;
+    long long id_ = invalidID;
+    unsigned int numOutputs_ = 0;
+    kcos::COSInterfacePtr parent_;
+    PropertyDvArray predecessors_;
+    PerTaskVariant<PropertyDvArray> inputs_;
+    PerTaskVariant<OutputsOrErrorPropertyDvArray> outputsOrError_;
+    bool read_ = false;
+    kcos::COSInterfacePtr cosi_;
+};
+
+} // namespace parallel::language::future

@@ -1,0 +1,589 @@
+#include <parallel/language/future/FutureBase.hpp>
+
+#include <parallel/language/future/FutureErrors.hpp>
+#include <parallel/language/future/ScopedTaskFinishedListener.hpp>
+
+#include "DiagnosticLogging.hpp"
+#include "ErrorConversion.hpp"
+#include "PropertyArrays.hpp"
+
+#include <Veldspire/KException/KExceptionEnvelope.hpp>
+#include <interpreter/Kdispatcher.hpp>
+#include <iqm/Iqm.hpp>
+#include <kvm/KVM.hpp>
+
+#include <algorithm>
+#include <atomic>
+#include <limits>
+#include <stdexcept>
+
+namespace parallel::language::future {
+
+using Veldspire::KException::KExceptionEnvelope;
+
+namespace {
+
+logging::Logger& logger() noexcept {
+    return logging::futureBaseLogger();
+}
+
+std::atomic<long long> gNextID{1};
+
+// The queues whose work keeps running while the interpreter thread waits.
+const iqm::QueueNames& waitingQueueNames() {
+    static const iqm::QueueNames names{u"parallel", u"serialQueueWork"};
+    return names;
+}
+
+const iqm::QueueName kParallelQueue = u"parallel";
+
+// Applies `convert` to every entry, keeping the single or per-task shape.
+template <class R, class T, class Convert>
+PerTaskVariant<R> mapEntries(const PerTaskVariant<T>& entries, Convert&& convert) {
+    if (!entries.isMulti()) {
+        return PerTaskVariant<R>(convert(entries.getAsSingle()));
+    }
+    std::vector<R> converted;
+    converted.reserve(entries.size());
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        converted.push_back(convert(entries[i]));
+    }
+    return PerTaskVariant<R>(std::move(converted));
+}
+
+PerTaskVariant<PropertyDvArray> toPropertyCells(const PerTaskVariant<DvArrayVector>& inputs) {
+    return mapEntries<PropertyDvArray>(inputs, detail::makePropertyCell);
+}
+
+// A single entry's copy, or a 1-by-N cell of copies of each entry, of the
+// array `select` picks from the entry.
+template <class T, class Select>
+matrix::unique_dvArray entriesAsDvArray(const PerTaskVariant<T>& entries, Select&& select) {
+    if (!entries.isMulti()) {
+        return detail::copyArray(select(entries.getAsSingle()));
+    }
+    matrix::unique_dvArray cell = matrix::detail::do_create_cell({1, entries.size()});
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        dvSetCell(cell.get(), i, detail::copyArray(select(entries[i])));
+    }
+    return cell;
+}
+
+KExceptionEnvelope envelopeOf(const foundation::core::except::IUserException& error) {
+    return KExceptionEnvelope(error, matrix::dvCreateStackStruct(0));
+}
+
+// "vertcat" of `parts`, as the interpreter's function in the current scope.
+// Any failure becomes FetchOutputsConcatenationFailed, with the failure as
+// its cause when it is a language error.
+boost::intrusive_ptr<dvArray> concatenateVertically(const DvArrayVector& parts) {
+    std::optional<KExceptionEnvelope> cause;
+    try {
+        Kdispatcher& dispatcher = Kdispatcher::getDispatcher();
+        const std::optional<Kfunction_handle> vertcat =
+            dispatcher.lookup("vertcat", dispatcher.GetCurrentlyExecutingFunctionScope());
+        if (vertcat) {
+            return (*vertcat)(parts);
+        }
+    } catch (const KExceptionEnvelope& error) {
+        cause = error;
+    } catch (const foundation::core::except::IUserException& error) {
+        cause = envelopeOf(error);
+    } catch (...) {
+    }
+    if (!cause) {
+        throw errors::FetchOutputsConcatenationFailed();
+    }
+    KExceptionEnvelope failure = envelopeOf(errors::FetchOutputsConcatenationFailed());
+    failure.AddCause(*cause);
+    throw failure;
+}
+
+// Output k of `source`; null when the source has fewer outputs.
+const dvArray* outputAt(const DvArrayVector& source, unsigned int k) {
+    return k < source.size() ? source[k].get() : nullptr;
+}
+
+// Output k of every source joined vertically, for k below `numOutputs`: no
+// source gives null arrays, one source its own arrays unchanged.
+DvArrayVector concatenateEach(std::vector<DvArrayVector> sources, unsigned int numOutputs) {
+    if (sources.empty()) {
+        return DvArrayVector(numOutputs);
+    }
+    if (sources.size() == 1) {
+        sources.front().resize(numOutputs);
+        return std::move(sources.front());
+    }
+    DvArrayVector joined;
+    joined.reserve(numOutputs);
+    for (unsigned int k = 0; k < numOutputs; ++k) {
+        DvArrayVector parts;
+        parts.reserve(sources.size());
+        for (const DvArrayVector& source : sources) {
+            parts.emplace_back(matrix::to_korvex(detail::copyArray(outputAt(source, k))), false);
+        }
+        joined.push_back(concatenateVertically(parts));
+    }
+    return joined;
+}
+
+// Output k of every source gathered into an M-by-1 cell, one row per source.
+DvArrayVector gatherIntoCells(const std::vector<DvArrayVector>& sources, unsigned int numOutputs) {
+    DvArrayVector cells;
+    cells.reserve(numOutputs);
+    for (unsigned int k = 0; k < numOutputs; ++k) {
+        matrix::unique_dvArray cell = matrix::detail::do_create_cell({sources.size(), 1});
+        for (std::size_t i = 0; i < sources.size(); ++i) {
+            dvSetCell(cell.get(), i, detail::copyArray(outputAt(sources[i], k)));
+        }
+        cells.emplace_back(matrix::to_korvex(std::move(cell)), false);
+    }
+    return cells;
+}
+
+// Throws `failure` with the errors among `errors` as causes: the one error
+// once when every entry failed the same way, otherwise each in entry order.
+void raiseExecutionErrors(const PerTaskVariant<std::exception_ptr>& errors,
+                          KExceptionEnvelope failure) {
+    std::vector<KExceptionEnvelope> causes;
+    for (std::size_t i = 0; i < errors.size(); ++i) {
+        if (errors[i]) {
+            causes.push_back(detail::toKExceptionEnvelope(errors[i]));
+        }
+    }
+    if (causes.empty()) {
+        return;
+    }
+    const bool allFailedAlike =
+        causes.size() == errors.size() &&
+        std::all_of(causes.begin(), causes.end(),
+                    [&](const KExceptionEnvelope& cause) { return cause == causes.front(); });
+    if (allFailedAlike) {
+        failure.AddCause(causes.front());
+    } else {
+        failure.AddCauses(causes);
+    }
+    throw failure;
+}
+
+// One future waiting in fetchNext.
+struct FetchNextWaitableFuture {
+    std::size_t index;
+    boost::shared_future<void> future;
+};
+using Candidates = std::vector<FetchNextWaitableFuture>;
+
+// Wakes the waiting interpreter whenever any task finishes. Any thread.
+class WaitForAnyTaskFinishedListener : public TaskFinishedListener {
+public:
+    explicit WaitForAnyTaskFinishedListener(std::shared_ptr<iqm::Iqm> queueManager)
+        : queueManager_(std::move(queueManager)) {}
+    void onTaskFinished() override { queueManager_->wakeUp(); }
+
+private:
+    std::shared_ptr<iqm::Iqm> queueManager_;
+};
+
+Candidates::const_iterator firstReady(Candidates::const_iterator first,
+                                      Candidates::const_iterator last) {
+    return std::find_if(first, last, [](const FetchNextWaitableFuture& candidate) {
+        return candidate.future.is_ready();
+    });
+}
+
+// Runs the interpreter's queued work until a candidate is ready or the
+// deadline passes; the first ready candidate, or `last`. Interpreter thread.
+Candidates::const_iterator waitForAnyWithDequeue(Candidates::const_iterator first,
+                                                 Candidates::const_iterator last,
+                                                 const SteadyTimePoint& deadline) {
+    std::shared_ptr<iqm::Iqm> queueManager = iqm::Iqm::getCurrent();
+    if (!queueManager) {
+        throw std::logic_error("fetchNext waits on an interpreter thread only.");
+    }
+    ScopedTaskFinishedListener registration(
+        std::make_shared<WaitForAnyTaskFinishedListener>(queueManager));
+    queueManager->processUntil(
+        waitingQueueNames(),
+        [&] { return firstReady(first, last) != last || clock::getCurrentSteadyTime() > deadline; },
+        deadline);
+    return firstReady(first, last);
+}
+
+void runParallelQueue() {
+    if (std::shared_ptr<iqm::Iqm> queueManager = iqm::Iqm::getCurrent()) {
+        queueManager->runQueue(kParallelQueue, std::nullopt);
+    }
+}
+
+} // namespace
+
+long long getNextID() {
+    return gNextID.fetch_add(1);
+}
+
+FutureBase::FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
+                       unsigned int numOutputs, PerTaskVariant<DvArrayVector> inputs,
+                       std::optional<long long> id)
+    : createTime_(getCurrentTime()),
+      function_(function ? omCopyArrayForPropertyContainment(function.get()) : nullptr),
+      id_(id ? *id : getNextID()), numOutputs_(numOutputs),
+      parent_(parent, kcos::COSReferenceType::Weak), inputs_(toPropertyCells(inputs)) {}
+
+FutureBase::FutureBase() : inputs_(detail::makePropertyCell({})) {}
+
+FutureBase::~FutureBase() = default;
+
+bool FutureBase::doIsMultiFuture() const {
+    return false;
+}
+
+boost::intrusive_ptr<dvArray> FutureBase::getFunction() const {
+    if (!function_) {
+        return nullptr;
+    }
+    return boost::intrusive_ptr<dvArray>(
+        matrix::to_korvex(matrix::detail::do_shared_copy(function_.get())), false);
+}
+
+WallClockTimePoint FutureBase::getCreateTime() const {
+    const WallClockTimePoint start = doGetStartTime();
+    if (start.time_since_epoch().count() == 0.0) {
+        return createTime_;
+    }
+    return std::min(createTime_, start);
+}
+
+Seconds FutureBase::getRunningDuration() const {
+    return calcDuration(getStartTime(), getFinishTime());
+}
+
+void FutureBase::cancel() {
+    if (doGetState() == FutureState::Unavailable) {
+        return;
+    }
+    doCancel();
+}
+
+void FutureBase::afterFinishThen(boost::launch policy, std::function<void()> callback) {
+    doAfterFinishThen(policy, std::move(callback));
+}
+
+PerTaskVariant<std::optional<DvArrayVector>> FutureBase::getInputs() const {
+    return mapEntries<std::optional<DvArrayVector>>(
+        inputs_, [](const PropertyDvArray& cell) { return detail::readCell(cell.get()); });
+}
+
+matrix::unique_dvArray FutureBase::getInputsAsDvArray() const {
+    return entriesAsDvArray(inputs_, [](const PropertyDvArray& cell) { return cell.get(); });
+}
+
+PerTaskVariant<std::optional<DvArrayVector>> FutureBase::getOutputs() {
+    initOutputsOrErrorIfNeeded();
+    return mapEntries<std::optional<DvArrayVector>>(
+        outputsOrError_, [](const OutputsOrErrorPropertyDvArray& entry) {
+            return detail::readCell(entry.getIfOutputs());
+        });
+}
+
+matrix::unique_dvArray FutureBase::getOutputsAsDvArray() {
+    initOutputsOrErrorIfNeeded();
+    return entriesAsDvArray(outputsOrError_, [](const OutputsOrErrorPropertyDvArray& entry) {
+        return entry.getIfOutputs();
+    });
+}
+
+PerTaskVariant<std::exception_ptr> FutureBase::getError() {
+    initOutputsOrErrorIfNeeded();
+    return mapEntries<std::exception_ptr>(
+        outputsOrError_, [](const OutputsOrErrorPropertyDvArray& entry) -> std::exception_ptr {
+            if (const dvArray* error = entry.getIfError()) {
+                return std::make_exception_ptr(KExceptionEnvelope(error));
+            }
+            return nullptr;
+        });
+}
+
+matrix::unique_dvArray FutureBase::getErrorAsDvArray() {
+    initOutputsOrErrorIfNeeded();
+    return entriesAsDvArray(outputsOrError_, [](const OutputsOrErrorPropertyDvArray& entry) {
+        return entry.getIfError();
+    });
+}
+
+bool FutureBase::hasError() {
+    initOutputsOrErrorIfNeeded();
+    for (std::size_t i = 0; i < outputsOrError_.size(); ++i) {
+        if (outputsOrError_[i].isError()) {
+            return true;
+        }
+    }
+    return false;
+}
+
+DvArrayVector FutureBase::getOutputsAs(unsigned int numOutputs, OutputFormat format) {
+    initOutputsOrErrorIfNeeded();
+    std::vector<DvArrayVector> collected;
+    for (std::size_t i = 0; i < outputsOrError_.size(); ++i) {
+        if (std::optional<DvArrayVector> outputs =
+                detail::readCell(outputsOrError_[i].getIfOutputs())) {
+            collected.push_back(std::move(*outputs));
+        }
+    }
+    if (format != OutputFormat::Concatenated) {
+        return gatherIntoCells(collected, numOutputs);
+    }
+    return concatenateEach(std::move(collected), numOutputs);
+}
+
+std::vector<dvArray*> FutureBase::getOwnedResources() {
+    std::vector<dvArray*> owned;
+    owned.reserve(1 + inputs_.size() + outputsOrError_.size());
+    if (function_) {
+        owned.push_back(function_.get());
+    }
+    for (std::size_t i = 0; i < inputs_.size(); ++i) {
+        if (inputs_[i]) {
+            owned.push_back(inputs_[i].get());
+        }
+    }
+    for (std::size_t i = 0; i < outputsOrError_.size(); ++i) {
+        if (dvArray* array = outputsOrError_[i].get()) {
+            owned.push_back(array);
+        }
+    }
+    return owned;
+}
+
+void FutureBase::initMultiTaskInputs(std::size_t n) {
+    inputs_ = PerTaskVariant<PropertyDvArray>(std::vector<PropertyDvArray>(n));
+}
+
+void FutureBase::initMultiTaskOutputsOrError(std::size_t n) {
+    outputsOrError_ = PerTaskVariant<OutputsOrErrorPropertyDvArray>(
+        std::vector<OutputsOrErrorPropertyDvArray>(n));
+}
+
+void FutureBase::setInputs(const PerTaskVariant<DvArrayVector>& inputs) {
+    inputs_ = toPropertyCells(inputs);
+    for (std::size_t i = 0; i < inputs_.size(); ++i) {
+        setChildParentRoot(inputs_[i].get());
+    }
+}
+
+void FutureBase::setInputs(std::size_t index, const DvArrayVector& inputs) {
+    inputs_[index] = detail::makePropertyCell(inputs);
+    setChildParentRoot(inputs_[index].get());
+}
+
+void FutureBase::setOutputsOrError(const PerTaskVariant<OutputsOrError>& outputsOrError) {
+    outputsOrError_ =
+        mapEntries<OutputsOrErrorPropertyDvArray>(outputsOrError, [](const OutputsOrError& entry) {
+            return OutputsOrErrorPropertyDvArray(entry);
+        });
+    for (std::size_t i = 0; i < outputsOrError_.size(); ++i) {
+        setChildParentRoot(outputsOrError_[i].get());
+    }
+}
+
+void FutureBase::setOutputsOrError(std::size_t index, const OutputsOrError& outputsOrError) {
+    outputsOrError_[index] = OutputsOrErrorPropertyDvArray(outputsOrError);
+    setChildParentRoot(outputsOrError_[index].get());
+}
+
+void FutureBase::initOutputsOrErrorIfNeeded() {
+    if (isOutputsOrErrorCached() || doGetState() != FutureState::Finished) {
+        return;
+    }
+    setOutputsOrError(doGetOutputsOrError());
+}
+
+bool FutureBase::isOutputsOrErrorCached() const {
+    for (std::size_t i = 0; i < outputsOrError_.size(); ++i) {
+        if (outputsOrError_[i].get() == nullptr) {
+            return false;
+        }
+    }
+    return true;
+}
+
+void FutureBase::setChildParentRoot(const dvArray* array) {
+    if (array == nullptr || !cosi_) {
+        return;
+    }
+    dvSetParentRoot(dvGetRootRecordForArray(array), omGetRootRecord(cosi_.get()));
+}
+
+bool FutureBase::wait(std::vector<std::shared_ptr<FutureBase>> futures, FutureState state,
+                      Seconds timeout) {
+    QZ_FUTURE_TRACE(logger());
+    return wait(std::move(futures), state, getCurrentSteadyTime() + timeout);
+}
+
+bool FutureBase::wait(std::vector<std::shared_ptr<FutureBase>> futures, FutureState state,
+                      const SteadyTimePoint& deadline) {
+    QZ_FUTURE_TRACE(logger());
+    for (const auto& future : futures) {
+        const FutureState current = future->getState();
+        if (current != FutureState::Pending && current != FutureState::Unavailable) {
+            continue;
+        }
+        if (std::any_of(futures.begin(), futures.end(),
+                        [](const auto& f) { return f->getID() == invalidID; })) {
+            throw errors::WaitOnUnavailableFuture();
+        }
+        throw errors::WaitOnUnsubmittedFuture();
+    }
+    const auto reached = [state](const FutureBase& future) {
+        const FutureState current = future.getState();
+        return current == FutureState::Finished ||
+               (state == FutureState::Running && current == FutureState::Running);
+    };
+    const std::shared_ptr<iqm::Iqm> queueManager = iqm::Iqm::getCurrent();
+    SteadyTimePoint now = getCurrentSteadyTime();
+    for (;;) {
+        utInterruptState::ThrowIfInterruptPending();
+        const bool ranWork = queueManager && queueManager->processOnce(waitingQueueNames(), 1);
+        bool allReached = true;
+        if (ranWork) {
+            allReached = std::all_of(futures.begin(), futures.end(),
+                                     [&](const auto& future) { return reached(*future); });
+        } else {
+            // Block at most a second, so that interrupts and queued work are
+            // looked at again soon even without a deadline.
+            const SteadyTimePoint slice = now + std::min(Seconds(1.0), deadline - now);
+            for (const auto& future : futures) {
+                if (!future->doWait(state, slice)) {
+                    allReached = false;
+                    break;
+                }
+            }
+        }
+        if (allReached) {
+            runParallelQueue();
+            return true;
+        }
+        now = getCurrentSteadyTime();
+        if (!(deadline > now)) {
+            return false;
+        }
+    }
+}
+
+DvArrayVector FutureBase::fetchOutputs(std::vector<std::shared_ptr<FutureBase>> futures,
+                                       bool uniformOutput, unsigned int numOutputs) {
+    QZ_FUTURE_TRACE(logger());
+    if (std::any_of(futures.begin(), futures.end(),
+                    [](const auto& future) { return future->getID() == invalidID; })) {
+        throw errors::FetchOutputsOnUnavailableFuture();
+    }
+    if (futures.size() >= 2) {
+        bool afterEach = false;
+        bool otherMulti = false;
+        for (const auto& future : futures) {
+            if (future->isMultiFuture()) {
+                (std::string_view(future->getCosAliasName()) == "parallel.AfterEachFuture"
+                     ? afterEach
+                     : otherMulti) = true;
+            }
+        }
+        if (afterEach && otherMulti) {
+            throw errors::FetchOutputsMixFevalOnAllAfterEach();
+        }
+        if (otherMulti) {
+            throw errors::FetchOutputsScalarFevalOnAll();
+        }
+        if (afterEach) {
+            throw errors::FetchOutputsScalarAfterEachFuture();
+        }
+    }
+    if (!std::all_of(futures.begin(), futures.end(),
+                     [](const auto& future) { return future->getRead(); })) {
+        wait(futures, FutureState::Finished, Seconds(std::numeric_limits<double>::max()));
+    }
+    for (const auto& future : futures) {
+        future->setRead(true);
+    }
+
+    const KExceptionEnvelope executionErrors = envelopeOf(errors::ExecutionErrors());
+    if (futures.size() == 1) {
+        raiseExecutionErrors(futures.front()->getError(), executionErrors);
+    } else {
+        std::vector<std::exception_ptr> errors;
+        errors.reserve(futures.size());
+        for (const auto& future : futures) {
+            errors.push_back(future->getError().getAsSingle());
+        }
+        raiseExecutionErrors(PerTaskVariant<std::exception_ptr>(std::move(errors)),
+                             executionErrors);
+    }
+
+    if (numOutputs == 0) {
+        return {};
+    }
+    const OutputFormat format = uniformOutput ? OutputFormat::Concatenated : OutputFormat::Cell;
+    std::vector<DvArrayVector> perFuture;
+    perFuture.reserve(futures.size());
+    for (const auto& future : futures) {
+        perFuture.push_back(future->getOutputsAs(numOutputs, format));
+    }
+    return concatenateEach(std::move(perFuture), numOutputs);
+}
+
+std::tuple<FetchNextState, std::size_t, DvArrayVector>
+FutureBase::fetchNext(std::vector<std::shared_ptr<FutureBase>> futures, unsigned int numOutputs,
+                      Seconds timeout) {
+    const auto fetch = [&](std::size_t index) {
+        runParallelQueue();
+        return std::tuple(FetchNextState::Fetched, index, futures[index]->doFetchNext(numOutputs));
+    };
+    bool someSubmitted = false;
+    Candidates candidates;
+    candidates.reserve(futures.size());
+    for (std::size_t i = 0; i < futures.size(); ++i) {
+        FutureBase& future = *futures[i];
+        if (future.isMultiFuture()) {
+            return {FetchNextState::UnsupportedFutureType, 0, {}};
+        }
+        if (future.getID() == invalidID) {
+            return {FetchNextState::InvalidFuture, 0, {}};
+        }
+        const FutureState state = future.getState();
+        const bool submitted = state != FutureState::Pending && state != FutureState::Unavailable;
+        someSubmitted = someSubmitted || submitted;
+        if (future.getRead() || !submitted) {
+            continue;
+        }
+        boost::shared_future<void> waitable = future.doGetWaitableFuture();
+        if (waitable.is_ready()) {
+            return fetch(i);
+        }
+        candidates.push_back({i, std::move(waitable)});
+    }
+    if (candidates.empty()) {
+        return {
+            someSubmitted ? FetchNextState::NoUnreadFutures : FetchNextState::NotSubmitted, 0, {}};
+    }
+    const SteadyTimePoint deadline = getCurrentSteadyTime() + timeout;
+    const auto ready = waitForAnyWithDequeue(candidates.cbegin(), candidates.cend(), deadline);
+    if (ready == candidates.cend()) {
+        return {FetchNextState::TimedOut, 0, {}};
+    }
+    return fetch(ready->index);
+}
+
+DvArrayVector FutureBase::doFetchNext(unsigned int numOutputs) {
+    if (numOutputs > numOutputs_) {
+        throw errors::TooManyOutputsRequested(std::uint64_t{numOutputs_},
+                                              std::uint64_t{numOutputs});
+    }
+    setRead(true);
+    const std::shared_ptr<FutureBase> self = shared_from_this();
+    raiseExecutionErrors(self->getError(), envelopeOf(errors::FetchNextFutureErrored()));
+    if (numOutputs == 0) {
+        return {};
+    }
+    return concatenateEach({self->getOutputsAs(numOutputs, OutputFormat::Concatenated)},
+                           numOutputs);
+}
+
+} // namespace parallel::language::future
