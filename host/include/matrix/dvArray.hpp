@@ -146,6 +146,10 @@ QZHOST_API unique_dvArray do_deep_copy(const dvArray* array);
 // A 1-by-N char row.
 QZHOST_API unique_dvArray create(const char16_t* text, std::size_t length);
 QZHOST_API unique_dvArray create(const char* utf8Text, std::size_t length);
+// A char array of the given dimensions; `text` holds the characters in
+// column-major order and must have as many as the dimensions describe
+// (std::invalid_argument otherwise).
+QZHOST_API unique_dvArray createChars(const Dimensions& dims, std::u16string text);
 // An n-by-1 call-stack structure with fields "file", "name", "line".
 QZHOST_API unique_dvArray dvCreateStackStruct(std::size_t n);
 // An object array of one class; its elements are null until set.

@@ -199,6 +199,13 @@ unique_dvArray create(const char16_t* text, std::size_t length) {
                              length == 0 ? std::u16string() : std::u16string(text, length));
 }
 
+unique_dvArray createChars(const Dimensions& dims, std::u16string text) {
+    if (text.size() != countOf(dims)) {
+        throw std::invalid_argument("Text does not fill the dimensions.");
+    }
+    return ArrayAccess::make(ClassID::Char, dims, std::move(text));
+}
+
 unique_dvArray create(const char* utf8Text, std::size_t length) {
     if (!utf8Text && length != 0) {
         throw std::invalid_argument("Text is null.");

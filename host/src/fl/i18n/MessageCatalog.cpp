@@ -103,6 +103,13 @@ const std::unordered_map<std::string_view, std::u16string_view>& catalogue() {
         {"KORVEX:minrhs", u"Not enough input arguments."},
         {"KORVEX:badsubscript",
          u"Index must be a non-negative whole number and not larger than the array allows."},
+        {"KORVEX:interrupted", u"Operation terminated by user."},
+        {"KORVEX:catenate:dimensionMismatch",
+         u"Dimensions of arrays being concatenated are not consistent: arrays stacked "
+         u"vertically must be 2-D and have the same number of columns."},
+        {"KORVEX:catenate:classMismatch",
+         u"Arrays of these classes cannot be concatenated. Numbers combine with logical values; "
+         u"character arrays and cell arrays combine only with arrays of their own class."},
         {"KORVEX:cmddistributor:RuntimeError", u"The command distributor reported an error: {0}"},
         {"KORVEX:unknown:UserError", u"{0}"},
     };
