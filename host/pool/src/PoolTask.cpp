@@ -1,0 +1,119 @@
+#include "PoolTask.hpp"
+
+#include "TaskQueue.hpp"
+
+#include <localpool/LocalPool.hpp>
+
+#include <kvm/KVM.hpp>
+
+#include <vector>
+
+namespace localpool {
+
+namespace {
+
+// The stop flag of the task whose function runs on this thread, if any.
+thread_local const std::atomic<bool>* currentStopFlag = nullptr;
+
+// Makes stopRequested() on this thread read `flag` while alive.
+class StopFlagScope {
+public:
+    explicit StopFlagScope(const std::atomic<bool>& flag) noexcept : previous_(currentStopFlag) {
+        currentStopFlag = &flag;
+    }
+    ~StopFlagScope() { currentStopFlag = previous_; }
+    StopFlagScope(const StopFlagScope&) = delete;
+    StopFlagScope& operator=(const StopFlagScope&) = delete;
+
+private:
+    const std::atomic<bool>* previous_;
+};
+
+boost::intrusive_ptr<dvArray> sharedCopy(const boost::intrusive_ptr<dvArray>& array) {
+    if (!array) {
+        return nullptr;
+    }
+    return {matrix::to_korvex(matrix::detail::do_shared_copy(array.get())), false};
+}
+
+// Calls `function`; the outputs come back owned. The function's errors pass through.
+DvArrayVector invoke(const dvArray* function, unsigned int numOutputs,
+                     const DvArrayVector& inputs) {
+    std::vector<dvArray*> rawInputs;
+    rawInputs.reserve(inputs.size());
+    for (const auto& input : inputs) {
+        rawInputs.push_back(input.get());
+    }
+    std::vector<dvArray*> rawOutputs(numOutputs, nullptr);
+    try {
+        dvInvokeFunctionHandle(function, rawOutputs.size(), rawOutputs.data(), rawInputs.size(),
+                               rawInputs.data());
+    } catch (...) {
+        for (dvArray* output : rawOutputs) {
+            matrix::destroyArray(output);
+        }
+        throw;
+    }
+    DvArrayVector outputs;
+    outputs.reserve(rawOutputs.size());
+    for (dvArray* output : rawOutputs) {
+        outputs.emplace_back(output, false);
+    }
+    return outputs;
+}
+
+} // namespace
+
+PoolTask::PoolTask(boost::intrusive_ptr<dvArray> function, unsigned int numOutputs,
+                   const DvArrayVector& inputs, std::weak_ptr<TaskQueue> queue)
+    : function_(std::move(function)), numOutputs_(numOutputs), queue_(std::move(queue)) {
+    inputs_.reserve(inputs.size());
+    for (const auto& input : inputs) {
+        inputs_.push_back(sharedCopy(input));
+    }
+}
+
+void PoolTask::run() noexcept {
+    std::u16string diary;
+    OutputsOrError result{std::optional<DvArrayVector>()};
+    {
+        StopFlagScope stopFlag(stop_);
+        kvm::DiarySink sink(diary);
+        try {
+            result = OutputsOrError(invoke(function_.get(), numOutputs_, inputs_));
+        } catch (...) {
+            result = OutputsOrError(std::current_exception());
+        }
+    }
+    function_.reset();
+    inputs_.clear();
+    std::lock_guard lock(resultMutex_);
+    result_ = std::move(result);
+    diary_ = std::move(diary);
+}
+
+void PoolTask::doCancel() {
+    // A task still waiting never reaches a worker; for one that a worker has
+    // taken already, the stop flag keeps its function from starting or asks
+    // it to return early.
+    if (const auto queue = queue_.lock()) {
+        queue->remove(*this);
+    }
+    requestStop();
+}
+
+OutputsOrError PoolTask::doGetOutputsOrError() {
+    std::lock_guard lock(resultMutex_);
+    return result_;
+}
+
+std::u16string PoolTask::doGetDiary() {
+    std::lock_guard lock(resultMutex_);
+    return diary_;
+}
+
+bool stopRequested() noexcept {
+    return currentStopFlag != nullptr && currentStopFlag->load();
+}
+
+} // namespace localpool
