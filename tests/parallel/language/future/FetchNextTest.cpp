@@ -1,0 +1,134 @@
+// qz-test-label: concurrency
+#include "FutureTestSupport.hpp"
+
+#include <parallel/language/future/FutureErrors.hpp>
+
+#include <Veldspire/KException/KExceptionEnvelope.hpp>
+
+#include <latch>
+#include <limits>
+#include <thread>
+
+namespace parallel::language::future {
+namespace {
+
+using testing::scalar;
+using testing::TestFuture;
+using testing::valueOf;
+using Futures = std::vector<std::shared_ptr<FutureBase>>;
+
+const Seconds kForever(std::numeric_limits<double>::max());
+
+class FetchNext : public testing::InterpreterTest {};
+
+FetchNextState stateOf(const std::tuple<FetchNextState, std::size_t, DvArrayVector>& result) {
+    return std::get<0>(result);
+}
+
+TEST_F(FetchNext, TellsWhyNothingCanBeFetched) {
+    EXPECT_EQ(stateOf(FutureBase::fetchNext({}, 1, kForever)), FetchNextState::NotSubmitted);
+    TestFuture pending;
+    pending.task->doNotifyPending();
+    EXPECT_EQ(stateOf(FutureBase::fetchNext({pending.future}, 1, kForever)),
+              FetchNextState::NotSubmitted);
+
+    TestFuture done;
+    done.finishedWith({scalar(1.0)});
+    EXPECT_EQ(stateOf(FutureBase::fetchNext({done.future, pending.future}, 1, kForever)),
+              FetchNextState::Fetched);
+    // A read future counts as submitted.
+    EXPECT_EQ(stateOf(FutureBase::fetchNext({done.future, pending.future}, 1, kForever)),
+              FetchNextState::NoUnreadFutures);
+
+    auto invalid = std::make_shared<FevalFuture>(nullptr, nullptr, 0, DvArrayVector{},
+                                                 testing::TestTask::make(), FutureBase::invalidID);
+    EXPECT_EQ(stateOf(FutureBase::fetchNext({invalid}, 1, kForever)),
+              FetchNextState::InvalidFuture);
+}
+
+TEST_F(FetchNext, TakesFinishedFuturesLowestIndexFirst) {
+    std::vector<TestFuture> f(4);
+    Futures futures;
+    for (std::size_t i = 0; i < f.size(); ++i) {
+        f[i].running();
+        futures.push_back(f[i].future);
+    }
+    f[3].task->result = OutputsOrError(std::optional<DvArrayVector>(DvArrayVector{scalar(3.0)}));
+    f[1].task->result = OutputsOrError(std::optional<DvArrayVector>(DvArrayVector{scalar(1.0)}));
+    f[3].task->doNotifyFinished();
+    f[1].task->doNotifyFinished();
+    auto [state, index, outputs] = FutureBase::fetchNext(futures, 1, kForever);
+    EXPECT_EQ(state, FetchNextState::Fetched);
+    EXPECT_EQ(index, 1u);
+    EXPECT_EQ(valueOf(outputs.at(0).get()), 1.0);
+    EXPECT_TRUE(f[1].future->getRead());
+    EXPECT_EQ(std::get<1>(FutureBase::fetchNext(futures, 1, kForever)), 3u);
+    EXPECT_EQ(stateOf(FutureBase::fetchNext(futures, 1, Seconds(0.0))), FetchNextState::TimedOut);
+}
+
+TEST_F(FetchNext, TimesOutAtItsDeadline) {
+    TestFuture a;
+    a.running();
+    const SteadyTimePoint start = clock::getCurrentSteadyTime();
+    EXPECT_EQ(stateOf(FutureBase::fetchNext({a.future}, 1, Seconds(0.05))),
+              FetchNextState::TimedOut);
+    const double elapsed = (clock::getCurrentSteadyTime() - start).count();
+    EXPECT_GE(elapsed, 0.05);
+    EXPECT_LT(elapsed, 2.0);
+    EXPECT_FALSE(a.future->getRead());
+}
+
+TEST_F(FetchNext, WakesWhenWorkFinishesOnAnotherThread) {
+    TestFuture a;
+    TestFuture b;
+    a.running();
+    b.running();
+    b.task->result = OutputsOrError(std::optional<DvArrayVector>(DvArrayVector{scalar(7.0)}));
+    std::latch waiting(1);
+    std::thread finisher([&] {
+        waiting.wait();
+        b.task->doNotifyFinished();
+    });
+    waiting.count_down();
+    auto [state, index, outputs] = FutureBase::fetchNext({a.future, b.future}, 1, kForever);
+    EXPECT_EQ(state, FetchNextState::Fetched);
+    EXPECT_EQ(index, 1u);
+    EXPECT_EQ(valueOf(outputs.at(0).get()), 7.0);
+    finisher.join();
+}
+
+TEST_F(FetchNext, RefusesTooManyOutputsAndOffersTheFutureAgain) {
+    TestFuture f(1);
+    f.finishedWith({scalar(5.0)});
+    try {
+        FutureBase::fetchNext({f.future}, 2, kForever);
+        FAIL() << "two outputs fetched from a one-output future";
+    } catch (const errors::TooManyOutputsRequested& error) {
+        ASSERT_EQ(error.get_arguments().size(), 2u);
+        EXPECT_EQ(std::get<std::uint64_t>(error.get_arguments()[0]), 1u);
+        EXPECT_EQ(std::get<std::uint64_t>(error.get_arguments()[1]), 2u);
+    }
+    EXPECT_FALSE(f.future->getRead());
+    EXPECT_EQ(stateOf(FutureBase::fetchNext({f.future}, 1, kForever)), FetchNextState::Fetched);
+}
+
+TEST_F(FetchNext, AFailedFutureRaisesOnceThenTheNextIsFetched) {
+    TestFuture failed;
+    failed.failedWith(std::make_exception_ptr(errors::TimeOutInvalid()));
+    TestFuture good;
+    good.finishedWith({scalar(2.0)});
+    const Futures futures{failed.future, good.future};
+    try {
+        FutureBase::fetchNext(futures, 1, kForever);
+        FAIL() << "the failure was not raised";
+    } catch (const Veldspire::KException::KExceptionEnvelope& error) {
+        EXPECT_EQ(error.GetID(), "KORVEX:parallel:future:FetchNextFutureErrored");
+        ASSERT_EQ(error.GetCauses().size(), 1u);
+        EXPECT_EQ(error.GetCauses()[0].GetID(), "KORVEX:parallel:future:TimeOutInvalid");
+    }
+    EXPECT_TRUE(failed.future->getRead());
+    EXPECT_EQ(std::get<1>(FutureBase::fetchNext(futures, 1, kForever)), 1u);
+}
+
+} // namespace
+} // namespace parallel::language::future

@@ -1,0 +1,129 @@
+#include "FutureTestSupport.hpp"
+
+#include <parallel/language/future/FutureErrors.hpp>
+
+#include <Veldspire/KException/KExceptionEnvelope.hpp>
+
+namespace parallel::language::future {
+namespace {
+
+using testing::scalar;
+using testing::TestFuture;
+using testing::valueOf;
+using Veldspire::KException::KExceptionEnvelope;
+using Futures = std::vector<std::shared_ptr<FutureBase>>;
+
+class FetchOutputs : public testing::InterpreterTest {
+protected:
+    // Three finished futures with outputs 1, 2 and 3.
+    Futures threeNumbers() {
+        Futures futures;
+        for (double value : {1.0, 2.0, 3.0}) {
+            TestFuture f;
+            f.finishedWith({scalar(value)});
+            futures.push_back(f.future);
+        }
+        return futures;
+    }
+
+    // The ExecutionErrors-style envelope that `futures` raise.
+    static KExceptionEnvelope errorOf(const Futures& futures) {
+        try {
+            FutureBase::fetchOutputs(futures, true, 1);
+        } catch (const KExceptionEnvelope& error) {
+            return error;
+        }
+        ADD_FAILURE() << "no error raised";
+        return KExceptionEnvelope("none", u"");
+    }
+
+    static std::shared_ptr<FutureBase> failed(std::exception_ptr error) {
+        TestFuture f;
+        f.failedWith(std::move(error));
+        return f.future;
+    }
+};
+
+TEST_F(FetchOutputs, EmptyVectorGivesNullOutputs) {
+    const DvArrayVector outputs = FutureBase::fetchOutputs({}, true, 2);
+    ASSERT_EQ(outputs.size(), 2u);
+    EXPECT_EQ(outputs[0], nullptr);
+    EXPECT_EQ(outputs[1], nullptr);
+}
+
+TEST_F(FetchOutputs, ConcatenatesOrGathersInVectorOrder) {
+    const Futures futures = threeNumbers();
+    const DvArrayVector joined = FutureBase::fetchOutputs(futures, true, 1);
+    ASSERT_EQ(joined.size(), 1u);
+    EXPECT_EQ(dvGetDimensions(joined[0].get()), (matrix::Dimensions{3, 1}));
+    const auto values = dvGetDoubles(joined[0].get());
+    EXPECT_EQ(std::vector<double>(values.begin(), values.end()), (std::vector<double>{1, 2, 3}));
+
+    const DvArrayVector cells = FutureBase::fetchOutputs(futures, false, 1);
+    EXPECT_EQ(dvGetClassID(cells[0].get()), matrix::ClassID::Cell);
+    EXPECT_EQ(dvGetDimensions(cells[0].get()), (matrix::Dimensions{3, 1}));
+    EXPECT_EQ(valueOf(dvGetCell(cells[0].get(), 2)), 3.0);
+    for (const auto& future : futures) {
+        EXPECT_TRUE(future->getRead());
+    }
+    EXPECT_TRUE(FutureBase::fetchOutputs(futures, true, 0).empty());
+}
+
+TEST_F(FetchOutputs, OneFailureIsTheCauseAndEveryFutureIsRead) {
+    Futures futures = threeNumbers();
+    futures[1] = failed(std::make_exception_ptr(errors::NoUnreadFutures()));
+    const KExceptionEnvelope error = errorOf(futures);
+    EXPECT_EQ(error.GetID(), "KORVEX:parallel:future:ExecutionErrors");
+    ASSERT_EQ(error.GetCauses().size(), 1u);
+    EXPECT_EQ(error.GetCauses()[0].GetID(), "KORVEX:parallel:future:NoUnreadFutures");
+    for (const auto& future : futures) {
+        EXPECT_TRUE(future->getRead());
+    }
+}
+
+TEST_F(FetchOutputs, EqualFailuresFoldIntoOneCauseAndOthersStayInOrder) {
+    const auto same = [] { return std::make_exception_ptr(std::runtime_error("same")); };
+    EXPECT_EQ(errorOf({failed(same()), failed(same()), failed(same())}).GetCauses().size(), 1u);
+
+    const KExceptionEnvelope different =
+        errorOf({failed(same()), failed(std::make_exception_ptr(errors::TimeOutInvalid()))});
+    ASSERT_EQ(different.GetCauses().size(), 2u);
+    EXPECT_EQ(different.GetCauses()[0].GetID(), "KORVEX:parallel:future:StdException");
+    EXPECT_EQ(different.GetCauses()[1].GetID(), "KORVEX:parallel:future:TimeOutInvalid");
+}
+
+TEST_F(FetchOutputs, ConcatenationFailureCarriesItsCause) {
+    TestFuture number;
+    number.finishedWith({scalar(1.0)});
+    TestFuture word;
+    word.finishedWith({testing::text("abc")});
+    try {
+        FutureBase::fetchOutputs({number.future, word.future}, true, 1);
+        FAIL() << "mismatched outputs were concatenated";
+    } catch (const KExceptionEnvelope& error) {
+        EXPECT_EQ(error.GetID(), "KORVEX:parallel:future:FetchOutputsConcatenationFailed");
+        ASSERT_EQ(error.GetCauses().size(), 1u);
+        EXPECT_EQ(error.GetCauses()[0].GetID().rfind("KORVEX:catenate:", 0), 0u);
+    }
+    EXPECT_TRUE(number.future->getRead());
+}
+
+TEST_F(FetchOutputs, RefusesUnavailableFuturesBeforeWaiting) {
+    TestFuture running;
+    running.running();
+    auto invalid = std::make_shared<FevalFuture>(nullptr, nullptr, 0, DvArrayVector{},
+                                                 testing::TestTask::make(), FutureBase::invalidID);
+    EXPECT_THROW(FutureBase::fetchOutputs({running.future, invalid}, true, 1),
+                 errors::FetchOutputsOnUnavailableFuture);
+    EXPECT_FALSE(running.future->getRead());
+}
+
+TEST_F(FetchOutputs, ReadFuturesAreFetchedAgainFromTheirCache) {
+    const Futures futures = threeNumbers();
+    FutureBase::fetchOutputs(futures, true, 1);
+    const DvArrayVector again = FutureBase::fetchOutputs(futures, true, 1);
+    EXPECT_EQ(dvGetNumberOfElements(again[0].get()), 3u);
+}
+
+} // namespace
+} // namespace parallel::language::future

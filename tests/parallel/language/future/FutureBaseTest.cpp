@@ -1,0 +1,157 @@
+#include "FutureTestSupport.hpp"
+
+#include <parallel/language/future/FutureErrors.hpp>
+
+#include <Veldspire/KException/KExceptionEnvelope.hpp>
+
+namespace parallel::language::future {
+namespace {
+
+using testing::scalar;
+using testing::TestFuture;
+using testing::valueOf;
+
+// A future that is not backed by work: ID -1.
+class NoWorkFuture : public FutureBase {
+    void doCancel() override { ++cancels; }
+    boost::shared_future<void> doGetWaitableFuture() override { return {}; }
+    bool doWait(FutureState, SteadyTimePoint) override { return true; }
+    void doAfterFinishThen(boost::launch, std::function<void()>) override {}
+    PerTaskVariant<std::u16string> doGetDiary() const override { return {}; }
+    WallClockTimePoint doGetFinishTime() const override { return {}; }
+    PerTaskVariant<OutputsOrError> doGetOutputsOrError() const override {
+        return PerTaskVariant<OutputsOrError>(OutputsOrError(std::optional<DvArrayVector>()));
+    }
+    WallClockTimePoint doGetStartTime() const override { return {}; }
+    FutureState doGetState() const override { return FutureState::Unavailable; }
+    const char* doGetCosAliasName() const override { return "parallel.Future"; }
+
+public:
+    int cancels = 0;
+};
+
+TEST(FutureBase, IdsCountUpAndAnExplicitIdDrawsNone) {
+    TestFuture first;
+    TestFuture second;
+    EXPECT_EQ(second.future->getID(), first.future->getID() + 1);
+    FevalFuture chosen(nullptr, nullptr, 0, {}, testing::TestTask::make(), 1000);
+    EXPECT_EQ(chosen.getID(), 1000);
+    TestFuture third;
+    EXPECT_EQ(third.future->getID(), second.future->getID() + 1);
+
+    NoWorkFuture invalid;
+    EXPECT_TRUE(invalid.isInvalid());
+    EXPECT_EQ(invalid.getID(), FutureBase::invalidID);
+    invalid.cancel();
+    EXPECT_EQ(invalid.cancels, 0);
+}
+
+TEST(FutureBase, NothingIsReadOrCachedBeforeTheWorkFinishes) {
+    TestFuture f;
+    f.running();
+    EXPECT_FALSE(f.future->hasError());
+    EXPECT_FALSE(f.future->getOutputs().getAsSingle().has_value());
+    EXPECT_EQ(f.future->getError().getAsSingle(), nullptr);
+    EXPECT_EQ(f.future->getOutputsAsDvArray(), nullptr);
+    EXPECT_EQ(f.task->outputsCalls, 0);
+}
+
+TEST(FutureBase, OutputsAreCachedOnceAndReadBackAsIndependentValues) {
+    TestFuture f(2);
+    f.finishedWith({scalar(1.0), scalar(2.0)});
+    const DvArrayVector outputs = f.future->getOutputs().getAsSingle().value();
+    ASSERT_EQ(outputs.size(), 2u);
+    EXPECT_EQ(valueOf(outputs[1].get()), 2.0);
+    dvGetMutableDoubles(outputs[0].get())[0] = 99.0;
+    EXPECT_EQ(valueOf(f.future->getOutputs().getAsSingle()->at(0).get()), 1.0);
+    EXPECT_FALSE(f.future->hasError());
+    EXPECT_EQ(f.task->outputsCalls, 1);
+
+    const matrix::unique_dvArray cell = f.future->getOutputsAsDvArray();
+    EXPECT_EQ(dvGetDimensions(cell.get()), (matrix::Dimensions{1, 2}));
+    // One task's outputs are returned unchanged in both forms.
+    const DvArrayVector concatenated = f.future->getOutputsAs(1, OutputFormat::Concatenated);
+    ASSERT_EQ(concatenated.size(), 1u);
+    EXPECT_EQ(valueOf(concatenated[0].get()), 1.0);
+    const DvArrayVector cells = f.future->getOutputsAs(2, OutputFormat::Cell);
+    ASSERT_EQ(cells.size(), 2u);
+    EXPECT_EQ(dvGetDimensions(cells[1].get()), (matrix::Dimensions{1, 1}));
+    EXPECT_EQ(valueOf(dvGetCell(cells[1].get(), 0)), 2.0);
+}
+
+TEST(FutureBase, ErrorsAreReturnedNeverThrown) {
+    TestFuture f;
+    f.failedWith(std::make_exception_ptr(errors::NoUnreadFutures()));
+    EXPECT_TRUE(f.future->hasError());
+    EXPECT_FALSE(f.future->getOutputs().getAsSingle().has_value());
+    EXPECT_EQ(f.future->getOutputsAsDvArray(), nullptr);
+    try {
+        std::rethrow_exception(f.future->getError().getAsSingle());
+    } catch (const Veldspire::KException::KExceptionEnvelope& error) {
+        EXPECT_EQ(error.GetID(), "KORVEX:parallel:future:NoUnreadFutures");
+    }
+    const matrix::unique_dvArray errorArray = f.future->getErrorAsDvArray();
+    ASSERT_NE(errorArray, nullptr);
+    EXPECT_EQ(Veldspire::KException::KExceptionEnvelope(errorArray.get()).GetID(),
+              "KORVEX:parallel:future:NoUnreadFutures");
+    // Outputs of failed work are left out of both forms.
+    EXPECT_EQ(f.future->getOutputsAs(1, OutputFormat::Concatenated)[0], nullptr);
+    EXPECT_EQ(dvGetNumberOfElements(f.future->getOutputsAs(1, OutputFormat::Cell)[0].get()), 0u);
+}
+
+TEST(FutureBase, InputsAndFunctionReadBackAndAreOwned) {
+    TestFuture none;
+    const std::optional<DvArrayVector> noInputs = none.future->getInputs().getAsSingle();
+    ASSERT_TRUE(noInputs.has_value());
+    EXPECT_TRUE(noInputs->empty());
+
+    const auto function = boost::intrusive_ptr<dvArray>(
+        matrix::to_korvex(matrix::createFunctionHandle("plus", {})), false);
+    FevalFuture f(nullptr, function, 1, {scalar(3.0), scalar(4.0)}, testing::TestTask::make());
+    const DvArrayVector inputs = f.getInputs().getAsSingle().value();
+    ASSERT_EQ(inputs.size(), 2u);
+    EXPECT_EQ(valueOf(inputs[1].get()), 4.0);
+    EXPECT_EQ(dvGetDimensions(f.getInputsAsDvArray().get()), (matrix::Dimensions{1, 2}));
+    EXPECT_EQ(dvGetFunctionHandleName(f.getFunction().get()), "plus");
+    // The function and the input cell; nothing is cached yet.
+    EXPECT_EQ(f.getOwnedResources().size(), 2u);
+}
+
+TEST(FutureBase, TimesComeFromTheWork) {
+    auto task = testing::TestTask::make();
+    task->doNotifyRunning();
+    FevalFuture f(nullptr, nullptr, 0, {}, task);
+    // The work started before the future existed.
+    EXPECT_EQ(f.getCreateTime(), task->getStartTime());
+    EXPECT_GT(f.getRunningDuration().count(), 0.0);
+    task->doNotifyFinished();
+    const Seconds fixed = f.getRunningDuration();
+    EXPECT_EQ(f.getRunningDuration(), fixed);
+    EXPECT_EQ(TestFuture().future->getRunningDuration().count(), 0.0);
+}
+
+TEST(FevalFuture, ForwardsToItsOneTaskAndKeepsItAlive) {
+    std::weak_ptr<testing::TestTask> watch;
+    std::shared_ptr<FevalFuture> future;
+    {
+        TestFuture f;
+        watch = f.task;
+        future = f.future;
+        EXPECT_EQ(future->getTask(), f.task);
+    }
+    EXPECT_FALSE(watch.expired());
+    EXPECT_FALSE(future->isMultiFuture());
+    EXPECT_STREQ(future->getCosAliasName(), "parallel.FevalFuture");
+    EXPECT_EQ(future->getState(), FutureState::Unavailable);
+    auto task = watch.lock();
+    task->diary = u"printed";
+    task->runToFinish();
+    EXPECT_EQ(future->getState(), FutureState::Finished);
+    EXPECT_FALSE(future->getDiary().isMulti());
+    EXPECT_EQ(future->getDiary().getAsSingle(), u"printed");
+    future->cancel();
+    EXPECT_EQ(task->cancelCalls, 0);
+}
+
+} // namespace
+} // namespace parallel::language::future
