@@ -21,13 +21,14 @@ namespace parallel::language::future {
 //
 // Every accessor raises std::bad_variant_access on a variant left without a
 // value by a failed assignment. No synchronisation.
+// The library provides (and exports) the instantiations listed below only.
 template <class T>
 class QZ_FUTURE_API PerTaskVariant {
 public:
     // Single, holding a value-initialised T.
-    PerTaskVariant() requires std::is_default_constructible_v<T> : v_(std::in_place_index<0>) {}
-    PerTaskVariant(T value) : v_(std::in_place_index<0>, std::move(value)) {}
-    PerTaskVariant(std::vector<T> values) : v_(std::in_place_index<1>, std::move(values)) {}
+    PerTaskVariant() requires std::is_default_constructible_v<T>;
+    PerTaskVariant(T value);
+    PerTaskVariant(std::vector<T> values);
 
     PerTaskVariant(const PerTaskVariant&) = default;
     PerTaskVariant(PerTaskVariant&&) = default;
@@ -35,38 +36,28 @@ public:
     PerTaskVariant& operator=(PerTaskVariant&&) = default;
     ~PerTaskVariant() = default;
 
-    bool isMulti() const { return index() == 1; }
-
+    bool isMulti() const;
     // 1 for a single value, the number of tasks otherwise.
-    std::size_t size() const { return isMulti() ? std::get<1>(v_).size() : 1; }
-
+    std::size_t size() const;
     // The single value whatever `i`, or element `i` (i < size()).
-    T& operator[](std::size_t i) { return isMulti() ? std::get<1>(v_)[i] : std::get<0>(v_); }
-    const T& operator[](std::size_t i) const {
-        return isMulti() ? std::get<1>(v_)[i] : std::get<0>(v_);
-    }
-
-    T& getAsSingle() { return std::get<0>(v_); }
-    const T& getAsSingle() const { return std::get<0>(v_); }
+    T& operator[](std::size_t i);
+    const T& operator[](std::size_t i) const;
+    T& getAsSingle();
+    const T& getAsSingle() const;
 
 private:
-    std::size_t index() const {
-        if (v_.valueless_by_exception()) {
-            throw std::bad_variant_access();
-        }
-        return v_.index();
-    }
+    std::size_t index() const;
 
     std::variant<T, std::vector<T>> v_;
 };
 
 // The instantiations the library provides.
-extern template class PerTaskVariant<std::u16string>;
-extern template class PerTaskVariant<OutputsOrError>;
-extern template class PerTaskVariant<std::optional<DvArrayVector>>;
-extern template class PerTaskVariant<DvArrayVector>;
-extern template class PerTaskVariant<PropertyDvArray>;
-extern template class PerTaskVariant<OutputsOrErrorPropertyDvArray>;
-extern template class PerTaskVariant<std::exception_ptr>;
+extern template class QZ_FUTURE_API PerTaskVariant<std::u16string>;
+extern template class QZ_FUTURE_API PerTaskVariant<OutputsOrError>;
+extern template class QZ_FUTURE_API PerTaskVariant<std::optional<DvArrayVector>>;
+extern template class QZ_FUTURE_API PerTaskVariant<DvArrayVector>;
+extern template class QZ_FUTURE_API PerTaskVariant<PropertyDvArray>;
+extern template class QZ_FUTURE_API PerTaskVariant<OutputsOrErrorPropertyDvArray>;
+extern template class QZ_FUTURE_API PerTaskVariant<std::exception_ptr>;
 
 } // namespace parallel::language::future
