@@ -1,170 +1,169 @@
-// A tiny executor and one task, driven from Pending to Finished on a second
-// thread while the main thread waits for it to run and then to finish. The
-// task channel is traced to the terminal, so each notification and each wait
-// shows up as it happens; KORVEX_LOG (for example
-// "parallel::language::future::TaskBase=0") overrides the channel switches.
+// A handful of evaluations on a local pool of four workers, collected on the
+// interpreter thread in the order they finish. One of them fails; its error
+// shows up once through fetchNext and once more through fetchOutputs.
+//
+// Nothing is traced unless KORVEX_LOG names channels, for example
+//   KORVEX_LOG="parallel::language::future::FutureBase=96" ./demo
+// which writes the traces to standard error.
 
-#include <parallel/language/future/FutureState.hpp>
-#include <parallel/language/future/TaskBase.hpp>
-#include <parallel/language/future/TimeTypes.hpp>
+#include <parallel/language/future/FetchNextState.hpp>
+#include <parallel/language/future/FutureBase.hpp>
 
+#include <Veldspire/KException/KExceptionEnvelope.hpp>
 #include <foundation/core/str/Utf.hpp>
 #include <foundation/log/configuration.hpp>
-#include <foundation/log/diagnostic_logger.hpp>
+#include <kvm/KVM.hpp>
+#include <localpool/LocalPool.hpp>
 #include <matrix/dvArray.hpp>
 
+#include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <cstdio>
-#include <ctime>
-#include <iomanip>
+#include <cstdlib>
 #include <iostream>
-#include <latch>
+#include <limits>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace {
 
 namespace pf = parallel::language::future;
+using Arrays = std::vector<boost::intrusive_ptr<dvArray>>;
+using Veldspire::KException::KExceptionEnvelope;
 using namespace std::chrono_literals;
 
-// The work of this executor is already done: one 1-by-1 double and a line of
-// diary. Its notifications are opened up to the demo's driver thread.
-class TinyTask final : public pf::TaskBase {
-public:
-    void notifyPending() { doNotifyPending(); }
-    void notifyQueued() { doNotifyQueued(); }
-    void notifyRunning() { doNotifyRunning(); }
-    void notifyFinished() { doNotifyFinished(); }
+boost::intrusive_ptr<dvArray> scalar(double value) {
+    return {matrix::to_korvex(dvCreateDoubleScalar(value)), false};
+}
 
-private:
-    void doCancel() override {}
-    pf::OutputsOrError doGetOutputsOrError() override {
-        pf::DvArrayVector outputs;
-        outputs.emplace_back(matrix::to_korvex(dvCreateDoubleScalar(42.0)), false);
-        return pf::OutputsOrError(std::optional<pf::DvArrayVector>(std::move(outputs)));
+double valueOf(const Arrays& arrays) {
+    return dvGetDoubles(arrays.at(0).get())[0];
+}
+
+boost::intrusive_ptr<dvArray> function(std::string name, matrix::FunctionBody body) {
+    return {matrix::to_korvex(matrix::createFunctionHandle(std::move(name), std::move(body))),
+            false};
+}
+
+// x -> x * x after `delay`.
+boost::intrusive_ptr<dvArray> slowSquare(std::chrono::milliseconds delay) {
+    return function("slowSquare", [delay](std::size_t, const Arrays& inputs) -> Arrays {
+        std::this_thread::sleep_for(delay);
+        const double x = valueOf(inputs);
+        return {scalar(x * x)};
+    });
+}
+
+// Gives up on its matrix after a while, as a solver would on a singular one.
+boost::intrusive_ptr<dvArray> invertMatrix() {
+    return function("invertMatrix", [](std::size_t, const Arrays&) -> Arrays {
+        std::this_thread::sleep_for(300ms);
+        throw KExceptionEnvelope("demo:invertMatrix:singular",
+                                 u"Matrix is singular to working precision.");
+    });
+}
+
+// Tells what it does into its diary.
+boost::intrusive_ptr<dvArray> chattyHalf() {
+    return function("chattyHalf", [](std::size_t, const Arrays& inputs) -> Arrays {
+        const double x = valueOf(inputs);
+        char line[64];
+        std::snprintf(line, sizeof line, "halving %g\n", x);
+        kvm::print(foundation::core::str::toUtf16(line));
+        std::this_thread::sleep_for(200ms);
+        kvm::print(u"done\n");
+        return {scalar(x / 2)};
+    });
+}
+
+std::string text(const std::u16string& utf16) {
+    return foundation::core::str::toUtf8(utf16);
+}
+
+void printError(const char* what, const KExceptionEnvelope& error) {
+    std::cout << "  " << what << ": " << error.GetID() << "\n    " << text(error.GetMessage())
+              << '\n';
+    for (const KExceptionEnvelope& cause : error.GetCauses()) {
+        std::cout << "    caused by " << cause.GetID() << ": " << text(cause.GetMessage()) << '\n';
     }
-    std::u16string doGetDiary() override { return u"hello from the demo task\n"; }
-};
-
-// Trace records and the demo's own lines share the terminal. The driver holds
-// this lock across each notification (whose trace it writes), and the main
-// thread takes it for each line, so lines never cut into each other.
-std::mutex gConsoleMutex;
-
-void printLine(const std::string& line) {
-    std::cout << line << '\n' << std::flush;
 }
 
-void say(const std::string& line) {
-    std::lock_guard lock(gConsoleMutex);
-    printLine(line);
-}
-
-const char* stateWord(pf::FutureState state) {
-    switch (state) {
-    case pf::FutureState::Pending:
-        return "pending";
-    case pf::FutureState::Queued:
-        return "queued";
-    case pf::FutureState::Running:
-        return "running";
-    case pf::FutureState::Finished:
-        return "finished";
-    case pf::FutureState::Unavailable:
-        return "unavailable";
+// One line per fetched future: index, ID, value (none when it failed) and
+// how long it ran, then its diary, if it printed anything, line by line.
+void printFetched(std::size_t index, const pf::FutureBase& future, std::optional<double> value) {
+    char shown[32] = "failed";
+    if (value) {
+        std::snprintf(shown, sizeof shown, "value %g", *value);
     }
-    return "unknown";
-}
-
-// "2024-05-01T12:34:56.789Z", or "(not set)" for 0.0.
-std::string isoUtc(pf::WallClockTimePoint time) {
-    const double seconds = time.time_since_epoch().count();
-    if (seconds == 0.0) {
-        return "(not set)";
+    char line[128];
+    std::snprintf(line, sizeof line, "  index %zu  ID %lld  %-12s ran %.3f s", index,
+                  future.getID(), shown, future.getRunningDuration().count());
+    std::cout << line << '\n';
+    const std::string diary = text(future.getDiary().getAsSingle());
+    for (std::size_t start = 0; start < diary.size();) {
+        const std::size_t end = std::min(diary.find('\n', start), diary.size());
+        std::cout << "      diary: " << diary.substr(start, end - start) << '\n';
+        start = end + 1;
     }
-    const auto milliseconds = static_cast<long long>(std::floor(seconds * 1000.0));
-    const std::time_t whole = static_cast<std::time_t>(milliseconds / 1000);
-    std::tm utc{};
-    gmtime_r(&whole, &utc);
-    char date[32];
-    std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &utc);
-    char text[48];
-    std::snprintf(text, sizeof text, "%s.%03lldZ", date, milliseconds % 1000);
-    return text;
-}
-
-// Executor side: takes the task at once (Pending) and tells the main thread
-// so; then the other notifications, each after a short pause so the steps
-// can be followed.
-void drive(TinyTask& task, std::latch& submitted) {
-    const auto notify = [&task](const char* name, void (TinyTask::*notification)()) {
-        std::lock_guard lock(gConsoleMutex);
-        printLine(std::string("executor: notify ") + name);
-        (task.*notification)();
-    };
-    notify("Pending", &TinyTask::notifyPending);
-    submitted.count_down();
-    std::this_thread::sleep_for(150ms);
-    notify("Queued", &TinyTask::notifyQueued);
-    std::this_thread::sleep_for(150ms);
-    notify("Running", &TinyTask::notifyRunning);
-    std::this_thread::sleep_for(200ms);
-    notify("Finished", &TinyTask::notifyFinished);
-}
-
-void report(TinyTask& task) {
-    std::ostringstream out;
-    out << "  state            " << stateWord(task.getState()) << '\n'
-        << "  start time       " << isoUtc(task.getStartTime()) << '\n'
-        << "  finish time      " << isoUtc(task.getFinishTime()) << '\n'
-        << "  running duration " << std::fixed << std::setprecision(3)
-        << task.getRunningDuration().count() << " s";
-    say(out.str());
 }
 
 } // namespace
 
 int main() {
-    foundation::log::set_channel_switches("parallel::language::future::TaskBase",
-                                          foundation::log::switches::all);
+    const auto interpreter = kvm::KVM::create();
+    interpreter->handleInterruptSignal();
     foundation::log::configure_from_environment();
-    foundation::log::ConsoleSink console(std::cout);
-
-    auto task = std::make_shared<TinyTask>();
-    say(std::string("main: new task, state ") + stateWord(task->getState()) +
-        " (a wait would return at once until the executor takes it)");
-
-    std::latch submitted(1);
-    std::thread executor(drive, std::ref(*task), std::ref(submitted));
-    submitted.wait();
-    const pf::SteadyTimePoint deadline = pf::clock::getCurrentSteadyTime() + pf::Seconds(10.0);
-
-    say("main: waiting for the task to run");
-    const bool running = task->wait(pf::FutureState::Running, deadline);
-    say(std::string("main: ") + (running ? "the task runs" : "gave up waiting for running"));
-    report(*task);
-
-    say("main: waiting for the task to finish");
-    const bool finished = task->wait(pf::FutureState::Finished, deadline);
-    executor.join();
-    say(std::string("main: ") + (finished ? "the task finished" : "gave up waiting for finished"));
-    report(*task);
-
-    const pf::OutputsOrError result = task->getOutputsOrError();
-    std::ostringstream out;
-    if (result.hasValue() && result.value() && result.value()->size() == 1) {
-        out << "  output           " << dvGetDoubles(result.value()->front().get())[0] << '\n';
+    std::optional<foundation::log::ConsoleSink> traces;
+    if (std::getenv("KORVEX_LOG") != nullptr) {
+        traces.emplace(std::cerr);
     }
-    std::string diary = foundation::core::str::toUtf8(task->getDiary());
-    if (!diary.empty() && diary.back() == '\n') {
-        diary.pop_back();
+
+    localpool::LocalPool pool(4);
+    std::vector<std::shared_ptr<pf::FutureBase>> futures{
+        pool.submit(slowSquare(600ms), 1, {scalar(3.0)}),
+        pool.submit(invertMatrix(), 1, {scalar(0.0)}),
+        pool.submit(slowSquare(100ms), 1, {scalar(4.0)}),
+        pool.submit(chattyHalf(), 1, {scalar(10.0)}),
+        pool.submit(slowSquare(400ms), 1, {scalar(5.0)}),
+    };
+    std::cout << "Submitted " << futures.size() << " evaluations to " << pool.getNumWorkers()
+              << " workers; fetching them as they finish:\n";
+
+    const pf::Seconds noTimeout(std::numeric_limits<double>::max());
+    std::vector<bool> reported(futures.size(), false);
+    std::shared_ptr<pf::FutureBase> failed;
+    for (;;) {
+        try {
+            const auto [state, index, outputs] = pf::FutureBase::fetchNext(futures, 1, noTimeout);
+            if (state != pf::FetchNextState::Fetched) {
+                break; // NoUnreadFutures: all of them are in
+            }
+            reported[index] = true;
+            printFetched(index, *futures[index], valueOf(outputs));
+        } catch (const KExceptionEnvelope& error) {
+            // The failed future is the one read now but not reported yet.
+            for (std::size_t i = 0; i < futures.size(); ++i) {
+                if (futures[i]->getRead() && !reported[i]) {
+                    reported[i] = true;
+                    failed = futures[i];
+                    printFetched(i, *futures[i], std::nullopt);
+                }
+            }
+            printError("fetchNext raised", error);
+        }
     }
-    out << "  diary            " << diary;
-    say(out.str());
-    return finished ? 0 : 1;
+
+    if (failed) {
+        std::cout << "\nfetchOutputs on the failed future (ID " << failed->getID() << "):\n";
+        try {
+            pf::FutureBase::fetchOutputs({failed}, true, 1);
+            std::cout << "  no error?\n";
+        } catch (const KExceptionEnvelope& error) {
+            printError("fetchOutputs raised", error);
+        }
+    }
+    return 0;
 }
