@@ -8,6 +8,7 @@
 // stop and joins the workers; futures stay valid afterwards.
 
 #include <parallel/language/future/FevalFuture.hpp>
+#include <parallel/language/future/FevalOnAllFuture.hpp>
 
 #include <kcos/COSInterface.hpp>
 #include <matrix/dvArray.hpp>
@@ -19,6 +20,7 @@ namespace localpool {
 
 using parallel::language::future::DvArrayVector;
 using parallel::language::future::FevalFuture;
+using parallel::language::future::FevalOnAllFuture;
 
 class LocalPool {
 public:
@@ -39,6 +41,13 @@ public:
     std::shared_ptr<FevalFuture> submit(boost::intrusive_ptr<dvArray> function,
                                         unsigned int numOutputs, DvArrayVector inputs,
                                         kcos::COSInterface* parent = nullptr);
+
+    // Queues the evaluation of `function` once on every worker: one task per
+    // worker, each run by that worker only, gathered in a FevalOnAllFuture
+    // (task i runs on worker i). Errors as for submit. Any thread.
+    std::shared_ptr<FevalOnAllFuture> submitOnAll(boost::intrusive_ptr<dvArray> function,
+                                                  unsigned int numOutputs, DvArrayVector inputs,
+                                                  kcos::COSInterface* parent = nullptr);
 
 private:
     struct Impl;
