@@ -1,0 +1,207 @@
+// qz-test-label: concurrency
+#include "FutureTestSupport.hpp"
+
+#include <parallel/language/future/FevalOnAllFuture.hpp>
+#include <parallel/language/future/FutureErrors.hpp>
+#include <parallel/language/future/VectorMultiTask.hpp>
+
+#include <foundation/log/configuration.hpp>
+#include <foundation/log/diagnostic_logger.hpp>
+
+#include <latch>
+#include <thread>
+
+namespace parallel::language::future {
+namespace {
+
+using testing::scalar;
+using testing::secondsFromNow;
+using testing::TestTask;
+
+struct OnAll {
+    std::vector<std::shared_ptr<TestTask>> tasks;
+    std::shared_ptr<FevalOnAllFuture> future;
+
+    explicit OnAll(std::size_t n) {
+        std::vector<std::shared_ptr<TaskBase>> collection;
+        for (std::size_t i = 0; i < n; ++i) {
+            tasks.push_back(TestTask::make());
+            collection.push_back(tasks.back());
+        }
+        future = std::make_shared<FevalOnAllFuture>(
+            nullptr, nullptr, 1, DvArrayVector{},
+            std::make_shared<VectorMultiTask>(std::move(collection)));
+    }
+};
+
+WallClockTimePoint at(double seconds) {
+    return WallClockTimePoint(Seconds(seconds));
+}
+
+TEST(VectorMultiTask, HandsOutTheSameTasksAndRefusesOthers) {
+    auto a = TestTask::make();
+    auto b = TestTask::make();
+    auto tasks = std::make_unique<VectorMultiTask>(std::vector<std::shared_ptr<TaskBase>>{a, b});
+    VectorMultiTask copy(*tasks);
+    tasks.reset();
+    EXPECT_EQ(copy.maybeResizeAndGetNumTasks(), 2u);
+    EXPECT_EQ(copy.getTask(1), b);
+    try {
+        copy.getTask(2);
+        FAIL() << "index past the end accepted";
+    } catch (const std::out_of_range& e) {
+        EXPECT_STREQ(e.what(), "invalid vector subscript");
+    }
+    EXPECT_EQ(VectorMultiTask({}).maybeResizeAndGetNumTasks(), 0u);
+}
+
+TEST(FevalOnAllFuture, StateFollowsTheFirstMatchingRule) {
+    struct Case {
+        std::vector<void (TestTask::*)()> notifications;
+        FutureState expected;
+    };
+    using T = TestTask;
+    const std::vector<Case> cases{
+        {{}, FutureState::Finished},
+        {{&T::doNotifyPending, &T::doNotifyFinished}, FutureState::Running},
+        {{&T::doNotifyPending, &T::doNotifyQueued}, FutureState::Queued},
+        {{&T::doNotifyQueued, &T::doNotifyQueued}, FutureState::Queued},
+        {{&T::doNotifyPending, &T::doNotifyPending}, FutureState::Pending},
+        {{&T::doNotifyFinished, &T::doNotifyFinished}, FutureState::Finished},
+        {{&T::doNotifyRunning, &T::doNotifyFinished, &T::doNotifyPending}, FutureState::Running},
+    };
+    for (const Case& c : cases) {
+        OnAll f(c.notifications.size());
+        for (std::size_t i = 0; i < c.notifications.size(); ++i) {
+            ((*f.tasks[i]).*c.notifications[i])();
+        }
+        EXPECT_EQ(f.future->getState(), c.expected) << "case with " << c.notifications.size();
+    }
+    OnAll unavailable(2);
+    unavailable.tasks[0]->doNotifyRunning(); // task 1 never notified: Unavailable wins
+    EXPECT_EQ(unavailable.future->getState(), FutureState::Unavailable);
+}
+
+TEST(FevalOnAllFuture, TimesTreatUnsetAsLatest) {
+    OnAll none(0);
+    EXPECT_EQ(none.future->getStartTime(), at(0));
+    EXPECT_EQ(none.future->getFinishTime(), at(0));
+
+    OnAll two(2);
+    two.tasks[0]->doNotifyRunning();
+    EXPECT_EQ(two.future->getStartTime(), two.tasks[0]->getStartTime());
+    two.tasks[1]->doNotifyRunning();
+    EXPECT_EQ(two.future->getStartTime(), two.tasks[0]->getStartTime());
+    two.tasks[1]->doNotifyFinished();
+    EXPECT_EQ(two.future->getFinishTime(), at(0)); // task 0 has not finished
+    two.tasks[0]->doNotifyFinished();
+    EXPECT_EQ(two.future->getFinishTime(), two.tasks[0]->getFinishTime());
+    EXPECT_GE(two.future->getFinishTime(), two.tasks[1]->getFinishTime());
+}
+
+TEST(FevalOnAllFuture, WaitForRunningEndsInAnEarlyReturnOnceATaskRuns) {
+    auto interpreter = kvm::KVM::create();
+    OnAll f(3);
+    for (auto& task : f.tasks) {
+        task->doNotifyQueued();
+    }
+    const std::string channel = "parallel::language::future::FevalOnAllFuture";
+    foundation::log::RecordCapture capture(channel);
+    foundation::log::set_channel_switches(channel, foundation::log::switches::info);
+    std::latch waiting(1);
+    std::jthread starter([&] {
+        waiting.wait();
+        f.tasks[2]->doNotifyRunning();
+    });
+    waiting.count_down();
+    // The pass that sees the future queued waits for a task to run and
+    // answers false; the next pass returns early.
+    EXPECT_TRUE(FutureBase::wait({f.future}, FutureState::Running, Seconds(60.0)));
+    starter.join();
+    EXPECT_EQ(f.future->getState(), FutureState::Running);
+    const auto records = capture.records();
+    ASSERT_FALSE(records.empty());
+    EXPECT_EQ(records.back().message, "Early return from wait.");
+    foundation::log::reset_channel_switches();
+}
+
+TEST(FevalOnAllFuture, WaitForFinishedStopsAtTheFirstUnfinishedTask) {
+    auto interpreter = kvm::KVM::create();
+    OnAll f(3);
+    for (auto& task : f.tasks) {
+        task->doNotifyRunning();
+    }
+    f.tasks[0]->doNotifyFinished();
+    f.tasks[2]->doNotifyFinished();
+    EXPECT_FALSE(FutureBase::wait({f.future}, FutureState::Finished, Seconds(0.02)));
+    std::latch waiting(1);
+    std::jthread finisher([&] {
+        waiting.wait();
+        f.tasks[1]->doNotifyFinished();
+    });
+    waiting.count_down();
+    EXPECT_TRUE(FutureBase::wait({f.future}, FutureState::Finished, Seconds(60.0)));
+    finisher.join();
+    EXPECT_TRUE(FutureBase::wait({OnAll(0).future}, FutureState::Finished, Seconds(0.0)));
+}
+
+TEST(FevalOnAllFuture, CancelReachesEveryTaskUnlessAllFinished) {
+    OnAll running(2);
+    running.tasks[0]->doNotifyRunning();
+    running.tasks[1]->runToFinish();
+    running.future->cancel();
+    EXPECT_EQ(running.tasks[0]->cancelCalls, 1);
+    EXPECT_EQ(running.tasks[1]->cancelCalls, 0); // finished: only its early-return record
+    EXPECT_EQ(running.future->getState(), FutureState::Finished);
+
+    OnAll finished(2);
+    for (auto& task : finished.tasks) {
+        task->runToFinish();
+    }
+    finished.future->cancel();
+    EXPECT_FALSE(finished.future->hasError());
+}
+
+TEST(FevalOnAllFuture, AfterFinishRunsOnceAfterTheLastTask) {
+    OnAll f(3);
+    int calls = 0;
+    f.future->afterFinishThen(boost::launch::sync, [&] { ++calls; });
+    f.tasks[0]->runToFinish();
+    f.tasks[2]->runToFinish();
+    EXPECT_EQ(calls, 0);
+    f.tasks[1]->runToFinish();
+    EXPECT_EQ(calls, 1);
+    f.tasks[1]->doNotifyFinished();
+    EXPECT_EQ(calls, 1);
+
+    int immediately = 0;
+    OnAll(0).future->afterFinishThen(boost::launch::sync, [&] { ++immediately; });
+    EXPECT_EQ(immediately, 1);
+}
+
+TEST(FevalOnAllFuture, ReportsPerTaskAndRefusesFetchNext) {
+    OnAll f(2);
+    f.tasks[0]->diary = u"first";
+    f.tasks[1]->diary = u"second";
+    f.tasks[0]->result = OutputsOrError(std::optional<DvArrayVector>(DvArrayVector{scalar(1)}));
+    f.tasks[1]->result = OutputsOrError(std::optional<DvArrayVector>(DvArrayVector{scalar(2)}));
+    for (auto& task : f.tasks) {
+        task->runToFinish();
+    }
+    EXPECT_TRUE(f.future->isMultiFuture());
+    EXPECT_STREQ(f.future->getCosAliasName(), "parallel.FevalOnAllFuture");
+    const PerTaskVariant<std::u16string> diary = f.future->getDiary();
+    ASSERT_TRUE(diary.isMulti());
+    EXPECT_EQ(diary[1], u"second");
+    const DvArrayVector cells = f.future->getOutputsAs(1, OutputFormat::Cell);
+    EXPECT_EQ(dvGetDimensions(cells.at(0).get()), (matrix::Dimensions{2, 1}));
+    EXPECT_EQ(std::get<0>(FutureBase::fetchNext({f.future}, 1, Seconds(0.0))),
+              FetchNextState::UnsupportedFutureType);
+
+    OnAll none(0);
+    EXPECT_EQ(none.future->getDiary().size(), 0u);
+    EXPECT_TRUE(none.future->getDiary().isMulti());
+}
+
+} // namespace
+} // namespace parallel::language::future
