@@ -1,5 +1,7 @@
 #pragma once
 
+#include <foundation/core/except/Exception.hpp>
+
 // Tags of the concatenation errors of the built-in "vertcat", thrown to the
 // language as error envelopes made from
 // foundation::core::except::Exception<KORVEX::catenate::dimensionMismatch>
@@ -9,15 +11,9 @@
 namespace KORVEX::catenate {
 
 // The arrays do not have the same number of columns, or one is not 2-D.
-struct dimensionMismatch {
-    static constexpr const char* component = "KORVEX:catenate";
-    static constexpr const char* key = "dimensionMismatch";
-};
+QZHOST_ERROR_TAG("KORVEX:catenate", dimensionMismatch)
 
 // The arrays' classes cannot be combined into one array.
-struct classMismatch {
-    static constexpr const char* component = "KORVEX:catenate";
-    static constexpr const char* key = "classMismatch";
-};
+QZHOST_ERROR_TAG("KORVEX:catenate", classMismatch)
 
 } // namespace KORVEX::catenate

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <foundation/core/except/Exception.hpp>
+
 // Tag of the interpreter's interrupt error, thrown as
 // foundation::core::except::Exception<KORVEX::interrupted> when the user
 // stops a running operation (Ctrl-C). Its text is the host catalogue's entry
@@ -7,9 +9,6 @@
 
 namespace KORVEX {
 
-struct interrupted {
-    static constexpr const char* component = "KORVEX";
-    static constexpr const char* key = "interrupted";
-};
+QZHOST_ERROR_TAG("KORVEX", interrupted)
 
 } // namespace KORVEX

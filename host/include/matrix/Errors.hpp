@@ -1,5 +1,7 @@
 #pragma once
 
+#include <foundation/core/except/Exception.hpp>
+
 // Tags of the array library's typed exceptions, thrown as
 // foundation::core::except::Exception<KORVEX::badsubscript> and so on. Their
 // texts are the host catalogue's entries "KORVEX:badsubscript",
@@ -7,27 +9,15 @@
 
 namespace KORVEX {
 
-struct badsubscript {
-    static constexpr const char* component = "KORVEX";
-    static constexpr const char* key = "badsubscript";
-};
+QZHOST_ERROR_TAG("KORVEX", badsubscript)
 
 // Too many outputs requested.
-struct maxlhs {
-    static constexpr const char* component = "KORVEX";
-    static constexpr const char* key = "maxlhs";
-};
+QZHOST_ERROR_TAG("KORVEX", maxlhs)
 
 // Too many inputs.
-struct maxrhs {
-    static constexpr const char* component = "KORVEX";
-    static constexpr const char* key = "maxrhs";
-};
+QZHOST_ERROR_TAG("KORVEX", maxrhs)
 
 // Not enough inputs.
-struct minrhs {
-    static constexpr const char* component = "KORVEX";
-    static constexpr const char* key = "minrhs";
-};
+QZHOST_ERROR_TAG("KORVEX", minrhs)
 
 } // namespace KORVEX

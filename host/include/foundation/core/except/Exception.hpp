@@ -25,6 +25,14 @@
 #include <string>
 #include <utility>
 
+// Declares the tag of a typed exception, inside the namespace named after
+// its component:  namespace KORVEX { QZHOST_ERROR_TAG("KORVEX", maxlhs) }
+#define QZHOST_ERROR_TAG(Component, Key)                                                           \
+    struct QZHOST_API Key {                                                                        \
+        static constexpr const char* component = Component;                                        \
+        static constexpr const char* key = #Key;                                                   \
+    };
+
 namespace foundation::core::except {
 
 class QZHOST_API IException {
@@ -78,8 +86,8 @@ public:
           what_(detail::toUtf8(message_)) {}
 
     template <class... Args>
-        requires(sizeof...(Args) > 0 && (std::is_constructible_v<MessageArgument, Args> && ...))
-    explicit Exception(Args&&... arguments)
+    requires(sizeof...(Args) > 0 && (std::is_constructible_v<MessageArgument, Args> &&
+                                     ...)) explicit Exception(Args&&... arguments)
         : Exception(MessageArguments{MessageArgument(std::forward<Args>(arguments))...}) {}
 
     const MessageID& get_message_id() const noexcept override { return id_; }

@@ -46,14 +46,8 @@
     X(WaitOnUnavailableFuture)                                                                     \
     X(WaitOnUnsubmittedFuture)
 
-#define QZ_FUTURE_ERROR_TAG(Component, Key)                                                        \
-    struct QZ_FUTURE_API Key {                                                                     \
-        static constexpr const char* component = Component;                                        \
-        static constexpr const char* key = #Key;                                                   \
-    };
-
 namespace KORVEX::parallel::future {
-#define QZ_FUTURE_TAG(Key) QZ_FUTURE_ERROR_TAG("KORVEX:parallel:future", Key)
+#define QZ_FUTURE_TAG(Key) QZHOST_ERROR_TAG("KORVEX:parallel:future", Key)
 QZ_FUTURE_ERROR_KEYS(QZ_FUTURE_TAG)
 #undef QZ_FUTURE_TAG
 struct QZ_FUTURE_API ExecutionCancelled {
@@ -64,9 +58,9 @@ struct QZ_FUTURE_API ExecutionCancelled {
 } // namespace KORVEX::parallel::future
 
 namespace KORVEX::InputParser {
-QZ_FUTURE_ERROR_TAG("KORVEX:InputParser", ParamMustBeChar)
-QZ_FUTURE_ERROR_TAG("KORVEX:InputParser", ParamMissingValue)
-QZ_FUTURE_ERROR_TAG("KORVEX:InputParser", UnmatchedParameter)
+QZHOST_ERROR_TAG("KORVEX:InputParser", ParamMustBeChar)
+QZHOST_ERROR_TAG("KORVEX:InputParser", ParamMissingValue)
+QZHOST_ERROR_TAG("KORVEX:InputParser", UnmatchedParameter)
 } // namespace KORVEX::InputParser
 
 namespace KORVEX::validateattributes {
@@ -78,11 +72,9 @@ struct QZ_FUTURE_API invalidType {
 } // namespace KORVEX::validateattributes
 
 namespace KORVEX::string {
-QZ_FUTURE_ERROR_TAG("KORVEX:string", MustBeStringScalarOrCharacterVector)
-QZ_FUTURE_ERROR_TAG("KORVEX:string", MissingNotSupported)
+QZHOST_ERROR_TAG("KORVEX:string", MustBeStringScalarOrCharacterVector)
+QZHOST_ERROR_TAG("KORVEX:string", MissingNotSupported)
 } // namespace KORVEX::string
-
-#undef QZ_FUTURE_ERROR_TAG
 
 namespace parallel::language::future::errors {
 #define QZ_FUTURE_ALIAS(Key)                                                                       \
