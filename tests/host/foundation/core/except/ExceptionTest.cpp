@@ -6,21 +6,19 @@
 
 #include <stdexcept>
 
-namespace KORVEX::parallel::future {
-struct TooManyOutputsRequested {
-    static constexpr const char* component = "KORVEX:parallel:future";
-    static constexpr const char* key = "TooManyOutputsRequested";
-};
+// Tags of this test's own, for two identifiers of the catalogue.
+namespace exception_test {
+QZHOST_ERROR_TAG("KORVEX:parallel:future", TooManyOutputsRequested)
 struct ExecutionCancelled {
     static constexpr const char* component = "KORVEX:parallel:future";
     static constexpr const char* key = "ExecutionCancelled";
     static constexpr const char* error_id = "parallel:fevalqueue:ExecutionCancelled";
 };
-} // namespace KORVEX::parallel::future
+} // namespace exception_test
 
 using namespace foundation::core::except;
-using TooMany = Exception<KORVEX::parallel::future::TooManyOutputsRequested>;
-using Cancelled = Exception<KORVEX::parallel::future::ExecutionCancelled>;
+using TooMany = Exception<exception_test::TooManyOutputsRequested>;
+using Cancelled = Exception<exception_test::ExecutionCancelled>;
 
 TEST(Exception, CarriesIdentifiersArgumentsAndCatalogueText) {
     const TooMany error(std::uint64_t{1}, std::uint64_t{3});
