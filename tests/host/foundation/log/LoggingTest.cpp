@@ -9,6 +9,8 @@
 
 #include <cstdlib>
 #include <sstream>
+#include <tuple>
+#include <vector>
 
 using namespace foundation::log;
 
@@ -31,94 +33,53 @@ void write(diagnostic_logger& logger, int severity, const std::string& text) {
     core->push_record(std::move(record));
 }
 
-class Logging : public ::testing::Test {
-protected:
-    ~Logging() override { reset_channel_switches(); }
-};
-
 } // namespace
 
-TEST_F(Logging, CaptureSeesChannelSeverityTextAndIndent) {
-    diagnostic_logger logger("x");
-    RecordCapture capture("x");
-    write(logger, severity::info, "first");
-    logger.indent().increase();
-    logger.indent().increase();
-    write(logger, severity::warning, "nested");
-    logger.indent().decrease();
-    write(logger, severity::trace_exit, "back");
-
-    const auto records = capture.records();
-    ASSERT_EQ(records.size(), 3u);
-    EXPECT_EQ(records[0].channel, "x");
-    EXPECT_EQ(records[0].severity, 8);
-    EXPECT_EQ(records[0].message, "first");
-    EXPECT_EQ(records[0].indent, 0);
-    EXPECT_EQ(records[1].severity, 16);
-    EXPECT_EQ(records[1].indent, 2);
-    EXPECT_EQ(records[2].severity, 64);
-    EXPECT_EQ(records[2].indent, 1);
-    EXPECT_EQ(logger.indent().depth(), 1);
-}
-
-TEST_F(Logging, CaptureOfOneChannelIgnoresOthersAndStopsWhenDestroyed) {
-    diagnostic_logger x("x");
-    diagnostic_logger y("y");
+TEST(Logging, CaptureAndConsoleSeeChannelSeverityTextAndIndent) {
+    diagnostic_logger x("x"), y("y");
     RecordCapture all;
+    std::ostringstream console;
+    std::vector<std::tuple<std::string, int, std::string, int>> seen;
     {
-        RecordCapture onlyY("y");
-        write(x, severity::info, "to x");
-        write(y, severity::info, "to y");
-        ASSERT_EQ(onlyY.records().size(), 1u);
-        EXPECT_EQ(onlyY.records()[0].message, "to y");
+        RecordCapture onlyX("x");
+        ConsoleSink sink(console);
+        write(x, severity::info, "first");
+        x.indent().increase();
+        x.indent().increase();
+        write(y, severity::trace_entry, "to y");
+        write(x, severity::warning, "nested");
+        x.indent().decrease();
+        write(x, severity::trace_exit, "back");
+        for (const auto& r : onlyX.records()) {
+            seen.emplace_back(r.channel, r.severity, r.message, r.indent);
+        }
     }
-    write(y, severity::info, "later");
-    EXPECT_EQ(all.records().size(), 3u);
-    all.clear();
-    EXPECT_TRUE(all.records().empty());
+    write(x, severity::info, "after the sinks are gone");
+    EXPECT_EQ(seen,
+              (decltype(seen){{"x", 8, "first", 0}, {"x", 16, "nested", 2}, {"x", 64, "back", 1}}));
+    EXPECT_EQ(all.records().size(), 5u);
+    // Two spaces per indent level; function trace entries and exits marked.
+    EXPECT_EQ(console.str(), "[x] first\n[y] > to y\n[x]     nested\n[x]   < back\n");
 }
 
-TEST_F(Logging, ConsoleSinkIndentsTwoSpacesPerLevel) {
-    std::ostringstream out;
-    diagnostic_logger logger("console");
-    {
-        ConsoleSink sink(out);
-        write(logger, severity::info, "top");
-        logger.indent().increase();
-        write(logger, severity::info, "inner");
-    }
-    write(logger, severity::info, "after the sink is gone");
-    EXPECT_EQ(out.str(), "[console] top\n[console]   inner\n");
-}
-
-TEST_F(Logging, SwitchesApplyByChannelToLiveAndLaterLoggers) {
-    diagnostic_logger a("a");
-    diagnostic_logger b("b");
-    EXPECT_EQ(a.switches(), 0u);
+TEST(Logging, SwitchesApplyByChannelToLiveAndLaterLoggers) {
+    diagnostic_logger a("a"), b("b");
     set_channel_switches("a", switches::info);
     EXPECT_TRUE(a.is_enabled(switches::info));
     EXPECT_FALSE(a.is_enabled(switches::trace));
     EXPECT_EQ(b.switches(), 0u);
-    diagnostic_logger laterA("a");
-    EXPECT_EQ(laterA.switches(), switches::info);
-
+    EXPECT_EQ(diagnostic_logger("a").switches(), switches::info);
     set_channel_switches("*", switches::all);
-    diagnostic_logger c("c");
     EXPECT_EQ(a.switches(), switches::all);
-    EXPECT_EQ(b.switches(), switches::all);
-    EXPECT_EQ(c.switches(), switches::all);
-
+    EXPECT_EQ(diagnostic_logger("c").switches(), switches::all);
     reset_channel_switches();
     EXPECT_EQ(a.switches(), 0u);
-    EXPECT_EQ(diagnostic_logger("a").switches(), 0u);
-}
 
-TEST_F(Logging, EnvironmentConfigurationSkipsMalformedEntries) {
-    ::setenv("KORVEX_LOG", "env=8,bad,=16,other=x,*=,env2=48", 1);
+    ::setenv("KORVEX_LOG", "env=8,bad,=16,other=x,*=,env2=48", 1); // four malformed entries
     EXPECT_EQ(configure_from_environment(), 2);
     EXPECT_EQ(diagnostic_logger("env").switches(), 8u);
     EXPECT_EQ(diagnostic_logger("env2").switches(), 48u);
     EXPECT_EQ(diagnostic_logger("unnamed").switches(), 0u);
     ::unsetenv("KORVEX_LOG");
-    EXPECT_EQ(configure_from_environment(), 0);
+    reset_channel_switches();
 }
