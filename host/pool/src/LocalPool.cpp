@@ -3,6 +3,8 @@
 #include "PoolTask.hpp"
 #include "TaskQueue.hpp"
 
+#include <parallel/language/future/VectorMultiTask.hpp>
+
 #include <boost/exception/diagnostic_information.hpp>
 
 #include <algorithm>
@@ -40,8 +42,8 @@ void execute(PoolTask& task) noexcept {
     notifySafely("Finished", [&] { task.markFinished(); });
 }
 
-void workerLoop(const std::shared_ptr<TaskQueue>& queue) noexcept {
-    while (const auto task = queue->takeNext()) {
+void workerLoop(const std::shared_ptr<TaskQueue>& queue, std::size_t worker) noexcept {
+    while (const auto task = queue->takeNext(worker)) {
         execute(*task);
         queue->markDone(*task);
     }
@@ -54,13 +56,26 @@ std::size_t resolveNumWorkers(std::size_t requested) noexcept {
     return std::max(1u, std::thread::hardware_concurrency());
 }
 
+void checkFunction(const boost::intrusive_ptr<dvArray>& function) {
+    if (!function || dvGetClassID(function.get()) != matrix::ClassID::FunctionHandle) {
+        throw std::invalid_argument("The function to evaluate must be a function handle.");
+    }
+}
+
+[[noreturn]] void refuseWork() {
+    throw std::logic_error("The pool is shutting down and takes no more work.");
+}
+
 } // namespace
 
 struct LocalPool::Impl {
-    std::shared_ptr<TaskQueue> queue = std::make_shared<TaskQueue>();
+    explicit Impl(std::size_t numWorkers) : queue(std::make_shared<TaskQueue>(numWorkers)) {}
+
+    std::shared_ptr<TaskQueue> queue;
     std::vector<std::thread> workers;
 
-    // Cancels the waiting work, stops the running work and joins the workers.
+    // Cancels the waiting work (shared and pinned), stops the running work and
+    // joins the workers.
     // A worker that destroys its own pool (from a finished callback) is left
     // to end by itself: it holds the queue, which is closed.
     void shutDown() noexcept {
@@ -77,12 +92,13 @@ struct LocalPool::Impl {
     }
 };
 
-LocalPool::LocalPool(std::size_t numWorkers) : impl_(std::make_unique<Impl>()) {
-    const std::size_t count = resolveNumWorkers(numWorkers);
+LocalPool::LocalPool(std::size_t numWorkers)
+    : impl_(std::make_unique<Impl>(resolveNumWorkers(numWorkers))) {
+    const std::size_t count = impl_->queue->getNumWorkers();
     impl_->workers.reserve(count);
     try {
         for (std::size_t i = 0; i < count; ++i) {
-            impl_->workers.emplace_back(workerLoop, impl_->queue);
+            impl_->workers.emplace_back(workerLoop, impl_->queue, i);
         }
     } catch (...) {
         impl_->shutDown();
@@ -101,9 +117,7 @@ std::size_t LocalPool::getNumWorkers() const noexcept {
 std::shared_ptr<FevalFuture> LocalPool::submit(boost::intrusive_ptr<dvArray> function,
                                                unsigned int numOutputs, DvArrayVector inputs,
                                                kcos::COSInterface* parent) {
-    if (!function || dvGetClassID(function.get()) != matrix::ClassID::FunctionHandle) {
-        throw std::invalid_argument("The function to evaluate must be a function handle.");
-    }
+    checkFunction(function);
     auto task = std::make_shared<PoolTask>(function, numOutputs, inputs, impl_->queue);
     auto future = std::make_shared<FevalFuture>(parent, std::move(function), numOutputs,
                                                 std::move(inputs), task);
@@ -112,7 +126,41 @@ std::shared_ptr<FevalFuture> LocalPool::submit(boost::intrusive_ptr<dvArray> fun
     task->markQueued();
     if (!impl_->queue->push(task)) {
         task->cancel();
-        throw std::logic_error("The pool is shutting down and takes no more work.");
+        refuseWork();
+    }
+    return future;
+}
+
+std::shared_ptr<FevalOnAllFuture> LocalPool::submitOnAll(boost::intrusive_ptr<dvArray> function,
+                                                         unsigned int numOutputs,
+                                                         DvArrayVector inputs,
+                                                         kcos::COSInterface* parent) {
+    checkFunction(function);
+    const std::size_t count = impl_->queue->getNumWorkers();
+    std::vector<std::shared_ptr<PoolTask>> tasks;
+    tasks.reserve(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        tasks.push_back(std::make_shared<PoolTask>(function, numOutputs, inputs, impl_->queue, i));
+    }
+    auto multiTask = std::make_shared<parallel::language::future::VectorMultiTask>(
+        std::vector<std::shared_ptr<parallel::language::future::TaskBase>>(tasks.begin(),
+                                                                           tasks.end()));
+    auto future = std::make_shared<FevalOnAllFuture>(parent, std::move(function), numOutputs,
+                                                     std::move(inputs), std::move(multiTask));
+    // Every task is queued before any worker can see one: a task still
+    // without a notification (Unavailable) would make the whole future
+    // Unavailable while another one runs.
+    for (const auto& task : tasks) {
+        task->markPending();
+    }
+    for (const auto& task : tasks) {
+        task->markQueued();
+    }
+    if (!impl_->queue->pushPinned(tasks)) {
+        for (const auto& task : tasks) {
+            task->cancel();
+        }
+        refuseWork();
     }
     return future;
 }

@@ -65,8 +65,10 @@ DvArrayVector invoke(const dvArray* function, unsigned int numOutputs,
 } // namespace
 
 PoolTask::PoolTask(boost::intrusive_ptr<dvArray> function, unsigned int numOutputs,
-                   const DvArrayVector& inputs, std::weak_ptr<TaskQueue> queue)
-    : function_(std::move(function)), numOutputs_(numOutputs), queue_(std::move(queue)) {
+                   const DvArrayVector& inputs, std::weak_ptr<TaskQueue> queue,
+                   std::optional<std::size_t> pinnedWorker)
+    : function_(std::move(function)), numOutputs_(numOutputs), queue_(std::move(queue)),
+      pinnedWorker_(pinnedWorker) {
     inputs_.reserve(inputs.size());
     for (const auto& input : inputs) {
         inputs_.push_back(sharedCopy(input));
@@ -93,9 +95,10 @@ void PoolTask::run() noexcept {
 }
 
 void PoolTask::doCancel() {
-    // A task still waiting never reaches a worker; for one that a worker has
-    // taken already, the stop flag keeps its function from starting or asks
-    // it to return early.
+    // A task still waiting (in the shared queue or in its worker's pinned
+    // queue) never reaches a worker; for one that a worker has taken already,
+    // the stop flag keeps its function from starting or asks it to return
+    // early.
     if (const auto queue = queue_.lock()) {
         queue->remove(*this);
     }

@@ -12,8 +12,10 @@
 #include <matrix/dvArray.hpp>
 
 #include <atomic>
+#include <cstddef>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 namespace localpool {
@@ -25,9 +27,13 @@ class TaskQueue;
 
 class PoolTask final : public parallel::language::future::TaskBase {
 public:
-    // Takes shared copies of `inputs` (null entries stay null).
+    // Takes shared copies of `inputs` (null entries stay null). A task with
+    // a `pinnedWorker` is run by that worker only; without, by any worker.
     PoolTask(boost::intrusive_ptr<dvArray> function, unsigned int numOutputs,
-             const DvArrayVector& inputs, std::weak_ptr<TaskQueue> queue);
+             const DvArrayVector& inputs, std::weak_ptr<TaskQueue> queue,
+             std::optional<std::size_t> pinnedWorker = std::nullopt);
+
+    std::optional<std::size_t> getPinnedWorker() const noexcept { return pinnedWorker_; }
 
     // Progress notifications. The submitting thread or the worker.
     void markPending() { doNotifyPending(); }
@@ -56,6 +62,7 @@ private:
     DvArrayVector inputs_;
 
     std::weak_ptr<TaskQueue> queue_;
+    const std::optional<std::size_t> pinnedWorker_;
     std::atomic<bool> stop_{false};
 
     mutable std::mutex resultMutex_; // guards result_ and diary_
