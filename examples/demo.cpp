@@ -1,6 +1,8 @@
 // A handful of evaluations on a local pool of four workers, collected on the
 // interpreter thread in the order they finish. One of them fails; its error
 // shows up once through fetchNext and once more through fetchOutputs.
+// Finally one evaluation runs on every worker: its outputs come back one per
+// worker, and so do the diaries.
 //
 // Nothing is traced unless KORVEX_LOG names channels, for example
 //   KORVEX_LOG="parallel::language::future::FutureBase=96" ./demo
@@ -17,6 +19,7 @@
 #include <matrix/dvArray.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -83,11 +86,32 @@ std::string text(const std::u16string& utf16) {
     return foundation::core::str::toUtf8(utf16);
 }
 
+// Meant to run once on every worker: takes the next number, counting up from
+// its input in the order the workers get to it, reports it in its diary and
+// gives it back.
+boost::intrusive_ptr<dvArray> rollCall(std::shared_ptr<std::atomic<int>> next) {
+    return function("rollCall", [next](std::size_t, const Arrays& inputs) -> Arrays {
+        const int number = static_cast<int>(valueOf(inputs)) + next->fetch_add(1);
+        kvm::print(
+            foundation::core::str::toUtf16("reporting as number " + std::to_string(number) + "\n"));
+        return {scalar(number)};
+    });
+}
+
 void printError(const char* what, const KExceptionEnvelope& error) {
     std::cout << "  " << what << ": " << error.GetID() << "\n    " << text(error.GetMessage())
               << '\n';
     for (const KExceptionEnvelope& cause : error.GetCauses()) {
         std::cout << "    caused by " << cause.GetID() << ": " << text(cause.GetMessage()) << '\n';
+    }
+}
+
+// The lines of a diary, one by one.
+void printDiary(const std::string& diary) {
+    for (std::size_t start = 0; start < diary.size();) {
+        const std::size_t end = std::min(diary.find('\n', start), diary.size());
+        std::cout << "      diary: " << diary.substr(start, end - start) << '\n';
+        start = end + 1;
     }
 }
 
@@ -102,11 +126,21 @@ void printFetched(std::size_t index, const pf::FutureBase& future, std::optional
     std::snprintf(line, sizeof line, "  index %zu  ID %lld  %-12s ran %.3f s", index,
                   future.getID(), shown, future.getRunningDuration().count());
     std::cout << line << '\n';
-    const std::string diary = text(future.getDiary().getAsSingle());
-    for (std::size_t start = 0; start < diary.size();) {
-        const std::size_t end = std::min(diary.find('\n', start), diary.size());
-        std::cout << "      diary: " << diary.substr(start, end - start) << '\n';
-        start = end + 1;
+    printDiary(text(future.getDiary().getAsSingle()));
+}
+
+// One evaluation on every worker (task i runs on worker i): the outputs as a
+// cell, one row per worker, each with what that worker wrote into its diary.
+void showOnAll(localpool::LocalPool& pool) {
+    const auto future =
+        pool.submitOnAll(rollCall(std::make_shared<std::atomic<int>>(0)), 1, {scalar(1.0)});
+    std::cout << "\nOne evaluation on every worker (ID " << future->getID() << "):\n";
+    const auto cell = pf::FutureBase::fetchOutputs({future}, false, 1).at(0);
+    const auto diaries = future->getDiary();
+    for (std::size_t i = 0; i < dvGetNumberOfElements(cell.get()); ++i) {
+        std::cout << "  worker " << i << "  value " << dvGetDoubles(dvGetCell(cell.get(), i))[0]
+                  << '\n';
+        printDiary(text(diaries[i]));
     }
 }
 
@@ -165,5 +199,7 @@ int main() {
             printError("fetchOutputs raised", error);
         }
     }
+
+    showOnAll(pool);
     return 0;
 }
