@@ -16,6 +16,8 @@
 #include <kvm/KVM.hpp>
 #include <matrix/dvArray.hpp>
 
+#include "BenchSupport.hpp"
+
 #include <benchmark/benchmark.h>
 
 #include <limits>
@@ -30,30 +32,20 @@ namespace pf = parallel::language::future;
 using Futures = std::vector<std::shared_ptr<pf::FutureBase>>;
 
 // Work that is done before anyone asks: one 1-by-1 output.
-class FinishedTask final : public pf::TaskBase {
-public:
-    FinishedTask() {
-        doNotifyPending();
-        doNotifyQueued();
-        doNotifyRunning();
-        doNotifyFinished();
-    }
-
-private:
-    void doCancel() override {}
-    pf::OutputsOrError doGetOutputsOrError() override {
-        pf::DvArrayVector outputs{{matrix::to_korvex(dvCreateDoubleScalar(1.0)), false}};
-        return pf::OutputsOrError(std::optional<pf::DvArrayVector>(std::move(outputs)));
-    }
-    std::u16string doGetDiary() override { return {}; }
-};
+std::shared_ptr<bench::BenchTask> finishedTask() {
+    pf::DvArrayVector outputs{{matrix::to_korvex(dvCreateDoubleScalar(1.0)), false}};
+    auto task = std::make_shared<bench::BenchTask>(
+        pf::OutputsOrError(std::optional<pf::DvArrayVector>(std::move(outputs))));
+    task->advanceTo(pf::FutureState::Finished);
+    return task;
+}
 
 Futures makeFinishedFutures(std::size_t count) {
     Futures futures;
     futures.reserve(count);
     for (std::size_t i = 0; i < count; ++i) {
-        futures.push_back(std::make_shared<pf::FevalFuture>(
-            nullptr, nullptr, 1, pf::DvArrayVector{}, std::make_shared<FinishedTask>()));
+        futures.push_back(std::make_shared<pf::FevalFuture>(nullptr, nullptr, 1,
+                                                            pf::DvArrayVector{}, finishedTask()));
     }
     return futures;
 }

@@ -16,6 +16,8 @@
 #include <localpool/LocalPool.hpp>
 #include <matrix/dvArray.hpp>
 
+#include "BenchSupport.hpp"
+
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -77,16 +79,6 @@ void giveGoSignals(Rounds& rounds) {
     }
 }
 
-void reportPercentiles(benchmark::State& state, std::vector<double> latencies) {
-    std::sort(latencies.begin(), latencies.end());
-    const auto at = [&](double fraction) {
-        const auto rank = static_cast<std::size_t>(std::ceil(fraction * latencies.size()));
-        return latencies[std::clamp<std::size_t>(rank, 1, latencies.size()) - 1] / 1e3;
-    };
-    state.counters["median_us"] = at(0.5);
-    state.counters["p99_us"] = at(0.99);
-}
-
 // Runs the rounds, `awaitOutput` blocking on the future until it has the output.
 template <class AwaitOutput>
 void measureRounds(benchmark::State& state, AwaitOutput awaitOutput) {
@@ -118,7 +110,7 @@ void measureRounds(benchmark::State& state, AwaitOutput awaitOutput) {
     rounds->requested.notify_one();
     starter.join();
     if (!latencies.empty()) {
-        reportPercentiles(state, std::move(latencies));
+        bench::reportPercentiles(state, std::move(latencies));
     }
 }
 

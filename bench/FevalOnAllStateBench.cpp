@@ -13,6 +13,8 @@
 #include <parallel/language/future/TimeTypes.hpp>
 #include <parallel/language/future/VectorMultiTask.hpp>
 
+#include "BenchSupport.hpp"
+
 #include <benchmark/benchmark.h>
 #include <kvm/KVM.hpp>
 
@@ -26,31 +28,6 @@
 namespace {
 
 namespace pf = parallel::language::future;
-
-// The least an executor can be: no work, no outputs, no diary; it only
-// moves through the states it is told to.
-class MinimalTask final : public pf::TaskBase {
-public:
-    explicit MinimalTask(pf::FutureState target) {
-        doNotifyPending();
-        if (target >= pf::FutureState::Queued) {
-            doNotifyQueued();
-        }
-        if (target >= pf::FutureState::Running) {
-            doNotifyRunning();
-        }
-        if (target >= pf::FutureState::Finished) {
-            doNotifyFinished();
-        }
-    }
-
-private:
-    void doCancel() override {}
-    pf::OutputsOrError doGetOutputsOrError() override {
-        return pf::OutputsOrError(std::optional<pf::DvArrayVector>());
-    }
-    std::u16string doGetDiary() override { return {}; }
-};
 
 enum class Mix { AllRunning, QueuedRunningFinished, AllFinished };
 
@@ -72,7 +49,9 @@ std::shared_ptr<pf::FutureBase> onAllFuture(std::size_t numTasks, Mix mix) {
     std::vector<std::shared_ptr<pf::TaskBase>> tasks;
     tasks.reserve(numTasks);
     for (std::size_t i = 0; i < numTasks; ++i) {
-        tasks.push_back(std::make_shared<MinimalTask>(stateOf(mix, i)));
+        auto task = std::make_shared<bench::BenchTask>();
+        task->advanceTo(stateOf(mix, i));
+        tasks.push_back(std::move(task));
     }
     return std::make_shared<pf::FevalOnAllFuture>(
         nullptr, nullptr, 1, pf::DvArrayVector{},

@@ -20,6 +20,8 @@
 #include <localpool/LocalPool.hpp>
 #include <matrix/dvArray.hpp>
 
+#include "BenchSupport.hpp"
+
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -111,15 +113,6 @@ using Futures = std::vector<std::shared_ptr<pf::FevalFuture>>;
 
 constexpr std::size_t futuresPerRound = 1000;
 
-class MinimalTask final : public pf::TaskBase {
-private:
-    void doCancel() override {}
-    pf::OutputsOrError doGetOutputsOrError() override {
-        return pf::OutputsOrError(std::optional<pf::DvArrayVector>());
-    }
-    std::u16string doGetDiary() override { return {}; }
-};
-
 boost::intrusive_ptr<dvArray> scalar(double value) {
     return {matrix::to_korvex(dvCreateDoubleScalar(value)), false};
 }
@@ -163,9 +156,9 @@ void BM_DirectFevalFutureMemory(benchmark::State& state) {
     const auto identity = function("identity", identityBody);
     countPerFuture(state, [&](Futures& futures) {
         for (std::size_t i = 0; i < futuresPerRound; ++i) {
-            futures.push_back(std::make_shared<pf::FevalFuture>(nullptr, identity, 1,
-                                                                pf::DvArrayVector{scalar(1.0)},
-                                                                std::make_shared<MinimalTask>()));
+            futures.push_back(std::make_shared<pf::FevalFuture>(
+                nullptr, identity, 1, pf::DvArrayVector{scalar(1.0)},
+                std::make_shared<bench::BenchTask>()));
         }
     });
 }

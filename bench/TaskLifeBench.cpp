@@ -8,6 +8,8 @@
 #include <parallel/language/future/TaskBase.hpp>
 #include <parallel/language/future/TimeTypes.hpp>
 
+#include "BenchSupport.hpp"
+
 #include <benchmark/benchmark.h>
 #include <boost/thread/future.hpp>
 
@@ -22,24 +24,6 @@ namespace {
 
 namespace pf = parallel::language::future;
 
-// The least an executor can be: no work, no outputs, no diary.
-class MinimalTask final : public pf::TaskBase {
-public:
-    void runToFinish() {
-        doNotifyPending();
-        doNotifyQueued();
-        doNotifyRunning();
-        doNotifyFinished();
-    }
-
-private:
-    void doCancel() override {}
-    pf::OutputsOrError doGetOutputsOrError() override {
-        return pf::OutputsOrError(std::optional<pf::DvArrayVector>());
-    }
-    std::u16string doGetDiary() override { return {}; }
-};
-
 // The same two promise/future pairs a task holds, and nothing else.
 struct BarePromisePair {
     boost::promise<void> running;
@@ -51,8 +35,11 @@ struct BarePromisePair {
 void BM_TaskLife(benchmark::State& state) {
     const pf::SteadyTimePoint deadline = pf::clock::getCurrentSteadyTime() + pf::Seconds(60.0);
     for (auto _ : state) {
-        auto task = std::make_shared<MinimalTask>();
-        task->runToFinish();
+        auto task = std::make_shared<bench::BenchTask>();
+        task->doNotifyPending();
+        task->doNotifyQueued();
+        task->doNotifyRunning();
+        task->doNotifyFinished();
         benchmark::DoNotOptimize(task->wait(pf::FutureState::Finished, deadline));
     }
 }

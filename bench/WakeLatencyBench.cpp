@@ -9,6 +9,8 @@
 #include <parallel/language/future/TaskBase.hpp>
 #include <parallel/language/future/TimeTypes.hpp>
 
+#include "BenchSupport.hpp"
+
 #include <benchmark/benchmark.h>
 #include <boost/chrono/system_clocks.hpp>
 #include <boost/thread/future.hpp>
@@ -28,23 +30,6 @@ namespace {
 
 namespace pf = parallel::language::future;
 using SteadyClock = std::chrono::steady_clock;
-
-class MinimalTask final : public pf::TaskBase {
-public:
-    void start() {
-        doNotifyPending();
-        doNotifyQueued();
-        doNotifyRunning();
-    }
-    void finish() { doNotifyFinished(); }
-
-private:
-    void doCancel() override {}
-    pf::OutputsOrError doGetOutputsOrError() override {
-        return pf::OutputsOrError(std::optional<pf::DvArrayVector>());
-    }
-    std::u16string doGetDiary() override { return {}; }
-};
 
 long long nowNanoseconds() {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -76,32 +61,22 @@ double measureOneWake(WaitFor waitFor, Wake wake) {
     return static_cast<double>(latency);
 }
 
-void reportPercentiles(benchmark::State& state, std::vector<double> latencies) {
-    std::sort(latencies.begin(), latencies.end());
-    const auto at = [&](double fraction) {
-        const auto rank = static_cast<std::size_t>(std::ceil(fraction * latencies.size()));
-        return latencies[std::clamp<std::size_t>(rank, 1, latencies.size()) - 1] / 1e3;
-    };
-    state.counters["median_us"] = at(0.5);
-    state.counters["p99_us"] = at(0.99);
-}
-
 void BM_TaskWakeLatency(benchmark::State& state) {
     const auto rounds = static_cast<std::size_t>(state.range(0));
     std::vector<double> latencies;
     for (auto _ : state) {
         latencies.clear();
         for (std::size_t i = 0; i < rounds; ++i) {
-            auto task = std::make_shared<MinimalTask>();
-            task->start();
+            auto task = std::make_shared<bench::BenchTask>();
+            task->advanceTo(pf::FutureState::Running);
             const pf::SteadyTimePoint deadline =
                 pf::clock::getCurrentSteadyTime() + pf::Seconds(10.0);
             latencies.push_back(measureOneWake(
                 [&] { benchmark::DoNotOptimize(task->wait(pf::FutureState::Finished, deadline)); },
-                [&] { task->finish(); }));
+                [&] { task->doNotifyFinished(); }));
         }
     }
-    reportPercentiles(state, std::move(latencies));
+    bench::reportPercentiles(state, std::move(latencies));
 }
 
 void BM_BarePromiseWakeLatency(benchmark::State& state) {
@@ -118,7 +93,7 @@ void BM_BarePromiseWakeLatency(benchmark::State& state) {
                 [&] { finished.set_value(); }));
         }
     }
-    reportPercentiles(state, std::move(latencies));
+    bench::reportPercentiles(state, std::move(latencies));
 }
 
 } // namespace

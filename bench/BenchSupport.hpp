@@ -1,0 +1,66 @@
+#pragma once
+
+// Pieces shared by the benchmarks.
+
+#include <parallel/language/future/TaskBase.hpp>
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cmath>
+#include <optional>
+#include <vector>
+
+namespace bench {
+
+namespace pf = parallel::language::future;
+
+// A task of an executor that does no work: the benchmark drives its
+// notifications. Its outputs are `result` (none by default).
+class BenchTask final : public pf::TaskBase {
+public:
+    BenchTask() = default;
+    explicit BenchTask(pf::OutputsOrError result) : result_(std::move(result)) {}
+
+    using TaskBase::doNotifyFinished;
+    using TaskBase::doNotifyPending;
+    using TaskBase::doNotifyQueued;
+    using TaskBase::doNotifyRunning;
+
+    // Notifies Pending, then each later state up to `state`.
+    void advanceTo(pf::FutureState state) {
+        doNotifyPending();
+        if (state >= pf::FutureState::Queued) {
+            doNotifyQueued();
+        }
+        if (state >= pf::FutureState::Running) {
+            doNotifyRunning();
+        }
+        if (state >= pf::FutureState::Finished) {
+            doNotifyFinished();
+        }
+    }
+
+private:
+    void doCancel() override {}
+    pf::OutputsOrError doGetOutputsOrError() override { return result_; }
+    std::u16string doGetDiary() override { return {}; }
+
+    pf::OutputsOrError result_{std::optional<pf::DvArrayVector>()};
+};
+
+// Sets the counters median_us and p99_us from latencies in nanoseconds.
+inline void reportPercentiles(benchmark::State& state, std::vector<double> latencies) {
+    if (latencies.empty()) {
+        return;
+    }
+    std::sort(latencies.begin(), latencies.end());
+    const auto at = [&](double fraction) {
+        const auto rank = static_cast<std::size_t>(std::ceil(fraction * latencies.size()));
+        return latencies[std::clamp<std::size_t>(rank, 1, latencies.size()) - 1] / 1e3;
+    };
+    state.counters["median_us"] = at(0.5);
+    state.counters["p99_us"] = at(0.99);
+}
+
+} // namespace bench
