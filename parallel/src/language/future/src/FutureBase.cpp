@@ -547,12 +547,17 @@ FutureBase::fetchNext(std::vector<std::shared_ptr<FutureBase>> futures, unsigned
         if (future.getID() == invalidID) {
             return {FetchNextState::InvalidFuture, 0, {}};
         }
-        const FutureState state = future.getState();
-        const bool submitted = state != FutureState::Pending && state != FutureState::Unavailable;
-        someSubmitted = someSubmitted || submitted;
-        if (future.getRead() || !submitted) {
+        if (future.getRead()) {
+            // Only futures that were waited on or fetched are read, so a read
+            // future counts as submitted without asking its work for a state.
+            someSubmitted = true;
             continue;
         }
+        const FutureState state = future.getState();
+        if (state == FutureState::Pending || state == FutureState::Unavailable) {
+            continue;
+        }
+        someSubmitted = true;
         boost::shared_future<void> waitable = future.doGetWaitableFuture();
         if (waitable.is_ready()) {
             return fetch(i);
