@@ -110,6 +110,8 @@ TEST(TaskBase, WaitTimesOutAtAPastOrNearDeadline) {
     task->doNotifyPending();
     EXPECT_FALSE(task->wait(FutureState::Finished, secondsFromNow(-1.0)));
     EXPECT_FALSE(task->wait(FutureState::Running, secondsFromNow(-1.0)));
+    const SteadyTimePoint notANumber(Seconds(std::numeric_limits<double>::quiet_NaN()));
+    EXPECT_FALSE(task->wait(FutureState::Finished, notANumber));
     const SteadyTimePoint start = clock::getCurrentSteadyTime();
     EXPECT_FALSE(task->wait(FutureState::Finished, secondsFromNow(0.05)));
     EXPECT_GE((clock::getCurrentSteadyTime() - start).count(), 0.04);

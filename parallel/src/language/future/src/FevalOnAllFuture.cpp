@@ -4,6 +4,7 @@
 #include <parallel/language/future/MultiEventPromise.hpp>
 
 #include "DiagnosticLogging.hpp"
+#include "WaitUntil.hpp"
 
 #include <algorithm>
 #include <limits>
@@ -111,7 +112,7 @@ bool FevalOnAllFuture::doWaitForRunning(SteadyTimePoint deadline) {
         }
         running = runningFuture_;
     }
-    return running.wait_until(stdToBoostTimepoint(deadline)) == boost::future_status::ready;
+    return detail::waitUntil(running, deadline);
 }
 
 void FevalOnAllFuture::doAfterFinishThen(boost::launch policy, std::function<void()> callback) {

@@ -4,10 +4,9 @@
 
 #include "DiagnosticLogging.hpp"
 #include "TaskFinishedListeners.hpp"
+#include "WaitUntil.hpp"
 
 #include <boost/exception/diagnostic_information.hpp>
-
-#include <cmath>
 
 namespace parallel::language::future {
 
@@ -15,21 +14,6 @@ namespace {
 
 logging::Logger& logger() noexcept {
     return logging::taskBaseLogger();
-}
-
-// Deadlines further away than this are waited for without a time limit: the
-// Boost wait converts its time point to an integral count, which a deadline
-// such as the largest finite double would overflow.
-constexpr double kUnboundedWaitSeconds = 1e9;
-
-// True when `future` became ready before `deadline`. Wait errors pass through.
-bool waitUntil(const boost::shared_future<void>& future, const SteadyTimePoint& deadline) {
-    const double remaining = (deadline - clock::getCurrentSteadyTime()).count();
-    if (!std::isfinite(deadline.time_since_epoch().count()) || remaining > kUnboundedWaitSeconds) {
-        future.wait();
-        return true;
-    }
-    return future.wait_until(stdToBoostTimepoint(deadline)) == boost::future_status::ready;
 }
 
 // Attaches `callback` to `future` under `policy`; the continuation's own
@@ -77,10 +61,10 @@ bool TaskBase::wait(FutureState target, const SteadyTimePoint& deadline) {
             std::lock_guard lock(mutex_);
             running = runningFuture_;
         }
-        return waitUntil(running, deadline);
+        return detail::waitUntil(running, deadline);
     }
     try {
-        return waitUntil(finishedFuture_, deadline);
+        return detail::waitUntil(finishedFuture_, deadline);
     } catch (const boost::future_uninitialized&) {
         throw errors::WaitOnUnavailableFuture();
     } catch (...) {
