@@ -2,6 +2,7 @@
 #include "FutureTestSupport.hpp"
 
 #include <parallel/language/future/FutureErrors.hpp>
+#include <parallel/language/future/UnavailableFuture.hpp>
 
 #include <Veldspire/KException/KExceptionEnvelope.hpp>
 
@@ -40,8 +41,7 @@ TEST_F(FetchNext, TellsWhyNothingCanBeFetched) {
     EXPECT_EQ(stateOf(FutureBase::fetchNext({done.future, pending.future}, 1, kForever)),
               FetchNextState::NoUnreadFutures);
 
-    auto invalid = std::make_shared<FevalFuture>(nullptr, nullptr, 0, DvArrayVector{},
-                                                 testing::TestTask::make(), FutureBase::invalidID);
+    auto invalid = std::make_shared<UnavailableFuture>();
     EXPECT_EQ(stateOf(FutureBase::fetchNext({invalid}, 1, kForever)),
               FetchNextState::InvalidFuture);
 }

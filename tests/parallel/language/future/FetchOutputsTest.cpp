@@ -1,6 +1,7 @@
 #include "FutureTestSupport.hpp"
 
 #include <parallel/language/future/FutureErrors.hpp>
+#include <parallel/language/future/UnavailableFuture.hpp>
 
 #include <Veldspire/KException/KExceptionEnvelope.hpp>
 
@@ -111,8 +112,7 @@ TEST_F(FetchOutputs, ConcatenationFailureCarriesItsCause) {
 TEST_F(FetchOutputs, RefusesUnavailableFuturesBeforeWaiting) {
     TestFuture running;
     running.running();
-    auto invalid = std::make_shared<FevalFuture>(nullptr, nullptr, 0, DvArrayVector{},
-                                                 testing::TestTask::make(), FutureBase::invalidID);
+    auto invalid = std::make_shared<UnavailableFuture>();
     EXPECT_THROW(FutureBase::fetchOutputs({running.future, invalid}, true, 1),
                  errors::FetchOutputsOnUnavailableFuture);
     EXPECT_FALSE(running.future->getRead());

@@ -11,25 +11,6 @@ using testing::scalar;
 using testing::TestFuture;
 using testing::valueOf;
 
-// A future that is not backed by work: ID -1.
-class NoWorkFuture : public FutureBase {
-    void doCancel() override { ++cancels; }
-    boost::shared_future<void> doGetWaitableFuture() override { return {}; }
-    bool doWait(FutureState, SteadyTimePoint) override { return true; }
-    void doAfterFinishThen(boost::launch, std::function<void()>) override {}
-    PerTaskVariant<std::u16string> doGetDiary() const override { return {}; }
-    WallClockTimePoint doGetFinishTime() const override { return {}; }
-    PerTaskVariant<OutputsOrError> doGetOutputsOrError() const override {
-        return PerTaskVariant<OutputsOrError>(OutputsOrError(std::optional<DvArrayVector>()));
-    }
-    WallClockTimePoint doGetStartTime() const override { return {}; }
-    FutureState doGetState() const override { return FutureState::Unavailable; }
-    const char* doGetCosAliasName() const override { return "parallel.Future"; }
-
-public:
-    int cancels = 0;
-};
-
 TEST(FutureBase, IdsCountUpAndAnExplicitIdDrawsNone) {
     TestFuture first;
     TestFuture second;
@@ -38,12 +19,6 @@ TEST(FutureBase, IdsCountUpAndAnExplicitIdDrawsNone) {
     EXPECT_EQ(chosen.getID(), 1000);
     TestFuture third;
     EXPECT_EQ(third.future->getID(), second.future->getID() + 1);
-
-    NoWorkFuture invalid;
-    EXPECT_TRUE(invalid.isInvalid());
-    EXPECT_EQ(invalid.getID(), FutureBase::invalidID);
-    invalid.cancel();
-    EXPECT_EQ(invalid.cancels, 0);
 }
 
 TEST(FutureBase, NothingIsReadOrCachedBeforeTheWorkFinishes) {

@@ -2,6 +2,7 @@
 #include "FutureTestSupport.hpp"
 
 #include <parallel/language/future/FutureErrors.hpp>
+#include <parallel/language/future/UnavailableFuture.hpp>
 
 #include <iqm/Iqm.hpp>
 
@@ -35,8 +36,7 @@ TEST_F(FutureWait, RefusesFuturesThatCannotBeWaitedOn) {
                  errors::WaitOnUnsubmittedFuture);
     EXPECT_THROW(FutureBase::wait({unnotified.future}, FutureState::Finished, Seconds(kForever)),
                  errors::WaitOnUnsubmittedFuture);
-    auto invalid = std::make_shared<FevalFuture>(nullptr, nullptr, 0, DvArrayVector{},
-                                                 testing::TestTask::make(), FutureBase::invalidID);
+    auto invalid = std::make_shared<UnavailableFuture>();
     EXPECT_THROW(
         FutureBase::wait({finished.future, invalid}, FutureState::Finished, Seconds(kForever)),
         errors::WaitOnUnavailableFuture);
