@@ -1,6 +1,7 @@
 #include "FutureTestSupport.hpp"
 
 #include <parallel/language/future/FutureErrors.hpp>
+#include <parallel/language/future/UnavailableFuture.hpp>
 
 #include <Veldspire/KException/KExceptionEnvelope.hpp>
 
@@ -19,6 +20,18 @@ TEST(FutureBase, IdsCountUpAndAnExplicitIdDrawsNone) {
     EXPECT_EQ(chosen.getID(), 1000);
     TestFuture third;
     EXPECT_EQ(third.future->getID(), second.future->getID() + 1);
+}
+
+TEST(FutureBase, VectorsAreEqualWhenTheirIdsAreEqualInOrder) {
+    const std::shared_ptr<FutureBase> f1 = TestFuture().future;
+    const std::shared_ptr<FutureBase> f2 = TestFuture().future;
+    using Futures = std::vector<std::shared_ptr<FutureBase>>;
+    EXPECT_TRUE(FutureBase::isEqual({f1, f2}, {f1, f2}));
+    EXPECT_FALSE(FutureBase::isEqual({f1, f2}, {f2, f1}));
+    EXPECT_FALSE(FutureBase::isEqual({f1}, {f1, f1}));
+    EXPECT_TRUE(FutureBase::isEqual(Futures{}, Futures{}));
+    EXPECT_TRUE(FutureBase::isEqual({std::make_shared<UnavailableFuture>()},
+                                    {std::make_shared<UnavailableFuture>("parallel.FevalFuture")}));
 }
 
 TEST(FutureBase, NothingIsReadOrCachedBeforeTheWorkFinishes) {

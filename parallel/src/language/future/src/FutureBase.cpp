@@ -576,6 +576,12 @@ FutureBase::fetchNext(std::vector<std::shared_ptr<FutureBase>> futures, unsigned
     return fetch(ready->index);
 }
 
+bool FutureBase::isEqual(const std::vector<std::shared_ptr<FutureBase>>& a,
+                         const std::vector<std::shared_ptr<FutureBase>>& b) {
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                      [](const auto& x, const auto& y) { return x->getID() == y->getID(); });
+}
+
 DvArrayVector FutureBase::doFetchNext(unsigned int numOutputs) {
     if (numOutputs > numOutputs_) {
         throw errors::TooManyOutputsRequested(std::uint64_t{numOutputs_},

@@ -129,6 +129,11 @@ public:
     fetchNext(std::vector<std::shared_ptr<FutureBase>> futures, unsigned int numOutputs,
               Seconds timeout);
 
+    // Whether two vectors hold futures with equal IDs, position by position
+    // (two unavailable futures are equal). Any thread.
+    static bool isEqual(const std::vector<std::shared_ptr<FutureBase>>& a,
+                        const std::vector<std::shared_ptr<FutureBase>>& b);
+
 protected:
     // For multi-task subclasses: per-task inputs and cache of `n` empty entries.
     void initMultiTaskInputs(std::size_t n);
