@@ -99,9 +99,10 @@ boost::intrusive_ptr<dvArray> concatenateVertically(const DvArrayVector& parts) 
     throw failure;
 }
 
-// Output k of `source`; null when the source has fewer outputs.
-const dvArray* outputAt(const DvArrayVector& source, unsigned int k) {
-    return k < source.size() ? source[k].get() : nullptr;
+// Moves output k out of `source`, which holds copies of the caller's own;
+// null when the source has fewer outputs.
+boost::intrusive_ptr<dvArray> takeOutput(DvArrayVector& source, unsigned int k) {
+    return k < source.size() ? std::move(source[k]) : nullptr;
 }
 
 // Output k of every source joined vertically, for k below `numOutputs`: no
@@ -119,8 +120,8 @@ DvArrayVector concatenateEach(std::vector<DvArrayVector> sources, unsigned int n
     for (unsigned int k = 0; k < numOutputs; ++k) {
         DvArrayVector parts;
         parts.reserve(sources.size());
-        for (const DvArrayVector& source : sources) {
-            parts.emplace_back(matrix::to_korvex(detail::copyArray(outputAt(source, k))), false);
+        for (DvArrayVector& source : sources) {
+            parts.push_back(takeOutput(source, k));
         }
         joined.push_back(concatenateVertically(parts));
     }
@@ -128,13 +129,13 @@ DvArrayVector concatenateEach(std::vector<DvArrayVector> sources, unsigned int n
 }
 
 // Output k of every source gathered into an M-by-1 cell, one row per source.
-DvArrayVector gatherIntoCells(const std::vector<DvArrayVector>& sources, unsigned int numOutputs) {
+DvArrayVector gatherIntoCells(std::vector<DvArrayVector> sources, unsigned int numOutputs) {
     DvArrayVector cells;
     cells.reserve(numOutputs);
     for (unsigned int k = 0; k < numOutputs; ++k) {
         matrix::unique_dvArray cell = matrix::detail::do_create_cell({sources.size(), 1});
         for (std::size_t i = 0; i < sources.size(); ++i) {
-            dvSetCell(cell.get(), i, detail::copyArray(outputAt(sources[i], k)));
+            dvSetCell(cell.get(), i, matrix::from_korvex(takeOutput(sources[i], k).detach()));
         }
         cells.emplace_back(matrix::to_korvex(std::move(cell)), false);
     }
@@ -330,7 +331,7 @@ DvArrayVector FutureBase::getOutputsAs(unsigned int numOutputs, OutputFormat for
         }
     }
     if (format != OutputFormat::Concatenated) {
-        return gatherIntoCells(collected, numOutputs);
+        return gatherIntoCells(std::move(collected), numOutputs);
     }
     return concatenateEach(std::move(collected), numOutputs);
 }
