@@ -63,4 +63,17 @@ inline void reportPercentiles(benchmark::State& state, std::vector<double> laten
     state.counters["p99_us"] = at(0.99);
 }
 
+// The main of a benchmark program whose results `Reporter` prints.
+template <class Reporter>
+int runWithReporter(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    Reporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    return 0;
+}
+
 } // namespace bench

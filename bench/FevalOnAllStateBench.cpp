@@ -122,12 +122,5 @@ BENCHMARK_CAPTURE(BM_OnAllState, Mixed, Mix::QueuedRunningFinished)->Arg(1)->Arg
 BENCHMARK(BM_OnAllWaitFinished)->Arg(16);
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    PerTaskReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    return bench::runWithReporter<PerTaskReporter>(argc, argv);
 }

@@ -89,12 +89,5 @@ BENCHMARK(BM_TaskLife);
 BENCHMARK(BM_BarePromiseLife);
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    LifeRatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    return bench::runWithReporter<LifeRatioReporter>(argc, argv);
 }
