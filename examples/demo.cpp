@@ -1,8 +1,10 @@
-// A handful of evaluations on a local pool of four workers, collected on the
-// interpreter thread in the order they finish. One of them fails; its error
-// shows up once through fetchNext and once more through fetchOutputs.
-// Finally one evaluation runs on every worker: its outputs come back one per
-// worker, and so do the diaries.
+// A handful of evaluations on a local pool of four workers, started from the
+// language: each is an object of the class "parallel.Future" made by the
+// constructor "parallel.FevalFuture". The array of them is displayed, then
+// collected on the interpreter thread in the order they finish. One of them
+// fails; its error shows up through fetchNext, through fetchOutputs and in
+// its "Error" property. Finally "parallel.FevalOnAllFuture" runs one
+// evaluation on every worker: its outputs and diaries come back per worker.
 //
 // Nothing is traced unless KORVEX_LOG names channels, for example
 //   KORVEX_LOG="parallel::language::future::FutureBase=96" ./demo
@@ -10,11 +12,15 @@
 
 #include <parallel/language/future/FetchNextState.hpp>
 #include <parallel/language/future/FutureBase.hpp>
+#include <parallel/language/future/Module.hpp>
 
 #include <Veldspire/KException/KExceptionEnvelope.hpp>
 #include <foundation/core/str/Utf.hpp>
 #include <foundation/log/configuration.hpp>
+#include <kcos/Language.hpp>
+#include <kcos/array.hpp>
 #include <kvm/KVM.hpp>
+#include <localpool/LanguageClasses.hpp>
 #include <localpool/LocalPool.hpp>
 #include <matrix/dvArray.hpp>
 
@@ -129,18 +135,47 @@ void printFetched(std::size_t index, const pf::FutureBase& future, std::optional
     printDiary(text(future.getDiary().getAsSingle()));
 }
 
-// One evaluation on every worker (task i runs on worker i): the outputs as a
-// cell, one row per worker, each with what that worker wrote into its diary.
-void showOnAll(localpool::LocalPool& pool) {
-    const auto future =
-        pool.submitOnAll(rollCall(std::make_shared<std::atomic<int>>(0)), 1, {scalar(1.0)});
-    std::cout << "\nOne evaluation on every worker (ID " << future->getID() << "):\n";
+// The language's ways in: construct an object, read a property, call a method.
+matrix::unique_dvArray construct(const char* className, const Arrays& args) {
+    std::vector<dvArray*> raw;
+    for (const auto& arg : args) {
+        raw.push_back(arg.get());
+    }
+    return matrix::unique_dvArray(omConstructObjectWithClient(
+        kcos::internal::makeInterned(className), static_cast<int>(raw.size()), raw.data(),
+        COSGetPublicClient()));
+}
+
+matrix::unique_dvArray property(const dvArray* object, const char* name) {
+    return omGetProperty(object, name, COSGetPublicClient());
+}
+
+std::string charsOf(const dvArray* array) {
+    return text(std::u16string(dvGetChars(array)));
+}
+
+void disp(const dvArray* futures) {
+    omInvokeMethod("disp", 0, {futures}, COSGetPublicClient());
+}
+
+// "parallel.FevalOnAllFuture": one evaluation on every worker (task i runs on
+// worker i); the outputs as a cell, one row per worker, each with what that
+// worker wrote into its diary (the "Diary" property, a cell per worker).
+void showOnAll() {
+    const auto object =
+        construct("parallel.FevalOnAllFuture",
+                  {rollCall(std::make_shared<std::atomic<int>>(0)), scalar(1), scalar(1.0)});
+    const auto future = pf::FutureBase::fromKorvexArray(object.get()).at(0);
+    std::cout << "\nOne evaluation on every worker (ID " << future->getID() << ", class "
+              << charsOf(
+                     omInvokeMethod("class", 1, {object.get()}, COSGetPublicClient()).at(0).get())
+              << "):\n";
     const auto cell = pf::FutureBase::fetchOutputs({future}, false, 1).at(0);
-    const auto diaries = future->getDiary();
+    const auto diaries = property(object.get(), "Diary");
     for (std::size_t i = 0; i < dvGetNumberOfElements(cell.get()); ++i) {
         std::cout << "  worker " << i << "  value " << dvGetDoubles(dvGetCell(cell.get(), i))[0]
                   << '\n';
-        printDiary(text(diaries[i]));
+        printDiary(charsOf(dvGetCell(diaries.get(), i)));
     }
 }
 
@@ -155,20 +190,34 @@ int main() {
         traces.emplace(std::cerr);
     }
 
-    localpool::LocalPool pool(4);
-    std::vector<std::shared_ptr<pf::FutureBase>> futures{
-        pool.submit(slowSquare(600ms), 1, {scalar(3.0)}),
-        pool.submit(invertMatrix(), 1, {scalar(0.0)}),
-        pool.submit(slowSquare(100ms), 1, {scalar(4.0)}),
-        pool.submit(chattyHalf(), 1, {scalar(10.0)}),
-        pool.submit(slowSquare(400ms), 1, {scalar(5.0)}),
+    // The module registers "parallel.Future"; the pool's classes let the
+    // constructor "parallel.FevalFuture" start evaluations on it.
+    KVInitialize_libqzparallellanguagefuture();
+    localpool::registerLanguageClasses();
+    const auto pool = std::make_shared<localpool::LocalPool>(4);
+    localpool::setLanguagePool(pool);
+
+    const Arrays evaluations[][3] = {
+        {slowSquare(600ms), scalar(1), scalar(3.0)}, {invertMatrix(), scalar(1), scalar(0.0)},
+        {slowSquare(100ms), scalar(1), scalar(4.0)}, {chattyHalf(), scalar(1), scalar(10.0)},
+        {slowSquare(400ms), scalar(1), scalar(5.0)},
     };
-    std::cout << "Submitted " << futures.size() << " evaluations to " << pool.getNumWorkers()
-              << " workers; fetching them as they finish:\n";
+    std::vector<std::shared_ptr<pf::FutureBase>> futures;
+    for (const auto& args : evaluations) {
+        const auto object = construct("parallel.FevalFuture", {args[0], args[1], args[2]});
+        futures.push_back(pf::FutureBase::fromKorvexArray(object.get()).at(0));
+    }
+    // The same language objects, gathered into one array.
+    const auto array = pf::FutureBase::toKorvexArray(futures, {});
+    std::cout << "Started " << futures.size() << " evaluations on " << pool->getNumWorkers()
+              << " workers:\n";
+    disp(array.get());
+    std::cout << "\nFetching them as they finish:\n";
 
     const pf::Seconds noTimeout(std::numeric_limits<double>::max());
     std::vector<bool> reported(futures.size(), false);
     std::shared_ptr<pf::FutureBase> failed;
+    std::size_t failedIndex = 0;
     for (;;) {
         try {
             const auto [state, index, outputs] = pf::FutureBase::fetchNext(futures, 1, noTimeout);
@@ -183,12 +232,16 @@ int main() {
                 if (futures[i]->getRead() && !reported[i]) {
                     reported[i] = true;
                     failed = futures[i];
+                    failedIndex = i;
                     printFetched(i, *futures[i], std::nullopt);
                 }
             }
             printError("fetchNext raised", error);
         }
     }
+
+    std::cout << "\nAll of them now:\n";
+    disp(array.get());
 
     if (failed) {
         std::cout << "\nfetchOutputs on the failed future (ID " << failed->getID() << "):\n";
@@ -198,8 +251,14 @@ int main() {
         } catch (const KExceptionEnvelope& error) {
             printError("fetchOutputs raised", error);
         }
+        const matrix::unique_dvArray object(
+            omCreateKCOSScalar(omGetArrayElement(array.get(), failedIndex)));
+        std::cout << "  its State property: " << charsOf(property(object.get(), "State").get())
+                  << "\n";
+        printError("its Error property", KExceptionEnvelope(property(object.get(), "Error").get()));
     }
 
-    showOnAll(pool);
+    showOnAll();
+    localpool::setLanguagePool(nullptr);
     return 0;
 }

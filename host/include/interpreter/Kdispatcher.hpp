@@ -22,8 +22,11 @@ public:
     const std::string& name() const noexcept { return name_; }
     // Calls the function for one output. Errors of the function pass through;
     // a function that gives no output raises "KORVEX:maxlhs".
-    boost::intrusive_ptr<dvArray> operator()(
-        const std::vector<boost::intrusive_ptr<dvArray>>& inputs) const;
+    boost::intrusive_ptr<dvArray>
+    operator()(const std::vector<boost::intrusive_ptr<dvArray>>& inputs) const;
+    // Calls the function for `numOutputs` outputs; it may give fewer.
+    std::vector<boost::intrusive_ptr<dvArray>>
+    call(std::size_t numOutputs, const std::vector<boost::intrusive_ptr<dvArray>>& inputs) const;
 
 private:
     std::string name_;
@@ -47,16 +50,39 @@ public:
     const KfunctionScope& GetCurrentlyExecutingFunctionScope() const noexcept;
 
     // The function `name` seen from `scope`; empty when there is none.
-    std::optional<Kfunction_handle> lookup(std::string_view name, const KfunctionScope& scope) const;
+    std::optional<Kfunction_handle> lookup(std::string_view name,
+                                           const KfunctionScope& scope) const;
 
     // Adds or replaces a function of this interpreter.
     void define(std::string name, matrix::FunctionBody body);
+
+    // While alive, the dispatcher reports `name` as the executing function.
+    // Nests; destroy in reverse order of creation.
+    class QZHOST_API ExecutingFunction {
+    public:
+        ExecutingFunction(Kdispatcher& dispatcher, std::string name);
+        ~ExecutingFunction();
+        ExecutingFunction(const ExecutingFunction&) = delete;
+        ExecutingFunction& operator=(const ExecutingFunction&) = delete;
+
+    private:
+        Kdispatcher& dispatcher_;
+        std::string previous_;
+    };
 
 private:
     KfunctionScope scope_;
     std::string executing_;
     std::map<std::string, matrix::FunctionBody, std::less<>> functions_;
 };
+
+// Calls the language function `name` of the calling thread's interpreter,
+// as the executing function, for `numOutputs` outputs (owning raw pointers
+// stored into outputs[0 .. numOutputs)); inputs are borrowed. An unknown name
+// raises KORVEX:UndefinedFunction; fewer outputs than asked for, maxlhs; the
+// function's own errors pass through. Interpreter thread only.
+QZHOST_API void inCallFcn(const char* name, int numOutputs, dvArray** outputs, int numInputs,
+                          dvArray* const* inputs);
 
 namespace interpreter {
 // The built-in "vertcat": vertical concatenation of double, logical, char and

@@ -26,7 +26,8 @@ namespace iqm {
 
 using QueueName = std::u16string;
 using QueueNames = std::unordered_set<std::u16string>;
-using SteadyTimePoint = std::chrono::time_point<std::chrono::steady_clock, std::chrono::duration<double>>;
+using SteadyTimePoint =
+    std::chrono::time_point<std::chrono::steady_clock, std::chrono::duration<double>>;
 
 class QZHOST_API Iqm {
 public:

@@ -141,6 +141,10 @@ QZHOST_API unique_dvArray do_deep_copy(const dvArray* array);
 [[noreturn]] QZHOST_API void error_maxlhs();
 [[noreturn]] QZHOST_API void error_maxrhs();
 [[noreturn]] QZHOST_API void error_minrhs();
+
+// Gives an object array another class name (for the class-object system).
+// Throws std::invalid_argument "Array is not object array." for other arrays.
+QZHOST_API void setObjectArrayClass(dvArray* array, std::string className);
 } // namespace detail
 
 // A 1-by-N char row.

@@ -3,7 +3,12 @@
 
 #include <interpreter/Kdispatcher.hpp>
 
+#include <foundation/core/str/Utf.hpp>
+#include <kcos/Errors.hpp>
 #include <kvm/KVM.hpp>
+
+#include <mutex>
+#include <set>
 
 #include <stdexcept>
 #include <utility>
@@ -15,6 +20,12 @@ Kfunction_handle::Kfunction_handle(std::string name, matrix::FunctionBody body)
     }
 }
 
+std::vector<boost::intrusive_ptr<dvArray>>
+Kfunction_handle::call(std::size_t numOutputs,
+                       const std::vector<boost::intrusive_ptr<dvArray>>& inputs) const {
+    return body_(numOutputs, inputs);
+}
+
 boost::intrusive_ptr<dvArray>
 Kfunction_handle::operator()(const std::vector<boost::intrusive_ptr<dvArray>>& inputs) const {
     auto outputs = body_(1, inputs);
@@ -24,8 +35,73 @@ Kfunction_handle::operator()(const std::vector<boost::intrusive_ptr<dvArray>>& i
     return std::move(outputs.front());
 }
 
+namespace {
+
+// "parallel.internal.warnOnceCannotSave"(className): warns, once per class
+// name and process, that objects of that class are not saved.
+std::vector<boost::intrusive_ptr<dvArray>>
+warnOnceCannotSave(std::size_t, const std::vector<boost::intrusive_ptr<dvArray>>& inputs) {
+    if (inputs.size() > 1) {
+        matrix::detail::error_maxrhs();
+    }
+    if (inputs.empty()) {
+        matrix::detail::error_minrhs();
+    }
+    const dvArray* name = inputs[0].get();
+    if (name == nullptr || dvGetClassID(name) != matrix::ClassID::Char) {
+        throw std::invalid_argument("The class name must be a char array.");
+    }
+    const std::u16string className(dvGetChars(name));
+    static std::mutex mutex;
+    static std::set<std::u16string> warned;
+    {
+        const std::lock_guard lock(mutex);
+        if (!warned.insert(className).second) {
+            return {};
+        }
+    }
+    kvm::warning("parallel:future:CannotSave",
+                 u"Objects of class '" + className +
+                     u"' cannot be saved; they load as unavailable futures.");
+    return {};
+}
+
+} // namespace
+
 Kdispatcher::Kdispatcher() : scope_{"base"} {
     define("vertcat", interpreter::vertcat);
+    define("parallel.internal.warnOnceCannotSave", warnOnceCannotSave);
+}
+
+Kdispatcher::ExecutingFunction::ExecutingFunction(Kdispatcher& dispatcher, std::string name)
+    : dispatcher_(dispatcher), previous_(std::exchange(dispatcher.executing_, std::move(name))) {}
+
+Kdispatcher::ExecutingFunction::~ExecutingFunction() {
+    dispatcher_.executing_ = std::move(previous_);
+}
+
+void inCallFcn(const char* name, int numOutputs, dvArray** outputs, int numInputs,
+               dvArray* const* inputs) {
+    Kdispatcher& dispatcher = Kdispatcher::getDispatcher();
+    const std::optional<Kfunction_handle> function =
+        dispatcher.lookup(name, dispatcher.GetCurrentlyExecutingFunctionScope());
+    if (!function) {
+        throw foundation::core::except::Exception<KORVEX::UndefinedFunction>(
+            foundation::core::str::toUtf16(name));
+    }
+    std::vector<boost::intrusive_ptr<dvArray>> arguments;
+    for (int i = 0; i < numInputs; ++i) {
+        arguments.emplace_back(inputs[i]);
+    }
+    const std::size_t wanted = static_cast<std::size_t>(std::max(numOutputs, 0));
+    const Kdispatcher::ExecutingFunction executing(dispatcher, name);
+    auto results = function->call(wanted, arguments);
+    if (results.size() < wanted) {
+        matrix::detail::error_maxlhs();
+    }
+    for (std::size_t i = 0; i < wanted; ++i) {
+        outputs[i] = results[i].detach();
+    }
 }
 
 Kdispatcher& Kdispatcher::getDispatcher() {

@@ -6,6 +6,7 @@
 
 #include "InterruptSignalWatcher.hpp"
 
+#include <builtins/HostClasses.hpp>
 #include <foundation/core/except/Exception.hpp>
 #include <interpreter/Kdispatcher.hpp>
 #include <iqm/Iqm.hpp>
@@ -43,6 +44,7 @@ std::shared_ptr<KVM> KVM::create() {
     if (!currentKVM.expired()) {
         throw std::logic_error("This thread already runs an interpreter.");
     }
+    hostclasses::registerHostClasses();
     std::shared_ptr<KVM> kvm(new KVM());
     currentKVM = kvm;
     return kvm;

@@ -119,3 +119,8 @@ void dvSetObject(dvArray* array, std::size_t index, std::shared_ptr<matrix::dvOb
     checkIndex(checked(array, ClassID::Object, notObject), index, "Object index is out of range.");
     detachedValueOf<ObjectData>(array).objects[index] = std::move(object);
 }
+
+void matrix::detail::setObjectArrayClass(dvArray* array, std::string className) {
+    detachedValueOf<ObjectData>(checked(array, ClassID::Object, notObject)).className =
+        std::move(className);
+}

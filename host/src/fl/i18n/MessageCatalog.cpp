@@ -112,6 +112,36 @@ const std::unordered_map<std::string_view, std::u16string_view>& catalogue() {
          u"character arrays and cell arrays combine only with arrays of their own class."},
         {"KORVEX:cmddistributor:RuntimeError", u"The command distributor reported an error: {0}"},
         {"KORVEX:unknown:UserError", u"{0}"},
+        {"KORVEX:UndefinedFunction", u"Undefined function '{0}'."},
+        // The local pool's language classes.
+        {"KORVEX:localpool:NoPool", u"No pool is open to run the evaluation on."},
+        {"KORVEX:localpool:InvalidFunction", u"The function to evaluate must be a function handle."},
+        {"KORVEX:localpool:InvalidNumOutputs",
+         u"The number of outputs must be a whole, non-negative double scalar."},
+        {"KORVEX:localpool:InvalidArgument", u"Invalid argument to the pool's queue."},
+        // The class-object system.
+        {"KORVEX:kcos:UndefinedClass", u"Unable to find the class '{0}'."},
+        {"KORVEX:kcos:NoSuchProperty", u"Unrecognised property '{0}' of class '{1}'."},
+        {"KORVEX:kcos:GetProhibited", u"You cannot read the property '{0}' of class '{1}'."},
+        {"KORVEX:kcos:SetProhibited",
+         u"You cannot set the read-only property '{0}' of class '{1}'."},
+        {"KORVEX:kcos:NoSuchMethod", u"Unrecognised method '{0}' of class '{1}'."},
+        {"KORVEX:kcos:MethodProhibited", u"You cannot call the method '{0}' of class '{1}'."},
+        {"KORVEX:kcos:InvalidHandle", u"Invalid or deleted object."},
+        {"KORVEX:kcos:ScalarObjectRequired",
+         u"Properties can be read and set on a single object only."},
+        {"KORVEX:kcos:InvalidInputType",
+         u"Input {1} of the method '{0}' must be of type '{2}'."},
+        // Host classes (datetime, duration, displayer, queues).
+        {"KORVEX:datetime:InvalidInput",
+         u"Invalid datetime arguments. Use datetime(X, 'ConvertFrom', 'epochtime', "
+         u"'TicksPerSecond', T, 'TimeZone', Z) or subsasgn of '.TimeZone'."},
+        {"KORVEX:duration:InvalidInput",
+         u"Invalid duration arguments. Use duration(hours, minutes, seconds) with double "
+         u"scalars."},
+        {"KORVEX:FutureDisplayer:InvalidInput",
+         u"Invalid arguments to the future displayer: give the class name, then an array of "
+         u"futures."},
     };
     return texts;
 }

@@ -48,6 +48,14 @@ public:
     FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
                unsigned int numOutputs, PerTaskVariant<DvArrayVector> inputs,
                std::optional<long long> id);
+    // For continuation futures: run `function` once `predecessors` have
+    // finished. The predecessors are kept as an object array of their
+    // language objects; the future has no inputs of its own. Interpreter
+    // thread (makes language objects).
+    FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
+               unsigned int numOutputs,
+               const std::vector<std::shared_ptr<FutureBase>>& predecessors,
+               std::optional<long long> id);
     // An invalid future: ID -1, no function, no inputs.
     FutureBase();
     virtual ~FutureBase();
@@ -105,6 +113,10 @@ public:
     // not copied; null entries are left out.
     std::vector<dvArray*> getOwnedResources();
 
+    // The predecessors of a continuation future; empty for other futures.
+    // Interpreter thread.
+    std::vector<std::shared_ptr<FutureBase>> getPredecessors() const;
+
     // Waits until every future has at least reached `state` (Running or
     // Finished), running the interpreter's queued work and honouring user
     // interrupts at least once a second. True when all got there before the
@@ -128,6 +140,21 @@ public:
     static std::tuple<FetchNextState, std::size_t, DvArrayVector>
     fetchNext(std::vector<std::shared_ptr<FutureBase>> futures, unsigned int numOutputs,
               Seconds timeout);
+
+    // Conversions between futures and object arrays of the language class
+    // "parallel.Future" (interpreter thread; the class must be registered).
+    // A future keeps one language object for its whole life: the first
+    // conversion wraps it into a new object, every later one reuses that
+    // object. `dims` empty gives a 1-by-N array; otherwise their product
+    // must be N (std::invalid_argument).
+    static matrix::unique_dvArray
+    toKorvexArray(const std::vector<std::shared_ptr<FutureBase>>& futures,
+                  const std::vector<std::size_t>& dims);
+    // The futures of an object array, in element order. Null and deleted
+    // elements become unavailable futures; an element that is no future
+    // object throws std::invalid_argument.
+    static std::vector<std::shared_ptr<FutureBase>> fromKorvexArray(const dvArray* array);
+    static std::shared_ptr<FutureBase> fromKorvexCosi(kcos::COSInterface* object);
 
     // Whether two vectors hold futures with equal IDs, position by position
     // (two unavailable futures are equal). Any thread.
@@ -160,6 +187,10 @@ private:
     bool isOutputsOrErrorCached() const;
     DvArrayVector doFetchNext(unsigned int numOutputs);
     void setRead(bool read) noexcept { read_ = read; }
+    // Remembers `object` as the own language object and accounts every owned
+    // array's memory to it.
+    void setCosi(kcos::COSInterface* object);
+    friend struct FutureBaseAccess;
     // Accounts `array`'s memory to the own language object, once there is one.
     void setChildParentRoot(const dvArray* array);
 

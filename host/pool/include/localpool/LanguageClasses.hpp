@@ -1,0 +1,36 @@
+#pragma once
+
+// The language side of the local pool: the classes through which language
+// code starts evaluations on it.
+//
+//   "parallel.internal.queue.FutureCreation"
+//       static "buildFutures"(fcn, numOutputs, args...): one evaluation, as a
+//       1-by-1 "parallel.FevalFuture" array.
+//       static "buildOnAllFutures"(fcn, numOutputs, args...): one evaluation
+//       on every worker, as a 1-by-1 "parallel.FevalOnAllFuture" array.
+//       The language reaches both through the constructors
+//       parallel.FevalFuture(...) and parallel.FevalOnAllFuture(...).
+//   "parallel.FevalQueue"
+//       constructor without arguments: the queue of the language pool.
+//       "submitFutures"(queue, futures): hands futures to the queue; its
+//       property "Futures" lists every future handed to it, in order.
+//
+// The evaluations run on the pool set with setLanguagePool. Interpreter
+// thread, except where noted.
+
+#include <localpool/LocalPool.hpp>
+
+#include <memory>
+
+namespace localpool {
+
+// Registers both classes, once per process. Needs the module
+// libqzparallellanguagefuture initialised to build futures. Any thread.
+void registerLanguageClasses();
+
+// The pool that language code runs evaluations on; null stops evaluations
+// ("KORVEX:localpool:NoPool"). Any thread.
+void setLanguagePool(std::shared_ptr<LocalPool> pool);
+std::shared_ptr<LocalPool> getLanguagePool();
+
+} // namespace localpool

@@ -1,0 +1,306 @@
+// The constructor and the methods of the language class "parallel.Future".
+// Interpreter thread; the methods take no locks of their own.
+
+#include <parallel/language/future/FutureBase.hpp>
+#include <parallel/language/future/FutureErrors.hpp>
+#include <parallel/language/future/UnavailableFuture.hpp>
+
+#include "ClassBinding.hpp"
+#include "FutureClassNames.hpp"
+
+#include <foundation/core/str/Utf.hpp>
+#include <interpreter/Kdispatcher.hpp>
+#include <kcos/COSClass.hpp>
+#include <kcos/Language.hpp>
+#include <kcos/array.hpp>
+
+#include <array>
+#include <memory>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace parallel::language::future::binding {
+
+namespace {
+
+kcos::COSDataTypePtr typeNamed(const char* name) {
+    return kcos::COSTypeRepository::getType(names::intern(name));
+}
+
+const std::string& defaultClassName() {
+    static const std::string name = "parallel.Future";
+    return name;
+}
+
+// The name the user wrote to construct the object, alias or not.
+std::string calledClassName() {
+    try {
+        const std::string& executing = Kdispatcher::getDispatcher().GetCurrentlyExecutingFunction();
+        return executing.empty() ? defaultClassName() : executing;
+    } catch (const std::logic_error&) {
+        return defaultClassName(); // no interpreter on this thread
+    }
+}
+
+// The constructor under every name of the class: without inputs, an
+// unavailable future that presents the name it was called by; with inputs,
+// under the two evaluation names, the futures that the creation class builds.
+class FutureConstructor : public kcos::COSMethodBase {
+public:
+    FutureConstructor() : kcos::COSMethodBase(names::intern("Future"), 0, nullptr) {
+        getSignature().addOutputType(typeNamed("parallel.Future"));
+        getSignature().addInputType(typeNamed("any"));
+        getSignature().setVariableInputs();
+    }
+
+    void invoke(const kcos::COSClient*, int& numOutputs, kcos::COSValue* outputs, int numInputs,
+                const kcos::COSValue* inputs) override {
+        kcos::COSInterface* object = omGetLiveArrayElement(outputs[0].getArray(), 0);
+        if (object == nullptr || object->getObjectClass() == nullptr) {
+            throw std::logic_error("No object under construction.");
+        }
+        const kcos::InternedName classKey = object->getObjectClass()->getInternedName();
+        const std::string calledName = calledClassName();
+
+        if (numInputs == 0) {
+            FutureCell* cell = findFutureCell(object, classKey);
+            if (cell == nullptr) {
+                throw std::logic_error("The object under construction has no future cell.");
+            }
+            *cell = std::make_shared<UnavailableFuture>(calledName);
+            FutureBaseAccess::setCosi(**cell, object);
+            numOutputs = 1;
+            return;
+        }
+
+        const char* method = calledName == "parallel.FevalFuture"        ? "buildFutures"
+                             : calledName == "parallel.FevalOnAllFuture" ? "buildOnAllFutures"
+                                                                         : nullptr;
+        const kcos::InternedName creationClass =
+            names::intern("parallel.internal.queue.FutureCreation");
+        if (method == nullptr || kcos::COSClass::getClass(creationClass) == nullptr) {
+            matrix::detail::error_maxrhs();
+        }
+        std::vector<dvArray*> arguments;
+        arguments.reserve(static_cast<std::size_t>(numInputs));
+        for (int i = 0; i < numInputs; ++i) {
+            arguments.push_back(inputs[i].getArray());
+        }
+        dvArray* result = nullptr;
+        omCallMethod(creationClass, names::intern(method), COSGetPublicClient(), 1, &result,
+                     numInputs, arguments.data(), true);
+        outputs[0].setRawArray(result); // drops the array under construction
+        numOutputs = 1;
+    }
+};
+
+// A method called on an array of futures (its first input).
+class MethodBase : public kcos::COSMethodBase {
+public:
+    MethodBase(kcos::InternedName classKey, kcos::InternedName name, bool visible)
+        : kcos::COSMethodBase(name, 0, nullptr), classKey_(classKey), visible_(visible) {
+        getSignature().addInputType(typeNamed("parallel.Future"));
+    }
+
+    void invoke(const kcos::COSClient*, int& numOutputs, kcos::COSValue* outputs, int numInputs,
+                const kcos::COSValue* inputs) override {
+        doInvoke(numOutputs, outputs,
+                 std::span<const kcos::COSValue>(inputs, static_cast<std::size_t>(numInputs)));
+    }
+    bool isVisible() const override { return visible_; }
+
+protected:
+    kcos::InternedName classKey() const noexcept { return classKey_; }
+
+private:
+    virtual void doInvoke(int& numOutputs, kcos::COSValue*, std::span<const kcos::COSValue>) const {
+        numOutputs = 0;
+    }
+
+    kcos::InternedName classKey_;
+    bool visible_;
+};
+
+// Further inputs of any type, any number; outputs likewise.
+void declareAnyInputs(kcos::COSMethodSignature& signature) {
+    signature.addInputType(typeNamed("any"));
+    signature.setVariableInputs();
+}
+void declareAnyOutputs(kcos::COSMethodSignature& signature) {
+    signature.addOutputType(typeNamed("any"));
+    signature.setVariableOutputs();
+}
+
+// The alias name every element presents, or "parallel.Future" when they
+// differ, when one is gone, or when there are none.
+const std::string& commonAliasName(const dvArray* futures, kcos::InternedName classKey,
+                                   std::string& storage) {
+    const std::size_t count = dvGetNumberOfElements(futures);
+    if (count == 0) {
+        return defaultClassName();
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+        const kcos::COSInterfacePtr element = omGetArrayElement(futures, i);
+        if (!element || element->isDestroyed()) {
+            return defaultClassName();
+        }
+        const std::string name = futureOf(element.get(), classKey)->getCosAliasName();
+        if (i == 0) {
+            storage = name;
+        } else if (name != storage) {
+            return defaultClassName();
+        }
+    }
+    return storage;
+}
+
+class ClassMethod : public MethodBase {
+public:
+    ClassMethod(kcos::InternedName classKey) : MethodBase(classKey, names::intern("class"), false) {
+        declareAnyInputs(getSignature());
+        declareAnyOutputs(getSignature());
+    }
+
+private:
+    void doInvoke(int& numOutputs, kcos::COSValue* outputs,
+                  std::span<const kcos::COSValue> inputs) const override {
+        if (numOutputs > 1) {
+            matrix::detail::error_maxlhs();
+        }
+        if (inputs.size() >= 2) {
+            matrix::detail::error_maxrhs();
+        }
+        if (inputs.empty()) {
+            matrix::detail::error_minrhs();
+        }
+        std::string storage;
+        const std::string& name = commonAliasName(arrayOf(inputs[0]), classKey(), storage);
+        numOutputs = 1;
+        outputs[0].setArray(charRow(name));
+    }
+};
+
+// A class name given as a char row or a 0-by-0 char array.
+std::string classNameArgument(const kcos::COSValue& value) {
+    const dvArray* array = value.getArray();
+    if (array == nullptr || dvGetClassID(array) != matrix::ClassID::Char) {
+        throw errors::MustBeStringScalarOrCharacterVector();
+    }
+    const matrix::Dimensions& dims = dvGetDimensions(array);
+    const bool row = dims.size() == 2 && dims[0] == 1;
+    const bool empty = dims.size() == 2 && dims[0] == 0 && dims[1] == 0;
+    if (!row && !empty) {
+        throw errors::MustBeStringScalarOrCharacterVector();
+    }
+    return foundation::core::str::toUtf8(std::u16string(dvGetChars(array)));
+}
+
+bool isAliasOf(const dvArray* futures, kcos::InternedName classKey, const std::string& name) {
+    if (name == defaultClassName() || name == "handle") {
+        return true;
+    }
+    const std::size_t count = dvGetNumberOfElements(futures);
+    if (count == 0) {
+        return false;
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+        const kcos::COSInterfacePtr element = omGetArrayElement(futures, i);
+        if (!element || element->isDestroyed() ||
+            futureOf(element.get(), classKey)->getCosAliasName() != name) {
+            return false;
+        }
+    }
+    return true;
+}
+
+class IsaMethod : public MethodBase {
+public:
+    IsaMethod(kcos::InternedName classKey) : MethodBase(classKey, names::intern("isa"), false) {
+        declareAnyInputs(getSignature());
+        declareAnyOutputs(getSignature());
+    }
+
+private:
+    void doInvoke(int& numOutputs, kcos::COSValue* outputs,
+                  std::span<const kcos::COSValue> inputs) const override {
+        if (numOutputs > 1) {
+            matrix::detail::error_maxlhs();
+        }
+        if (inputs.size() >= 3) {
+            matrix::detail::error_maxrhs();
+        }
+        if (inputs.size() < 2) {
+            matrix::detail::error_minrhs();
+        }
+        const std::string name = classNameArgument(inputs.back());
+        numOutputs = 1;
+        outputs[0].setArray(dvCreateLogicalScalar(isAliasOf(arrayOf(inputs[0]), classKey(), name)));
+    }
+};
+
+// Shows a future array through the language's displayer class.
+class DisplayMethod : public MethodBase {
+public:
+    DisplayMethod(kcos::InternedName classKey)
+        : MethodBase(classKey, names::intern("disp"), false),
+          displayerClass_(std::string("parallel.internal.future") + "." + "FutureDisplayer") {}
+
+private:
+    void doInvoke(int& numOutputs, kcos::COSValue*,
+                  std::span<const kcos::COSValue> inputs) const override {
+        const kcos::InternedName displayerClass = names::intern(displayerClass_);
+        const matrix::unique_dvArray className = charRow(defaultClassName());
+        dvArray* constructorArgument = className.get();
+        const matrix::unique_dvArray displayer(omConstructObjectWithClient(
+            displayerClass, 1, &constructorArgument, COSGetPublicClient()));
+        const matrix::unique_dvArray futures = matrix::detail::do_shared_copy(arrayOf(inputs[0]));
+        std::array<dvArray*, 2> arguments{displayer.get(), futures.get()};
+        omCallMethod(displayerClass, names::intern("doDisp"), COSGetPublicClient(), 0, nullptr,
+                     static_cast<int>(arguments.size()), arguments.data(), false);
+        numOutputs = 0;
+    }
+
+    std::string displayerClass_;
+};
+
+// Hands the futures to a queue of the language.
+class SubmitMethod : public MethodBase {
+public:
+    SubmitMethod(kcos::InternedName classKey)
+        : MethodBase(classKey, names::intern("submit"), false) {
+        declareAnyInputs(getSignature());
+        declareAnyOutputs(getSignature());
+    }
+
+private:
+    void doInvoke(int&, kcos::COSValue*, std::span<const kcos::COSValue> inputs) const override {
+        if (inputs.size() < 2) {
+            matrix::detail::error_minrhs();
+        }
+        std::array<dvArray*, 2> arguments{inputs[1].getArray(), inputs[0].getArray()};
+        omCallMethod(names::intern("parallel.FevalQueue"), names::intern("submitFutures"),
+                     COSGetPublicClient(), 0, nullptr, static_cast<int>(arguments.size()),
+                     arguments.data(), false);
+    }
+};
+
+} // namespace
+
+void addMethods(kcos::COSClass& cls) {
+    const kcos::InternedName key = cls.getInternedName();
+    // The class takes ownership once addMethod returns.
+    auto add = [&cls](kcos::COSMethodBase* created) {
+        std::unique_ptr<kcos::COSMethodBase> method(created);
+        cls.addMethod(method.get());
+        method.release();
+    };
+    add(new FutureConstructor());
+    add(new DisplayMethod(key));
+    add(new ClassMethod(key));
+    add(new IsaMethod(key));
+    add(new SubmitMethod(key));
+}
+
+} // namespace parallel::language::future::binding
