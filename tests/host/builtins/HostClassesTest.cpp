@@ -1,0 +1,157 @@
+#include <builtins/HostClasses.hpp>
+
+#include <foundation/core/str/Utf.hpp>
+#include <interpreter/Kdispatcher.hpp>
+#include <kcos/COSClass.hpp>
+#include <kcos/Errors.hpp>
+#include <kcos/Language.hpp>
+#include <kcos/array.hpp>
+#include <kvm/KVM.hpp>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+namespace {
+
+using kcos::internal::makeInterned;
+
+matrix::unique_dvArray number(double value) {
+    return dvCreateDoubleScalar(value);
+}
+matrix::unique_dvArray chars(const char* text) {
+    return matrix::create(text, std::char_traits<char>::length(text));
+}
+std::string textOf(const dvArray* array) {
+    return foundation::core::str::toUtf8(dvGetChars(array));
+}
+
+class HostClasses : public ::testing::Test {
+protected:
+    std::shared_ptr<kvm::KVM> interpreter = kvm::KVM::create();
+
+    static matrix::unique_dvArray construct(const char* name,
+                                            const std::vector<const dvArray*>& args) {
+        std::vector<dvArray*> raw;
+        for (const dvArray* arg : args) {
+            raw.push_back(const_cast<dvArray*>(arg));
+        }
+        return matrix::unique_dvArray(omConstructObjectWithClient(
+            makeInterned(name), static_cast<int>(raw.size()), raw.data(), COSGetPublicClient()));
+    }
+    static matrix::unique_dvArray call(const char* method, std::vector<const dvArray*> inputs) {
+        return std::move(omInvokeMethod(method, 1, inputs, COSGetPublicClient()).at(0));
+    }
+    static matrix::unique_dvArray epochUtc(double ticks, double perSecond) {
+        const auto x = number(ticks), convert = chars("ConvertFrom"), epoch = chars("epochtime"),
+                   tps = chars("TicksPerSecond"), per = number(perSecond), zone = chars("TimeZone"),
+                   utc = chars("UTC");
+        return construct("datetime", {x.get(), convert.get(), epoch.get(), tps.get(), per.get(),
+                                      zone.get(), utc.get()});
+    }
+};
+
+TEST_F(HostClasses, DateTimeFromEpochTicksAndItsTimeZone) {
+    const auto date = epochUtc(1.5e6, 1e6);
+    EXPECT_DOUBLE_EQ(dvGetDoubles(call("posixtime", {date.get()}).get())[0], 1.5);
+    EXPECT_EQ(textOf(omGetProperty(date.get(), "TimeZone", COSGetPublicClient()).get()), "UTC");
+    EXPECT_EQ(textOf(call("char", {date.get()}).get()), "01-Jan-1970 00:00:01");
+
+    auto subscript = matrix::detail::do_create_struct({1, 1}, {"type", "subs"});
+    dvSetField(subscript.get(), 0, "type", chars("."));
+    dvSetField(subscript.get(), 0, "subs", chars("TimeZone"));
+    const auto local = chars("local");
+    dvArray* inputs[] = {date.get(), subscript.get(), local.get()};
+    dvArray* result = nullptr;
+    omCallMethod(makeInterned("datetime"), makeInterned("subsasgn"), COSGetPublicClient(), 1,
+                 &result, 3, inputs, false);
+    const matrix::unique_dvArray shifted(result);
+    EXPECT_EQ(textOf(omGetProperty(shifted.get(), "TimeZone", COSGetPublicClient()).get()),
+              "local");
+    EXPECT_EQ(textOf(omGetProperty(date.get(), "TimeZone", COSGetPublicClient()).get()), "UTC");
+    EXPECT_DOUBLE_EQ(dvGetDoubles(call("posixtime", {shifted.get()}).get())[0], 1.5);
+}
+
+TEST_F(HostClasses, EmptyDateTimeAndBadArguments) {
+    dvArray* empty = nullptr;
+    omCallMethod(makeInterned("datetime"), makeInterned("empty"), COSGetPublicClient(), 1, &empty,
+                 0, nullptr, true);
+    const matrix::unique_dvArray none(empty);
+    EXPECT_EQ(std::string(dvGetClassName(none.get())), "datetime");
+    EXPECT_EQ(dvGetNumberOfElements(none.get()), 0u);
+    EXPECT_EQ(dvGetNumberOfElements(call("posixtime", {none.get()}).get()), 0u);
+    EXPECT_EQ(textOf(call("char", {none.get()}).get()), "");
+
+    const auto x = number(1), bad = chars("Nonsense");
+    EXPECT_ANY_THROW(construct("datetime", {x.get(), bad.get(), x.get()}));
+    EXPECT_ANY_THROW(construct("datetime", {bad.get()}));
+    EXPECT_ANY_THROW(epochUtc(1, 0));
+}
+
+TEST_F(HostClasses, DurationsFromHoursMinutesSeconds) {
+    const auto zero = number(0), one = number(1), half = number(1.5);
+    const auto d = construct("duration", {one.get(), one.get(), half.get()});
+    EXPECT_DOUBLE_EQ(dvGetDoubles(call("seconds", {d.get()}).get())[0], 3661.5);
+    EXPECT_EQ(textOf(call("char", {d.get()}).get()), "01:01:01.5");
+    const auto whole = construct("duration", {zero.get(), zero.get(), one.get()});
+    EXPECT_EQ(textOf(call("char", {whole.get()}).get()), "00:00:01");
+    EXPECT_ANY_THROW(construct("duration", {one.get()}));
+    EXPECT_ANY_THROW(construct("duration", {one.get(), one.get(), chars("x").get()}));
+}
+
+TEST_F(HostClasses, TheDisplayerPrintsATableAndNeverThrowsOnOddValues) {
+    const auto name = chars("parallel.Future");
+    const auto displayer = construct("parallel.internal.future.FutureDisplayer", {name.get()});
+    // Objects of a class without the future properties, and a deleted one.
+    const auto date = epochUtc(0, 1);
+    auto objects = kcos::array::create({1, 2}, makeInterned("datetime"));
+    omSetArrayElement(objects.get(), 0, omGetArrayElement(date.get(), 0));
+    std::u16string shown;
+    {
+        kvm::DiarySink sink(shown);
+        dvArray* inputs[] = {displayer.get(), objects.get()};
+        omCallMethod(makeInterned("parallel.internal.future.FutureDisplayer"),
+                     makeInterned("doDisp"), COSGetPublicClient(), 0, nullptr, 2, inputs, false);
+    }
+    const std::string text = foundation::core::str::toUtf8(shown);
+    EXPECT_NE(text.find("1x2 parallel.Future array:"), std::string::npos) << text;
+    EXPECT_NE(text.find("?"), std::string::npos) << text;
+    EXPECT_NE(text.find("deleted"), std::string::npos) << text;
+    EXPECT_ANY_THROW(construct("parallel.internal.future.FutureDisplayer", {}));
+}
+
+TEST_F(HostClasses, WarnOnceCannotSaveWarnsOncePerClassName) {
+    const auto first = chars("test.SavedOnce");
+    std::u16string shown;
+    {
+        kvm::DiarySink sink(shown);
+        dvArray* input = first.get();
+        inCallFcn("parallel.internal.warnOnceCannotSave", 0, nullptr, 1, &input);
+        inCallFcn("parallel.internal.warnOnceCannotSave", 0, nullptr, 1, &input);
+    }
+    EXPECT_EQ(kvm::lastWarning().id, "parallel:future:CannotSave");
+    EXPECT_EQ(shown.find(u"Warning: "), 0u);
+    EXPECT_EQ(shown.find(u"Warning: ", 1), std::u16string::npos);
+    EXPECT_THROW(inCallFcn("no.such.function", 0, nullptr, 0, nullptr),
+                 foundation::core::except::Exception<KORVEX::UndefinedFunction>);
+}
+
+TEST_F(HostClasses, CalledFunctionsAreTheExecutingFunction) {
+    Kdispatcher& dispatcher = Kdispatcher::getDispatcher();
+    std::string seen;
+    dispatcher.define("test.who", [&](std::size_t, const auto&) {
+        seen = Kdispatcher::getDispatcher().GetCurrentlyExecutingFunction();
+        return std::vector<boost::intrusive_ptr<dvArray>>{};
+    });
+    {
+        const Kdispatcher::ExecutingFunction outer(dispatcher, "outer");
+        inCallFcn("test.who", 0, nullptr, 0, nullptr);
+        EXPECT_EQ(dispatcher.GetCurrentlyExecutingFunction(), "outer");
+    }
+    EXPECT_EQ(seen, "test.who");
+    EXPECT_EQ(dispatcher.GetCurrentlyExecutingFunction(), "");
+    dvArray* out = nullptr;
+    EXPECT_ANY_THROW(inCallFcn("test.who", 1, &out, 0, nullptr));
+}
+
+} // namespace
