@@ -197,14 +197,15 @@ int main() {
     const auto pool = std::make_shared<localpool::LocalPool>(4);
     localpool::setLanguagePool(pool);
 
-    const Arrays evaluations[][3] = {
+    // Each: the function, the number of outputs, the input.
+    const std::vector<Arrays> evaluations{
         {slowSquare(600ms), scalar(1), scalar(3.0)}, {invertMatrix(), scalar(1), scalar(0.0)},
         {slowSquare(100ms), scalar(1), scalar(4.0)}, {chattyHalf(), scalar(1), scalar(10.0)},
         {slowSquare(400ms), scalar(1), scalar(5.0)},
     };
     std::vector<std::shared_ptr<pf::FutureBase>> futures;
-    for (const auto& args : evaluations) {
-        const auto object = construct("parallel.FevalFuture", {args[0], args[1], args[2]});
+    for (const Arrays& args : evaluations) {
+        const auto object = construct("parallel.FevalFuture", args);
         futures.push_back(pf::FutureBase::fromKorvexArray(object.get()).at(0));
     }
     // The same language objects, gathered into one array.
