@@ -78,12 +78,16 @@ private:
 };
 
 void registerPlain(const char* package, const char* name, bool heterogeneous) {
-    std::unique_ptr<kcos::COSClassInfo> info(new PlainClassInfo(name, heterogeneous));
-    kcos::omGetNamespace(package)->registerClassInfo(info.get(), 0, 0);
-    info.release();
+    registerInfo(package,
+                 std::unique_ptr<kcos::COSClassInfo>(new PlainClassInfo(name, heterogeneous)));
 }
 
 } // namespace
+
+void registerInfo(const char* package, std::unique_ptr<kcos::COSClassInfo> info) {
+    kcos::omGetNamespace(package)->registerClassInfo(info.get(), 0, 0);
+    info.release();
+}
 
 void registerHostClasses() {
     static std::once_flag once;

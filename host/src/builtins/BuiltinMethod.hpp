@@ -77,6 +77,20 @@ bool isDoubleScalar(const dvArray* array);
 // A new 1-by-1 array holding a new object of `cls` with its instance data.
 matrix::unique_dvArray newObject(kcos::COSClass& cls);
 
+// A class whose objects carry a `Data` as instance data.
+template <class Data>
+class DataClassInfo : public kcos::COSClassInfo {
+public:
+    bool hasNativeInstanceData() const override { return true; }
+    void* createInstanceData() override { return new Data(); }
+    void destroyInstanceData(kcos::COSInterface*, void* data) override {
+        delete static_cast<Data*>(data);
+    }
+};
+
+// Registers `info` in `package`, which owns it from then on.
+void registerInfo(const char* package, std::unique_ptr<kcos::COSClassInfo> info);
+
 // Registration of each class.
 void registerDateTime();
 void registerDuration();

@@ -203,14 +203,9 @@ public:
     }
 };
 
-class DateTimeInfo : public kcos::COSClassInfo {
+class DateTimeInfo : public DataClassInfo<DateTimeData> {
 public:
     const char* getName() const override { return "datetime"; }
-    bool hasNativeInstanceData() const override { return true; }
-    void* createInstanceData() override { return new DateTimeData(); }
-    void destroyInstanceData(kcos::COSInterface*, void* data) override {
-        delete static_cast<DateTimeData*>(data);
-    }
     void initializeClass(kcos::COSClass* cls, const kcos::COSClient*) override {
         addProperty(*cls, new TimeZoneProperty());
         addMethod(*cls, "datetime", false, construct);
@@ -224,9 +219,7 @@ public:
 } // namespace
 
 void registerDateTime() {
-    std::unique_ptr<DateTimeInfo> info(new DateTimeInfo);
-    kcos::omGetNamespace("")->registerClassInfo(info.get(), 0, 0);
-    info.release();
+    registerInfo("", std::unique_ptr<kcos::COSClassInfo>(new DateTimeInfo));
 }
 
 } // namespace hostclasses

@@ -84,14 +84,9 @@ void toChar(int& numOutputs, kcos::COSValue* outputs, std::span<const kcos::COSV
     numOutputs = 1;
 }
 
-class DurationInfo : public kcos::COSClassInfo {
+class DurationInfo : public DataClassInfo<DurationData> {
 public:
     const char* getName() const override { return "duration"; }
-    bool hasNativeInstanceData() const override { return true; }
-    void* createInstanceData() override { return new DurationData(); }
-    void destroyInstanceData(kcos::COSInterface*, void* data) override {
-        delete static_cast<DurationData*>(data);
-    }
     void initializeClass(kcos::COSClass* cls, const kcos::COSClient*) override {
         addMethod(*cls, "duration", false, construct);
         addMethod(*cls, "seconds", false, seconds);
@@ -102,9 +97,7 @@ public:
 } // namespace
 
 void registerDuration() {
-    std::unique_ptr<DurationInfo> info(new DurationInfo);
-    kcos::omGetNamespace("")->registerClassInfo(info.get(), 0, 0);
-    info.release();
+    registerInfo("", std::unique_ptr<kcos::COSClassInfo>(new DurationInfo));
 }
 
 } // namespace hostclasses

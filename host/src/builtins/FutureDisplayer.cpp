@@ -135,14 +135,9 @@ void doDisp(int& numOutputs, kcos::COSValue*, std::span<const kcos::COSValue> in
     numOutputs = 0;
 }
 
-class DisplayerInfo : public kcos::COSClassInfo {
+class DisplayerInfo : public DataClassInfo<DisplayerData> {
 public:
     const char* getName() const override { return "FutureDisplayer"; }
-    bool hasNativeInstanceData() const override { return true; }
-    void* createInstanceData() override { return new DisplayerData(); }
-    void destroyInstanceData(kcos::COSInterface*, void* data) override {
-        delete static_cast<DisplayerData*>(data);
-    }
     void initializeClass(kcos::COSClass* cls, const kcos::COSClient*) override {
         addMethod(*cls, "FutureDisplayer", false, construct);
         addMethod(*cls, "doDisp", false, doDisp);
@@ -152,9 +147,8 @@ public:
 } // namespace
 
 void registerFutureDisplayer() {
-    std::unique_ptr<DisplayerInfo> info(new DisplayerInfo);
-    kcos::omGetNamespace("parallel.internal.future")->registerClassInfo(info.get(), 0, 0);
-    info.release();
+    registerInfo("parallel.internal.future",
+                 std::unique_ptr<kcos::COSClassInfo>(new DisplayerInfo));
 }
 
 } // namespace hostclasses

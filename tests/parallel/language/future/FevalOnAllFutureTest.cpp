@@ -18,21 +18,7 @@ using testing::scalar;
 using testing::secondsFromNow;
 using testing::TestTask;
 
-struct OnAll {
-    std::vector<std::shared_ptr<TestTask>> tasks;
-    std::shared_ptr<FevalOnAllFuture> future;
-
-    explicit OnAll(std::size_t n) {
-        std::vector<std::shared_ptr<TaskBase>> collection;
-        for (std::size_t i = 0; i < n; ++i) {
-            tasks.push_back(TestTask::make());
-            collection.push_back(tasks.back());
-        }
-        future = std::make_shared<FevalOnAllFuture>(
-            nullptr, nullptr, 1, DvArrayVector{},
-            std::make_shared<VectorMultiTask>(std::move(collection)));
-    }
-};
+using OnAll = testing::TestOnAllFuture;
 
 WallClockTimePoint at(double seconds) {
     return WallClockTimePoint(Seconds(seconds));

@@ -162,20 +162,8 @@ TEST_F(FutureProperties, FailedAndCancelledFuturesAreFinishedWithAnError) {
               "parallel:fevalqueue:ExecutionCancelled");
 }
 
-struct OnAll {
-    std::vector<std::shared_ptr<TestTask>> tasks;
-    std::shared_ptr<FevalOnAllFuture> future;
-
-    explicit OnAll(std::size_t n) {
-        std::vector<std::shared_ptr<TaskBase>> collection;
-        for (std::size_t i = 0; i < n; ++i) {
-            tasks.push_back(TestTask::make());
-            collection.push_back(tasks.back());
-        }
-        future = std::make_shared<FevalOnAllFuture>(
-            nullptr, nullptr, 1, DvArrayVector{scalar(8)},
-            std::make_shared<VectorMultiTask>(std::move(collection)));
-    }
+struct OnAll : testing::TestOnAllFuture {
+    explicit OnAll(std::size_t n) : TestOnAllFuture(n, DvArrayVector{scalar(8)}) {}
     void finish(std::size_t i, OutputsOrError result) {
         tasks[i]->result = std::move(result);
         tasks[i]->runToFinish();

@@ -5,6 +5,8 @@
 #include "TestTask.hpp"
 
 #include <parallel/language/future/FevalFuture.hpp>
+#include <parallel/language/future/FevalOnAllFuture.hpp>
+#include <parallel/language/future/VectorMultiTask.hpp>
 
 #include <kvm/KVM.hpp>
 
@@ -55,6 +57,24 @@ struct TestFuture {
         running();
         task->doNotifyFinished();
         return *this;
+    }
+};
+
+// A future of one evaluation on each of `n` workers, over test tasks; every
+// task shares `inputs`.
+struct TestOnAllFuture {
+    std::vector<std::shared_ptr<TestTask>> tasks;
+    std::shared_ptr<FevalOnAllFuture> future;
+
+    explicit TestOnAllFuture(std::size_t n, DvArrayVector inputs = {}) {
+        std::vector<std::shared_ptr<TaskBase>> collection;
+        for (std::size_t i = 0; i < n; ++i) {
+            tasks.push_back(TestTask::make());
+            collection.push_back(tasks.back());
+        }
+        future = std::make_shared<FevalOnAllFuture>(
+            nullptr, nullptr, 1, std::move(inputs),
+            std::make_shared<VectorMultiTask>(std::move(collection)));
     }
 };
 

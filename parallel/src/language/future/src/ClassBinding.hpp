@@ -8,6 +8,7 @@
 #include <kcos/COSClass.hpp>
 #include <kcos/COSValue.hpp>
 
+#include <concepts>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -36,6 +37,21 @@ const dvArray* arrayOf(const kcos::COSValue& value);
 
 // A char row of narrow text.
 matrix::unique_dvArray charRow(std::string_view text);
+
+// Hands a property or method to the class being built, which owns it once
+// the call returns.
+template <class Property>
+requires std::derived_from<Property, kcos::COSPropT>
+void addOwned(kcos::COSClass& cls, std::unique_ptr<Property> property) {
+    cls.addProperty(property.get());
+    property.release();
+}
+template <class Method>
+requires std::derived_from<Method, kcos::COSMethodBase>
+void addOwned(kcos::COSClass& cls, std::unique_ptr<Method> method) {
+    cls.addMethod(method.get());
+    method.release();
+}
 
 // Adds the properties, in their order, to the class being built.
 void addProperties(kcos::COSClass& cls);

@@ -14,8 +14,10 @@
 #include <kcos/Language.hpp>
 #include <kcos/array.hpp>
 
+#include <algorithm>
 #include <array>
 #include <memory>
+#include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -133,27 +135,48 @@ void declareAnyOutputs(kcos::COSMethodSignature& signature) {
     signature.setVariableOutputs();
 }
 
-// The alias name every element presents, or "parallel.Future" when they
-// differ, when one is gone, or when there are none.
-const std::string& commonAliasName(const dvArray* futures, kcos::InternedName classKey,
-                                   std::string& storage) {
+// The alias name of each element; empty for a missing or deleted element.
+std::vector<std::optional<std::string>> aliasNames(const dvArray* futures,
+                                                   kcos::InternedName classKey) {
     const std::size_t count = dvGetNumberOfElements(futures);
-    if (count == 0) {
-        return defaultClassName();
-    }
+    std::vector<std::optional<std::string>> names;
+    names.reserve(count);
     for (std::size_t i = 0; i < count; ++i) {
         const kcos::COSInterfacePtr element = omGetArrayElement(futures, i);
         if (!element || element->isDestroyed()) {
-            return defaultClassName();
-        }
-        const std::string name = futureOf(element.get(), classKey)->getCosAliasName();
-        if (i == 0) {
-            storage = name;
-        } else if (name != storage) {
-            return defaultClassName();
+            names.emplace_back();
+        } else {
+            names.emplace_back(futureOf(element.get(), classKey)->getCosAliasName());
         }
     }
-    return storage;
+    return names;
+}
+
+// The alias name every element presents, or "parallel.Future" when they
+// differ, when one is gone, or when there are none.
+std::string commonAliasName(const dvArray* futures, kcos::InternedName classKey) {
+    const auto names = aliasNames(futures, classKey);
+    if (names.empty() || !names.front()) {
+        return defaultClassName();
+    }
+    const bool same = std::all_of(names.begin(), names.end(),
+                                  [&](const auto& name) { return name == names.front(); });
+    return same ? *names.front() : defaultClassName();
+}
+
+// Raises the host's argument-count errors: more than `maxOutputs` outputs,
+// fewer than `minInputs` or more than `maxInputs` inputs.
+void checkCounts(int numOutputs, int maxOutputs, std::size_t numInputs, std::size_t minInputs,
+                 std::size_t maxInputs) {
+    if (numOutputs > maxOutputs) {
+        matrix::detail::error_maxlhs();
+    }
+    if (numInputs > maxInputs) {
+        matrix::detail::error_maxrhs();
+    }
+    if (numInputs < minInputs) {
+        matrix::detail::error_minrhs();
+    }
 }
 
 class ClassMethod : public MethodBase {
@@ -166,17 +189,8 @@ public:
 private:
     void doInvoke(int& numOutputs, kcos::COSValue* outputs,
                   std::span<const kcos::COSValue> inputs) const override {
-        if (numOutputs > 1) {
-            matrix::detail::error_maxlhs();
-        }
-        if (inputs.size() >= 2) {
-            matrix::detail::error_maxrhs();
-        }
-        if (inputs.empty()) {
-            matrix::detail::error_minrhs();
-        }
-        std::string storage;
-        const std::string& name = commonAliasName(arrayOf(inputs[0]), classKey(), storage);
+        checkCounts(numOutputs, 1, inputs.size(), 1, 1);
+        const std::string name = commonAliasName(arrayOf(inputs[0]), classKey());
         numOutputs = 1;
         outputs[0].setArray(charRow(name));
     }
@@ -201,18 +215,9 @@ bool isAliasOf(const dvArray* futures, kcos::InternedName classKey, const std::s
     if (name == defaultClassName() || name == "handle") {
         return true;
     }
-    const std::size_t count = dvGetNumberOfElements(futures);
-    if (count == 0) {
-        return false;
-    }
-    for (std::size_t i = 0; i < count; ++i) {
-        const kcos::COSInterfacePtr element = omGetArrayElement(futures, i);
-        if (!element || element->isDestroyed() ||
-            futureOf(element.get(), classKey)->getCosAliasName() != name) {
-            return false;
-        }
-    }
-    return true;
+    const auto names = aliasNames(futures, classKey);
+    return !names.empty() && std::all_of(names.begin(), names.end(),
+                                         [&](const auto& alias) { return alias == name; });
 }
 
 class IsaMethod : public MethodBase {
@@ -225,15 +230,7 @@ public:
 private:
     void doInvoke(int& numOutputs, kcos::COSValue* outputs,
                   std::span<const kcos::COSValue> inputs) const override {
-        if (numOutputs > 1) {
-            matrix::detail::error_maxlhs();
-        }
-        if (inputs.size() >= 3) {
-            matrix::detail::error_maxrhs();
-        }
-        if (inputs.size() < 2) {
-            matrix::detail::error_minrhs();
-        }
+        checkCounts(numOutputs, 1, inputs.size(), 2, 2);
         const std::string name = classNameArgument(inputs.back());
         numOutputs = 1;
         outputs[0].setArray(dvCreateLogicalScalar(isAliasOf(arrayOf(inputs[0]), classKey(), name)));
@@ -290,17 +287,11 @@ private:
 
 void addMethods(kcos::COSClass& cls) {
     const kcos::InternedName key = cls.getInternedName();
-    // The class takes ownership once addMethod returns.
-    auto add = [&cls](kcos::COSMethodBase* created) {
-        std::unique_ptr<kcos::COSMethodBase> method(created);
-        cls.addMethod(method.get());
-        method.release();
-    };
-    add(new FutureConstructor());
-    add(new DisplayMethod(key));
-    add(new ClassMethod(key));
-    add(new IsaMethod(key));
-    add(new SubmitMethod(key));
+    addOwned(cls, std::make_unique<FutureConstructor>());
+    addOwned(cls, std::make_unique<DisplayMethod>(key));
+    addOwned(cls, std::make_unique<ClassMethod>(key));
+    addOwned(cls, std::make_unique<IsaMethod>(key));
+    addOwned(cls, std::make_unique<SubmitMethod>(key));
 }
 
 } // namespace parallel::language::future::binding

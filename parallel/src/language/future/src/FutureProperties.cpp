@@ -381,11 +381,8 @@ private:
 
 void addProperties(kcos::COSClass& cls) {
     const kcos::InternedName key = cls.getInternedName();
-    // The class takes ownership once addProperty returns.
     auto add = [&cls](kcos::COSPropT* created) {
-        std::unique_ptr<kcos::COSPropT> property(created);
-        cls.addProperty(property.get());
-        property.release();
+        addOwned(cls, std::unique_ptr<kcos::COSPropT>(created));
     };
     auto name = [](const char* text) { return names::intern(text); };
     using Double = ScalarProperty<double>;
