@@ -11,6 +11,8 @@
 
 #include "Registry.hpp"
 
+#include <foundation/core/str/Utf.hpp>
+
 #include <algorithm>
 #include <atomic>
 #include <map>
@@ -321,9 +323,7 @@ void COSClass::addSuperclass(InternedName superclass, int, int, bool required) {
     if (found == nullptr) {
         if (required) {
             throw foundation::core::except::Exception<KORVEX::kcos::UndefinedClass>(
-                foundation::core::except::MessageArguments{
-                    foundation::core::except::MessageArgument(
-                        std::u16string(superclass.str().begin(), superclass.str().end()))});
+                foundation::core::str::toUtf16(superclass.str()));
         }
         return;
     }

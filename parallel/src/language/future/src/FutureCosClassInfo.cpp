@@ -14,6 +14,7 @@
 #include <array>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 
 namespace parallel::language::future {
@@ -82,10 +83,11 @@ public:
     // an unavailable future).
     bool customSave(kcos::COSInterfacePtr object, kcos::COSValue& value,
                     kcos::COSDataTypePtr& type) override {
-        const kcos::COSClass* cls = object ? object->getObjectClass() : nullptr;
-        const std::string& name =
-            cls != nullptr ? cls->getInternedName().str() : object->className();
-        dvArray* argument = matrix::to_korvex(binding::charRow(name));
+        if (!object) {
+            throw std::invalid_argument("No object to save.");
+        }
+        // An object's class name is its class's full name.
+        dvArray* argument = matrix::to_korvex(binding::charRow(object->className()));
         const matrix::unique_dvArray release(argument);
         inCallFcn("parallel.internal.warnOnceCannotSave", 0, nullptr, 1, &argument);
         return kcos::COSClassInfo::customSave(std::move(object), value, type);
