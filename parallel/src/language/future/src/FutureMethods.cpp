@@ -59,7 +59,9 @@ public:
 
     void invoke(const kcos::COSClient*, int& numOutputs, kcos::COSValue* outputs, int numInputs,
                 const kcos::COSValue* inputs) override {
-        kcos::COSInterface* object = omGetLiveArrayElement(outputs[0].getArray(), 0);
+        dvArray* underConstruction = outputs[0].getArray();
+        kcos::COSInterface* object =
+            underConstruction != nullptr ? omGetLiveArrayElement(underConstruction, 0) : nullptr;
         if (object == nullptr || object->getObjectClass() == nullptr) {
             throw std::logic_error("No object under construction.");
         }

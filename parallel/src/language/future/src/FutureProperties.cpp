@@ -17,6 +17,7 @@
 #include <array>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -242,13 +243,19 @@ public:
     }
 };
 
+// The word of a state; a value outside the table raises std::out_of_range
+// with the text the language has always shown for it.
 const std::u16string& stateWord(FutureState state) {
     static const std::unordered_map<FutureState, std::u16string> words{
         {FutureState::Pending, u"pending"},         {FutureState::Queued, u"queued"},
         {FutureState::Running, u"running"},         {FutureState::Finished, u"finished"},
         {FutureState::Unavailable, u"unavailable"},
     };
-    return words.at(state);
+    const auto it = words.find(state);
+    if (it == words.end()) {
+        throw std::out_of_range("invalid unordered_map<K, T> key");
+    }
+    return it->second;
 }
 
 class StateProperty : public PropertyBase {
