@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -19,17 +20,35 @@ class Iqm;
 class Kdispatcher;
 
 namespace kvutil::contextmgr {
+// Interpreter identifiers. Every interpreter made by kvm::KVM::create is
+// blessed (its identifier is at least BlessedKcrID): it has its own thread
+// and may have a command distributor. Identifiers below name no such
+// interpreter; work for them runs under the interpreter lock (getBFL).
 using KcrID = std::int64_t;
-}
+inline constexpr KcrID UndefinedKcrID = -1;
+inline constexpr KcrID BlessedKcrID = 1;
+} // namespace kvutil::contextmgr
+
+namespace kvutil::kvm {
+// The process-wide interpreter lock, taken by work that touches an
+// interpreter's values from outside its thread. Counted: the holder may take
+// it again.
+QZHOST_API std::recursive_mutex& getBFL();
+} // namespace kvutil::kvm
 
 namespace kvm {
 
+// Whether a new interpreter gets a command distributor.
+enum class CmdDistributorMode { Enabled, Disabled };
+
 class QZHOST_API KVM {
 public:
-    // Makes the calling thread an interpreter thread. Throws
-    // std::logic_error when it already is one.
-    static std::shared_ptr<KVM> create();
-    // Destroy on the thread that created it.
+    // Makes the calling thread an interpreter thread, with a command
+    // distributor unless told otherwise. Throws std::logic_error when it
+    // already is one.
+    static std::shared_ptr<KVM> create(CmdDistributorMode mode = CmdDistributorMode::Enabled);
+    // Destroy on the thread that created it. Shuts the command distributor
+    // down first: requests not yet run complete as cancelled.
     ~KVM();
     KVM(const KVM&) = delete;
     KVM& operator=(const KVM&) = delete;
@@ -55,10 +74,16 @@ private:
     std::unique_ptr<Impl> impl_;
 };
 
+// What getCurrentLocalKVM does on a thread without an interpreter.
+enum class NoActiveUSMBehavior : int { Throw = 0, ReturnNull = 1 };
+
 class QZHOST_API Factory {
 public:
     // The interpreter of the calling thread; null on other threads.
     static std::shared_ptr<KVM> getCurrentLocalKVM();
+    // As above; with Throw, a thread without an interpreter raises
+    // std::logic_error.
+    static std::shared_ptr<KVM> getCurrentLocalKVM(NoActiveUSMBehavior behavior);
 };
 
 // Writes text as the language's output: into the diary of the work running

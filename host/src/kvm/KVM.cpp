@@ -7,6 +7,8 @@
 #include "InterruptSignalWatcher.hpp"
 
 #include <builtins/HostClasses.hpp>
+#include <cmddistributor/CmdDistributor.hpp>
+#include <foundation/usm/Detail.hpp>
 #include <foundation/core/except/Exception.hpp>
 #include <interpreter/Kdispatcher.hpp>
 #include <iqm/Iqm.hpp>
@@ -34,24 +36,33 @@ struct KVM::Impl {
     const std::shared_ptr<iqm::Iqm> iqm = std::make_shared<iqm::Iqm>();
     Kdispatcher dispatcher;
     std::atomic<bool> interruptPending{false};
+    // Null when made without one. Shut down before the queue manager goes.
+    std::shared_ptr<cmddistributor::CmdDistributor> distributor;
     // Stopped first on destruction: its thread calls requestInterrupt.
     std::unique_ptr<detail::InterruptSignalWatcher> signalWatcher;
 };
 
 KVM::KVM() : impl_(std::make_unique<Impl>()) {}
 
-std::shared_ptr<KVM> KVM::create() {
+std::shared_ptr<KVM> KVM::create(CmdDistributorMode mode) {
     if (!currentKVM.expired()) {
         throw std::logic_error("This thread already runs an interpreter.");
     }
     hostclasses::registerHostClasses();
     std::shared_ptr<KVM> kvm(new KVM());
+    if (mode == CmdDistributorMode::Enabled) {
+        kvm->impl_->distributor =
+            cmddistributor::CmdDistributor::create(kvm->impl_->id, kvm->impl_->iqm);
+    }
     currentKVM = kvm;
     return kvm;
 }
 
 KVM::~KVM() {
     impl_->signalWatcher.reset();
+    if (impl_->distributor) {
+        impl_->distributor->shutdown();
+    }
     if (std::this_thread::get_id() == impl_->creatorThread) {
         currentKVM.reset();
     }
@@ -93,7 +104,24 @@ std::shared_ptr<KVM> Factory::getCurrentLocalKVM() {
     return currentKVM.lock();
 }
 
+std::shared_ptr<KVM> Factory::getCurrentLocalKVM(NoActiveUSMBehavior behavior) {
+    std::shared_ptr<KVM> kvm = currentKVM.lock();
+    if (!kvm && behavior == NoActiveUSMBehavior::Throw) {
+        throw std::logic_error("No interpreter runs on this thread.");
+    }
+    return kvm;
+}
+
 } // namespace kvm
+
+std::recursive_mutex& kvutil::kvm::getBFL() {
+    static std::recursive_mutex lock;
+    return lock;
+}
+
+bool foundation::usm::Detail<foundation::usm::scope::Kvm>::isRequiredContextActive() {
+    return !kvm::currentKVM.expired();
+}
 
 void utInterruptState::ThrowIfInterruptPending() {
     const auto kvm = kvm::Factory::getCurrentLocalKVM();

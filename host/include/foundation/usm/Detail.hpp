@@ -37,4 +37,12 @@ public:
     static void* findOrInsert(ID id, const std::type_info& type, Holder&& holder);
 };
 
+// The interpreter scope: state of the calling thread's interpreter.
+template <>
+class QZHOST_API Detail<scope::Kvm> {
+public:
+    // Whether the calling thread runs an interpreter (kvm::KVM::create).
+    static bool isRequiredContextActive();
+};
+
 } // namespace foundation::usm
