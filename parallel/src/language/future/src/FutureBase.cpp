@@ -3,6 +3,7 @@
 #include <parallel/language/future/FutureErrors.hpp>
 #include <parallel/language/future/ScopedTaskFinishedListener.hpp>
 
+#include "Concatenation.hpp"
 #include "DiagnosticLogging.hpp"
 #include "ErrorConversion.hpp"
 #include "PropertyArrays.hpp"
@@ -73,32 +74,6 @@ KExceptionEnvelope envelopeOf(const foundation::core::except::IUserException& er
     return KExceptionEnvelope(error, matrix::dvCreateStackStruct(0));
 }
 
-// "vertcat" of `parts`, as the interpreter's function in the current scope.
-// Any failure becomes FetchOutputsConcatenationFailed, with the failure as
-// its cause when it is a language error.
-boost::intrusive_ptr<dvArray> concatenateVertically(const DvArrayVector& parts) {
-    std::optional<KExceptionEnvelope> cause;
-    try {
-        Kdispatcher& dispatcher = Kdispatcher::getDispatcher();
-        const std::optional<Kfunction_handle> vertcat =
-            dispatcher.lookup("vertcat", dispatcher.GetCurrentlyExecutingFunctionScope());
-        if (vertcat) {
-            return (*vertcat)(parts);
-        }
-    } catch (const KExceptionEnvelope& error) {
-        cause = error;
-    } catch (const foundation::core::except::IUserException& error) {
-        cause = envelopeOf(error);
-    } catch (...) {
-    }
-    if (!cause) {
-        throw errors::FetchOutputsConcatenationFailed();
-    }
-    KExceptionEnvelope failure = envelopeOf(errors::FetchOutputsConcatenationFailed());
-    failure.AddCause(*cause);
-    throw failure;
-}
-
 // Moves output k out of `source`, which holds copies of the caller's own;
 // null when the source has fewer outputs.
 boost::intrusive_ptr<dvArray> takeOutput(DvArrayVector& source, unsigned int k) {
@@ -123,7 +98,8 @@ DvArrayVector concatenateEach(std::vector<DvArrayVector> sources, unsigned int n
         for (DvArrayVector& source : sources) {
             parts.push_back(takeOutput(source, k));
         }
-        joined.push_back(concatenateVertically(parts));
+        joined.push_back(
+            detail::concatenateVertically<errors::FetchOutputsConcatenationFailed>(parts));
     }
     return joined;
 }
@@ -395,7 +371,17 @@ void FutureBase::initOutputsOrErrorIfNeeded() {
     if (isOutputsOrErrorCached() || doGetState() != FutureState::Finished) {
         return;
     }
-    setOutputsOrError(doGetOutputsOrError());
+    const PerTaskVariant<OutputsOrError> fresh = doGetOutputsOrError();
+    if (!outputsOrError_.isMulti() || fresh.size() != outputsOrError_.size()) {
+        setOutputsOrError(fresh);
+        return;
+    }
+    // Entries cached already stay: their work may hand its outputs out once only.
+    for (std::size_t i = 0; i < fresh.size(); ++i) {
+        if (outputsOrError_[i].get() == nullptr) {
+            setOutputsOrError(i, fresh[i]);
+        }
+    }
 }
 
 bool FutureBase::isOutputsOrErrorCached() const {
