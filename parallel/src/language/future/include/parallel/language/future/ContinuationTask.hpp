@@ -1,0 +1,88 @@
+#pragma once
+
+#include <parallel/language/future/FutureBase.hpp>
+#include <parallel/language/future/TaskBase.hpp>
+
+#include <foundation/korvexdata/Array.hpp>
+#include <kvm/Future.hpp>
+#include <kvm/TaskReference.hpp>
+
+#include <boost/shared_ptr.hpp>
+
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace parallel::language::future {
+
+struct ContinuationWork;
+
+// The task of a continuation: a language function run once on the
+// interpreter's own thread after its predecessor futures have finished, on
+// their outputs (or on the futures themselves).
+//
+// Life of a continuation:
+//   build:   Unavailable -> Queued; the work is submitted at once to the
+//            interpreter's command distributor, held back (not ready).
+//   last predecessor finishes (its thread): the request is made ready.
+//   work item (interpreter thread, at a dequeue point of "parallel"): makes
+//            the arguments -> Running -> calls the function -> stores outputs.
+//   request completes (thread that completes it): -> Finished.
+//   cancel (any thread): -> Finished (cancelled); a request that has not
+//            started never runs.
+// Arguments that cannot be made (a predecessor failed, concatenation failed)
+// take the task from Queued to Finished without a start time; every failure
+// is the task's error, read through getOutputsOrError.
+//
+// Ownership: made and held through std::shared_ptr by build only; the command
+// distributor holds the work item, and with it the task, until the request is
+// done. The task holds its request weakly (through the task reference).
+//
+// Threads: build on the interpreter thread. The task's own mutex guards the
+// input arguments and the outputs only; state and times are TaskBase's.
+class QZ_FUTURE_API ContinuationTask : public TaskBase {
+    struct Token {};
+
+public:
+    using RequestResult = std::vector<foundation::korvexdata::Array>;
+
+    // Submits the work of running `function` for `numOutputs` outputs once
+    // every future of `predecessors` (at least one) has finished, in their
+    // order. Without `passFuture` the function gets the first M outputs of
+    // the predecessors (M: the fewest any gives), each output concatenated
+    // across predecessors with "vertcat" when there are several; with it, one
+    // "parallel.Future" array of the predecessors shaped `predecessorSize`.
+    // Returns the task Queued. Throws std::invalid_argument for a null
+    // function or no predecessors. Interpreter thread.
+    static std::shared_ptr<ContinuationTask>
+    build(boost::intrusive_ptr<dvArray> function, std::size_t numOutputs,
+          std::vector<std::shared_ptr<FutureBase>> predecessors,
+          std::vector<std::size_t> predecessorSize, bool passFuture);
+
+    explicit ContinuationTask(Token);
+    ~ContinuationTask() override;
+
+    // The arguments the function was called with, once: a second call (or a
+    // call before the work started) gives none. Any thread.
+    DvArrayVector takeInputs();
+
+private:
+    friend struct ContinuationWork;
+
+    // Cancels the request unless it has started running.
+    void doCancel() override;
+    // The function's outputs, handed out once (later calls give none), or
+    // the request's error; ExecutionCancelled for a cancelled request.
+    OutputsOrError doGetOutputsOrError() override;
+    // Always empty: a continuation keeps no diary.
+    std::u16string doGetDiary() override;
+
+    DvArrayVector inputArguments_;
+    DvArrayVector outputs_;
+    std::mutex mutex_; // guards inputArguments_ and outputs_
+    kvm::SharedFuture<RequestResult> requestFuture_;
+    boost::shared_ptr<kvm::TaskReference> taskReference_; // null until submitted
+};
+
+} // namespace parallel::language::future

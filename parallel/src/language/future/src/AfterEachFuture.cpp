@@ -1,0 +1,118 @@
+#include <parallel/language/future/AfterEachFuture.hpp>
+
+#include <parallel/language/future/ContinuationTask.hpp>
+#include <parallel/language/future/FutureErrors.hpp>
+#include <parallel/language/future/VectorMultiTask.hpp>
+
+#include "ContinuationCallbacks.hpp"
+#include "MultiTaskFolding.hpp"
+#include "WaitUntil.hpp"
+
+namespace parallel::language::future {
+
+std::shared_ptr<AfterEachFuture>
+AfterEachFuture::build(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
+                       unsigned int numOutputs,
+                       std::vector<std::shared_ptr<FutureBase>> predecessors,
+                       std::vector<std::size_t> /*predecessorSize*/, bool passFuture) {
+    std::vector<std::shared_ptr<ContinuationTask>> continuations;
+    continuations.reserve(predecessors.size());
+    for (const auto& predecessor : predecessors) {
+        continuations.push_back(
+            ContinuationTask::build(function, numOutputs, {predecessor}, {1, 1}, passFuture));
+    }
+    auto future = std::make_shared<AfterEachFuture>(
+        Token{}, parent, std::move(function), numOutputs, predecessors,
+        std::make_shared<VectorMultiTask>(
+            std::vector<std::shared_ptr<TaskBase>>(continuations.begin(), continuations.end())));
+    const std::weak_ptr<AfterEachFuture> weakFuture = future;
+    for (std::size_t i = 0; i < continuations.size(); ++i) {
+        detail::attachCacheCallbacks(
+            continuations[i], weakFuture, detail::kAfterEachFutureSource,
+            [i](AfterEachFuture& self, DvArrayVector inputs) { self.setInputs(i, inputs); },
+            [i](AfterEachFuture& self, OutputsOrError result) {
+                self.setOutputsOrError(i, result);
+            });
+    }
+    return future;
+}
+
+AfterEachFuture::AfterEachFuture(Token, kcos::COSInterface* parent,
+                                 boost::intrusive_ptr<dvArray> function, unsigned int numOutputs,
+                                 const std::vector<std::shared_ptr<FutureBase>>& predecessors,
+                                 std::shared_ptr<MultiTask> tasks)
+    : FutureBase(parent, std::move(function), numOutputs, predecessors, std::nullopt),
+      tasks_(std::move(tasks)) {
+    const unsigned long long count = tasks_->maybeResizeAndGetNumTasks();
+    initMultiTaskInputs(count);
+    initMultiTaskOutputsOrError(count);
+}
+
+AfterEachFuture::~AfterEachFuture() = default;
+
+void AfterEachFuture::doCancel() {
+    if (getState() != FutureState::Finished) {
+        detail::cancelEach(*tasks_);
+    }
+}
+
+boost::shared_future<void> AfterEachFuture::doGetWaitableFuture() {
+    throw errors::FetchNextUnsupportedFutureType();
+}
+
+bool AfterEachFuture::doWait(FutureState state, SteadyTimePoint deadline) {
+    if (state <= getState()) {
+        return true;
+    }
+    if (state == FutureState::Finished) {
+        return detail::waitForEachFinished(*tasks_, deadline);
+    }
+    doWaitForRunning(deadline);
+    return false;
+}
+
+bool AfterEachFuture::doWaitForRunning(SteadyTimePoint deadline) {
+    boost::shared_future<void> running;
+    {
+        std::lock_guard lock(runningMutex_);
+        if (!runningFuture_.valid()) {
+            runningFuture_ = detail::makeAnyRunningFuture(*tasks_);
+        }
+        running = runningFuture_;
+    }
+    return detail::waitUntil(running, deadline);
+}
+
+void AfterEachFuture::doAfterFinishThen(boost::launch policy, std::function<void()> callback) {
+    detail::afterAllFinishedThen(*tasks_, policy, std::move(callback));
+}
+
+PerTaskVariant<std::u16string> AfterEachFuture::doGetDiary() const {
+    return detail::diariesOf(*tasks_);
+}
+
+WallClockTimePoint AfterEachFuture::doGetFinishTime() const {
+    return detail::foldFinishTime(*tasks_);
+}
+
+PerTaskVariant<OutputsOrError> AfterEachFuture::doGetOutputsOrError() const {
+    return detail::outputsOrErrorsOf(*tasks_);
+}
+
+WallClockTimePoint AfterEachFuture::doGetStartTime() const {
+    return detail::foldStartTime(*tasks_);
+}
+
+FutureState AfterEachFuture::doGetState() const {
+    return detail::foldState(*tasks_);
+}
+
+bool AfterEachFuture::doIsMultiFuture() const {
+    return true;
+}
+
+const char* AfterEachFuture::doGetCosAliasName() const {
+    return "parallel.AfterEachFuture";
+}
+
+} // namespace parallel::language::future

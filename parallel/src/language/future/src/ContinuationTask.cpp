@@ -1,0 +1,364 @@
+// Continuation tasks, and how work reaches the interpreter's own thread.
+
+#include <parallel/language/future/ContinuationTask.hpp>
+
+#include <parallel/language/future/FutureErrors.hpp>
+#include <parallel/language/future/MultiEventPromise.hpp>
+
+#include "Concatenation.hpp"
+#include "ErrorConversion.hpp"
+#include "FutureClassNames.hpp"
+#include "InterpreterSubmission.hpp"
+
+#include <foundation/usm/Detail.hpp>
+#include <kcos/array.hpp>
+
+#include <boost/function.hpp>
+
+#include <algorithm>
+#include <limits>
+#include <stdexcept>
+#include <string>
+
+namespace parallel::language::future {
+
+using Veldspire::KException::KExceptionEnvelope;
+
+namespace detail {
+
+namespace {
+
+bool isCurrentInterpreter(const kvm::Target& target) {
+    if (!foundation::usm::Detail<foundation::usm::scope::Kvm>::isRequiredContextActive()) {
+        return false;
+    }
+    const std::shared_ptr<kvm::KVM> current = kvm::Factory::getCurrentLocalKVM();
+    if (const auto* kvm = boost::get<std::shared_ptr<kvm::KVM>>(&target)) {
+        return current && *kvm == current;
+    }
+    return current && current->getID() == boost::get<kvutil::contextmgr::KcrID>(target);
+}
+
+} // namespace
+
+void runOnInterpreter(const kvm::Target& target, std::function<void()> callback,
+                      const char* sourceLabel) noexcept {
+    try {
+        if (isCurrentInterpreter(target)) {
+            callback();
+            return;
+        }
+        const cmddistributor::RunOptions options(cmddistributor::WhenToDequeue::AtDequeuePoint,
+                                                 kParallelQueueName);
+        submitToInterpreter<void>(target, boost::function<void()>(std::move(callback)), options,
+                                  kvm::detail::createID(), sourceLabel);
+    } catch (...) {
+        // A callback's failure reaches nobody.
+    }
+}
+
+} // namespace detail
+
+namespace {
+
+// Releases a host array the standard way.
+void releaseArray(dvArray* array) {
+    matrix::destroyArray(array);
+}
+
+// Deleter of a host array that must be released under its interpreter's
+// rules: on a blessed interpreter's own thread (a release request posted to
+// it, not waited for; directly once the interpreter is gone), otherwise under
+// the interpreter lock. Any thread.
+struct DvArrayDeleter {
+    bool releaseUnderInterpreterRules = false;
+    boost::function<void(dvArray*)> release;
+    kvutil::contextmgr::KcrID kcrID = kvutil::contextmgr::UndefinedKcrID;
+
+    void operator()(dvArray* array) const noexcept {
+        if (array == nullptr) {
+            return;
+        }
+        if (!releaseUnderInterpreterRules) {
+            release(array);
+        } else if (kcrID >= kvutil::contextmgr::BlessedKcrID) {
+            postRelease(array);
+        } else {
+            std::lock_guard lock(kvutil::kvm::getBFL());
+            release(array);
+        }
+    }
+
+    void postRelease(dvArray* array) const noexcept {
+        const std::shared_ptr<cmddistributor::CmdDistributor> distributor =
+            cmddistributor::CmdDistributor::instance(kcrID);
+        if (!distributor) {
+            release(array);
+            return;
+        }
+        try {
+            // The request owns the array: released when it runs, or wherever
+            // the request is dropped should it never run.
+            std::shared_ptr<dvArray> owned(array, release);
+            auto request = boost::make_shared<cmddistributor::FcnCmdRequest<void>>(
+                detail::kStreamID, nullptr, nullptr,
+                boost::function<void()>([owned]() mutable { owned.reset(); }),
+                detail::kContinuationTaskSource);
+            distributor->submit(std::move(request),
+                                boost::make_shared<cmddistributor::PromiseDelegateT<void>>(),
+                                cmddistributor::RunOptions(
+                                    cmddistributor::WhenToDequeue::AtDequeuePoint, u""),
+                                cmddistributor::IDType{});
+        } catch (...) {
+            // Only allocation can fail here, before `owned` took the array.
+        }
+    }
+};
+
+using OwnedDvArray = std::unique_ptr<dvArray, DvArrayDeleter>;
+using SharedOwnedDvArray = std::shared_ptr<OwnedDvArray>;
+
+SharedOwnedDvArray ownForInterpreter(matrix::unique_dvArray array,
+                                     kvutil::contextmgr::KcrID kcrID) {
+    return std::make_shared<OwnedDvArray>(matrix::to_korvex(std::move(array)),
+                                          DvArrayDeleter{true, releaseArray, kcrID});
+}
+
+// The IDs of the failed predecessors, joined by "," (no spaces).
+std::u16string joinIDs(const std::vector<long long>& ids) {
+    std::string joined;
+    for (const long long id : ids) {
+        if (!joined.empty()) {
+            joined += ',';
+        }
+        joined += std::to_string(id);
+    }
+    return std::u16string(joined.begin(), joined.end());
+}
+
+// PrecedingExecutionErrors naming `failedIDs`, with `errors` as causes.
+[[noreturn]] void raisePrecedingExecutionErrors(const std::vector<long long>& failedIDs,
+                                                const std::vector<std::exception_ptr>& errors) {
+    KExceptionEnvelope failure(errors::PrecedingExecutionErrors(joinIDs(failedIDs)),
+                               matrix::dvCreateStackStruct(0));
+    for (const std::exception_ptr& error : errors) {
+        failure.AddCause(detail::toKExceptionEnvelope(error));
+    }
+    throw failure;
+}
+
+// The arguments made from the predecessors' outputs: their first M outputs
+// (M the fewest any has), concatenated across predecessors when there are
+// several. Interpreter thread.
+DvArrayVector argumentsFromOutputs(const std::vector<std::shared_ptr<FutureBase>>& predecessors) {
+    unsigned int fewest = std::numeric_limits<unsigned int>::max();
+    std::vector<long long> failedIDs;
+    std::vector<std::exception_ptr> errors;
+    std::vector<DvArrayVector> outputs;
+    outputs.reserve(predecessors.size());
+    for (const auto& predecessor : predecessors) {
+        fewest = std::min(fewest, predecessor->getNumOutputs());
+        if (!predecessor->hasError()) {
+            outputs.push_back(predecessor->getOutputsAs(fewest, OutputFormat::Concatenated));
+            continue;
+        }
+        failedIDs.push_back(predecessor->getID());
+        const PerTaskVariant<std::exception_ptr> failures = predecessor->getError();
+        for (std::size_t i = 0; i < failures.size(); ++i) {
+            if (failures[i]) {
+                errors.push_back(failures[i]);
+            }
+        }
+    }
+    if (!failedIDs.empty()) {
+        raisePrecedingExecutionErrors(failedIDs, errors);
+    }
+    if (outputs.size() == 1) {
+        outputs.front().resize(fewest);
+        return std::move(outputs.front());
+    }
+    DvArrayVector arguments;
+    arguments.reserve(fewest);
+    for (unsigned int j = 0; j < fewest; ++j) {
+        DvArrayVector parts;
+        parts.reserve(outputs.size());
+        for (const DvArrayVector& source : outputs) {
+            parts.push_back(source[j]);
+        }
+        arguments.push_back(
+            detail::concatenateVertically<errors::PrecedingOutputsConcatenationFailed>(parts));
+    }
+    return arguments;
+}
+
+// One argument: the predecessors as a "parallel.Future" array of `size`.
+DvArrayVector argumentOfFutures(const std::vector<std::shared_ptr<FutureBase>>& predecessors,
+                                const std::vector<std::size_t>& size) {
+    matrix::unique_dvArray array = FutureBase::toKorvexArray(predecessors, size);
+    omSetClassOfHeterogeneousArray(array.get(), names::futureClass());
+    return {boost::intrusive_ptr<dvArray>(matrix::to_korvex(std::move(array)), false)};
+}
+
+// Calls `function` for `numOutputs` outputs. Interpreter thread.
+DvArrayVector invoke(const dvArray* function, std::size_t numOutputs,
+                     const DvArrayVector& arguments) {
+    std::vector<dvArray*> inputs;
+    inputs.reserve(arguments.size());
+    for (const auto& argument : arguments) {
+        inputs.push_back(argument.get());
+    }
+    std::vector<dvArray*> results(std::max<std::size_t>(numOutputs, 1), nullptr);
+    dvInvokeFunctionHandle(function, numOutputs, results.data(), inputs.size(), inputs.data());
+    DvArrayVector outputs;
+    outputs.reserve(numOutputs);
+    for (std::size_t i = 0; i < numOutputs; ++i) {
+        outputs.emplace_back(results[i], false);
+    }
+    return outputs;
+}
+
+} // namespace
+
+// The work item of a continuation, run by the command distributor on the
+// interpreter thread. Copies share the owned arrays.
+struct ContinuationWork {
+    std::shared_ptr<ContinuationTask> task;
+    SharedOwnedDvArray function;
+    std::size_t numOutputs;
+    SharedOwnedDvArray predecessors;
+    std::vector<std::size_t> predecessorSize;
+    bool passFuture;
+
+    ContinuationTask::RequestResult operator()() const {
+        // Once the work has run, successfully or not, the arrays go.
+        const std::shared_ptr<void> releaseArrays(nullptr, [this](void*) {
+            function->reset();
+            predecessors->reset();
+        });
+        const std::vector<std::shared_ptr<FutureBase>> futures =
+            FutureBase::fromKorvexArray(predecessors->get());
+        DvArrayVector arguments = passFuture ? argumentOfFutures(futures, predecessorSize)
+                                             : argumentsFromOutputs(futures);
+        {
+            std::lock_guard lock(task->mutex_);
+            task->inputArguments_ = arguments;
+        }
+        task->doNotifyRunning();
+        DvArrayVector outputs = invoke(function->get(), numOutputs, arguments);
+        {
+            std::lock_guard lock(task->mutex_);
+            task->outputs_ = std::move(outputs);
+        }
+        return ContinuationTask::RequestResult(numOutputs);
+    }
+};
+
+ContinuationTask::ContinuationTask(Token) {}
+
+ContinuationTask::~ContinuationTask() = default;
+
+std::shared_ptr<ContinuationTask>
+ContinuationTask::build(boost::intrusive_ptr<dvArray> function, std::size_t numOutputs,
+                        std::vector<std::shared_ptr<FutureBase>> predecessors,
+                        std::vector<std::size_t> predecessorSize, bool passFuture) {
+    if (!function) {
+        throw std::invalid_argument("A continuation needs a function.");
+    }
+    if (predecessors.empty()) {
+        throw std::invalid_argument("A continuation needs at least one predecessor.");
+    }
+    const std::shared_ptr<kvm::KVM> interpreter = kvm::Factory::getCurrentLocalKVM();
+    const kvutil::contextmgr::KcrID kcrID =
+        interpreter ? interpreter->getID() : kvutil::contextmgr::UndefinedKcrID;
+    auto task = std::make_shared<ContinuationTask>(Token{});
+
+    ContinuationWork work{
+        task,
+        ownForInterpreter(matrix::detail::do_shared_copy(function.get()), kcrID),
+        numOutputs,
+        ownForInterpreter(FutureBase::toKorvexArray(predecessors, {}), kcrID),
+        std::move(predecessorSize),
+        passFuture};
+
+    cmddistributor::RunOptions options(nullptr,
+                                       boost::make_shared<std::basic_stringbuf<char16_t>>(),
+                                       cmddistributor::RunOptions::getDefaultSinkTraits(),
+                                       cmddistributor::RunOptions::getDefaultSinkTraits());
+    options.setReadyToExecute(false);
+    options.setDequeueMode(cmddistributor::WhenToDequeue::AtDequeuePoint);
+    options.setQueueName(detail::kParallelQueueName);
+
+    task->doNotifyQueued();
+    detail::Submission<RequestResult> submission = detail::submitToInterpreter<RequestResult>(
+        interpreter, boost::function<RequestResult()>(std::move(work)), options,
+        kvm::detail::createID(), detail::kContinuationTaskSource);
+    task->requestFuture_ = std::move(submission.result);
+    task->taskReference_ = submission.reference;
+
+    task->requestFuture_.then(boost::launch::sync,
+                              [task](boost::shared_future<RequestResult>) {
+                                  task->doNotifyFinished();
+                              });
+
+    try {
+        auto allFinished =
+            std::make_shared<MultiEventPromise>(MultiEventPromise::All, predecessors.size());
+        for (const auto& predecessor : predecessors) {
+            predecessor->afterFinishThen(boost::launch::sync,
+                                         [allFinished] { allFinished->setOne(); });
+        }
+        allFinished->getFuture().then(
+            boost::launch::sync,
+            [reference = std::move(submission.reference)](boost::future<void>) {
+                if (reference) {
+                    reference->setReadyToExecute();
+                }
+            });
+    } catch (...) {
+        // A predecessor that cannot report its finish: the continuation
+        // would never run. Withdraw it.
+        task->cancel();
+        throw;
+    }
+    return task;
+}
+
+DvArrayVector ContinuationTask::takeInputs() {
+    std::lock_guard lock(mutex_);
+    return std::exchange(inputArguments_, {});
+}
+
+void ContinuationTask::doCancel() {
+    if (taskReference_) {
+        taskReference_->cancel();
+    }
+}
+
+OutputsOrError ContinuationTask::doGetOutputsOrError() {
+    if (getState() != FutureState::Finished) {
+        return OutputsOrError(std::optional<DvArrayVector>());
+    }
+    const auto cancelled = [] {
+        return OutputsOrError(std::make_exception_ptr(errors::ExecutionCancelled()));
+    };
+    try {
+        requestFuture_.get();
+    } catch (const cmddistributor::RuntimeException& error) {
+        if (error.getExecutionStatus() == cmddistributor::Cancelled) {
+            return cancelled();
+        }
+        return OutputsOrError(std::make_exception_ptr(error));
+    } catch (const cmddistributor::AlreadyCancelledException&) {
+        return cancelled();
+    } catch (...) {
+        return OutputsOrError(std::current_exception());
+    }
+    std::lock_guard lock(mutex_);
+    return OutputsOrError(std::optional<DvArrayVector>(std::exchange(outputs_, {})));
+}
+
+std::u16string ContinuationTask::doGetDiary() {
+    return {};
+}
+
+} // namespace parallel::language::future
