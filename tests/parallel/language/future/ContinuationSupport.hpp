@@ -1,0 +1,53 @@
+#pragma once
+
+// Continuations for tests: a recording language function, and the
+// interpreter's "parallel" queue run by hand.
+
+#include "LanguageTestSupport.hpp"
+
+#include <iqm/Iqm.hpp>
+
+#include <functional>
+#include <memory>
+#include <vector>
+
+namespace parallel::language::future::testing {
+
+// A function handle that records the arguments of every call and answers
+// with what `respond` gives (its arguments by default). Interpreter thread.
+struct RecordingFunction {
+    using Respond = std::function<DvArrayVector(std::size_t numOutputs, const DvArrayVector&)>;
+
+    std::shared_ptr<std::vector<DvArrayVector>> calls =
+        std::make_shared<std::vector<DvArrayVector>>();
+    boost::intrusive_ptr<dvArray> handle;
+
+    explicit RecordingFunction(Respond respond = {}) {
+        auto record = calls;
+        handle = boost::intrusive_ptr<dvArray>(
+            matrix::to_korvex(matrix::createFunctionHandle(
+                "recorded",
+                [record, respond](std::size_t numOutputs, const DvArrayVector& inputs) {
+                    record->push_back(inputs);
+                    if (respond) {
+                        return respond(numOutputs, inputs);
+                    }
+                    DvArrayVector outputs(inputs.begin(), inputs.end());
+                    outputs.resize(std::min(outputs.size(), numOutputs));
+                    return outputs;
+                })),
+            false);
+    }
+};
+
+// Runs what the interpreter has queued under "parallel" now; true when any ran.
+inline bool runParallelQueue() {
+    return iqm::Iqm::getCurrent()->processOnce({u"parallel"}, std::nullopt);
+}
+
+// The first output of `future`, whose outputs are cached, as a double.
+inline double firstOutput(FutureBase& future) {
+    return valueOf(future.getOutputs().getAsSingle().value().at(0).get());
+}
+
+} // namespace parallel::language::future::testing

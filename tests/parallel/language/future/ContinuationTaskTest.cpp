@@ -1,0 +1,214 @@
+#include "ContinuationSupport.hpp"
+
+#include <parallel/language/future/ContinuationTask.hpp>
+#include <parallel/language/future/FutureErrors.hpp>
+
+#include <Veldspire/KException/KExceptionEnvelope.hpp>
+#include <cmddistributor/RuntimeException.hpp>
+
+namespace parallel::language::future {
+namespace {
+
+using testing::RecordingFunction;
+using testing::runParallelQueue;
+using testing::scalar;
+using testing::TestFuture;
+using testing::valueOf;
+using Veldspire::KException::KExceptionEnvelope;
+
+class ContinuationTaskTest : public testing::LanguageTest {
+protected:
+    RecordingFunction function;
+
+    std::shared_ptr<ContinuationTask> after(std::vector<std::shared_ptr<FutureBase>> predecessors,
+                                            std::size_t numOutputs = 1, bool passFuture = false,
+                                            std::vector<std::size_t> size = {}) {
+        return ContinuationTask::build(function.handle, numOutputs, std::move(predecessors),
+                                       std::move(size), passFuture);
+    }
+
+    // The error of a finished task, as the language sees it.
+    static KExceptionEnvelope errorOf(ContinuationTask& task) {
+        const OutputsOrError result = task.getOutputsOrError();
+        EXPECT_TRUE(result.hasError());
+        return detailEnvelope(result.error());
+    }
+    static KExceptionEnvelope detailEnvelope(const std::exception_ptr& error) {
+        try {
+            std::rethrow_exception(error);
+        } catch (const KExceptionEnvelope& envelope) {
+            return envelope;
+        } catch (const cmddistributor::RuntimeException& e) {
+            return Veldspire::KException::CreateKException(e);
+        } catch (const foundation::core::except::IUserException& e) {
+            return KExceptionEnvelope(e, nullptr);
+        }
+    }
+};
+
+TEST_F(ContinuationTaskTest, RunsAfterTheLastPredecessorOnTheInterpreterThread) {
+    TestFuture first, second;
+    first.submitted();
+    second.submitted();
+    auto task = after({first.future, second.future});
+    EXPECT_EQ(task->getState(), FutureState::Queued);
+
+    first.finishedWith({scalar(1)});
+    EXPECT_FALSE(runParallelQueue());
+    EXPECT_TRUE(function.calls->empty());
+
+    std::thread([&] { second.finishedWith({scalar(2)}); }).join();
+    EXPECT_EQ(task->getState(), FutureState::Queued); // released, not run yet
+    EXPECT_TRUE(runParallelQueue());
+    ASSERT_EQ(function.calls->size(), 1u);
+    EXPECT_EQ(task->getState(), FutureState::Finished);
+    EXPECT_GT(task->getStartTime().time_since_epoch().count(), 0.0);
+    EXPECT_EQ(task->getDiary(), u"");
+    EXPECT_EQ(dvGetDimensions(task->getOutputsOrError().value()->at(0).get()),
+              (matrix::Dimensions{2, 1}));
+}
+
+TEST_F(ContinuationTaskTest, IsReleasedInsideBuildWhenAllHadFinished) {
+    TestFuture done;
+    done.finishedWith({scalar(5)});
+    auto task = after({done.future});
+    EXPECT_EQ(iqm::Iqm::getCurrent()->pending(u"parallel"), 1u);
+    EXPECT_TRUE(runParallelQueue());
+    EXPECT_EQ(valueOf(task->getOutputsOrError().value()->at(0).get()), 5.0);
+}
+
+TEST_F(ContinuationTaskTest, ArgumentsAreTheFewestOutputsConcatenatedAcrossPredecessors) {
+    TestFuture two(2);
+    two.finishedWith({scalar(1), scalar(2)});
+    after({two.future}, 0);
+    runParallelQueue();
+    ASSERT_EQ(function.calls->size(), 1u);
+    ASSERT_EQ(function.calls->at(0).size(), 2u); // one predecessor: as they are
+    EXPECT_EQ(valueOf(function.calls->at(0)[1].get()), 2.0);
+
+    TestFuture a(2), b(1), c(3);
+    a.finishedWith({scalar(1), scalar(10)});
+    b.finishedWith({scalar(2)});
+    c.finishedWith({scalar(3), scalar(30), scalar(300)});
+    after({a.future, b.future, c.future}, 0);
+    runParallelQueue();
+    ASSERT_EQ(function.calls->size(), 2u);
+    const DvArrayVector& arguments = function.calls->at(1);
+    ASSERT_EQ(arguments.size(), 1u);
+    const auto column = dvGetDoubles(arguments[0].get());
+    EXPECT_EQ(std::vector<double>(column.begin(), column.end()), (std::vector<double>{1, 2, 3}));
+}
+
+TEST_F(ContinuationTaskTest, FailedPredecessorsAreNamedAndTheFunctionNeverRuns) {
+    auto failedTask = [](long long id) {
+        auto task = testing::TestTask::make();
+        auto future = std::make_shared<FevalFuture>(nullptr, nullptr, 1, DvArrayVector{}, task, id);
+        task->result = OutputsOrError(std::make_exception_ptr(errors::NoUnreadFutures()));
+        task->runToFinish();
+        return future;
+    };
+    TestFuture fine;
+    fine.finishedWith({scalar(1)});
+    auto task = after({failedTask(7), fine.future, failedTask(12)});
+    runParallelQueue();
+    EXPECT_TRUE(function.calls->empty());
+    EXPECT_EQ(task->getState(), FutureState::Finished);
+    EXPECT_EQ(task->getStartTime().time_since_epoch().count(), 0.0);
+    const KExceptionEnvelope error = errorOf(*task);
+    EXPECT_EQ(error.GetID(), "KORVEX:parallel:future:PrecedingExecutionErrors");
+    EXPECT_EQ(error.GetArguments(), foundation::core::except::MessageArguments{u"7,12"});
+    ASSERT_EQ(error.GetCauses().size(), 2u);
+    EXPECT_EQ(error.GetCauses()[1].GetID(), "KORVEX:parallel:future:NoUnreadFutures");
+}
+
+TEST_F(ContinuationTaskTest, ConcatenationFailureIsTheError) {
+    TestFuture number, word;
+    number.finishedWith({scalar(1)});
+    word.finishedWith({testing::text("ab")});
+    auto task = after({number.future, word.future});
+    runParallelQueue();
+    const KExceptionEnvelope error = errorOf(*task);
+    EXPECT_EQ(error.GetID(), "KORVEX:parallel:future:PrecedingOutputsConcatenationFailed");
+    ASSERT_EQ(error.GetCauses().size(), 1u);
+    EXPECT_EQ(error.GetCauses()[0].GetID(), "KORVEX:catenate:classMismatch");
+}
+
+TEST_F(ContinuationTaskTest, PassFutureGivesThePredecessorsShapedEvenWhenTheyFailed) {
+    std::vector<TestFuture> predecessors(4);
+    std::vector<std::shared_ptr<FutureBase>> futures;
+    for (auto& predecessor : predecessors) {
+        predecessor.finishedWith({scalar(1)});
+        futures.push_back(predecessor.future);
+    }
+    predecessors[2].task->result = OutputsOrError(std::make_exception_ptr(errors::NoUnreadFutures()));
+    auto task = after(futures, 1, true, {2, 2});
+    runParallelQueue();
+    ASSERT_EQ(function.calls->size(), 1u);
+    const dvArray* argument = function.calls->at(0).at(0).get();
+    EXPECT_EQ(dvGetDimensions(argument), (matrix::Dimensions{2, 2}));
+    EXPECT_TRUE(FutureBase::isEqual(FutureBase::fromKorvexArray(argument), futures));
+    EXPECT_TRUE(task->getOutputsOrError().hasValue());
+}
+
+TEST_F(ContinuationTaskTest, FunctionErrorIsTheTaskError) {
+    RecordingFunction failing([](std::size_t, const DvArrayVector&) -> DvArrayVector {
+        throw KExceptionEnvelope("user:failure", u"it failed");
+    });
+    TestFuture done;
+    done.finishedWith({scalar(1)});
+    auto task = ContinuationTask::build(failing.handle, 1, {done.future}, {}, false);
+    runParallelQueue();
+    EXPECT_GT(task->getStartTime().time_since_epoch().count(), 0.0);
+    EXPECT_EQ(errorOf(*task).GetID(), "user:failure");
+}
+
+TEST_F(ContinuationTaskTest, CancelledBeforeItRanItNeverRuns) {
+    TestFuture pending, done;
+    pending.submitted();
+    done.finishedWith({scalar(1)});
+    auto held = after({pending.future});
+    auto queued = after({done.future});
+    held->cancel();
+    queued->cancel();
+    pending.finishedWith({scalar(1)});
+    runParallelQueue();
+    EXPECT_TRUE(function.calls->empty());
+    for (const auto& task : {held, queued}) {
+        EXPECT_EQ(task->getState(), FutureState::Finished);
+        EXPECT_EQ(errorOf(*task).GetID(), "parallel:fevalqueue:ExecutionCancelled");
+    }
+}
+
+TEST_F(ContinuationTaskTest, InputsAreHandedOutOnce) {
+    TestFuture done;
+    done.finishedWith({scalar(3)});
+    auto task = after({done.future});
+    EXPECT_TRUE(task->takeInputs().empty());
+    runParallelQueue();
+    const DvArrayVector inputs = task->takeInputs();
+    ASSERT_EQ(inputs.size(), 1u);
+    EXPECT_EQ(valueOf(inputs[0].get()), 3.0);
+    EXPECT_TRUE(task->takeInputs().empty());
+}
+
+TEST(ContinuationTaskWithoutDistributor, FinishesAtOnceWithTheDistributorError) {
+    auto interpreter = kvm::KVM::create(kvm::CmdDistributorMode::Disabled);
+    KVInitialize_libqzparallellanguagefuture();
+    RecordingFunction function;
+    TestFuture done;
+    done.finishedWith({scalar(1)});
+    auto task = ContinuationTask::build(function.handle, 1, {done.future}, {}, false);
+    EXPECT_EQ(task->getState(), FutureState::Finished);
+    const OutputsOrError result = task->getOutputsOrError();
+    ASSERT_TRUE(result.hasError());
+    try {
+        std::rethrow_exception(result.error());
+    } catch (const cmddistributor::RuntimeException& e) {
+        EXPECT_EQ(e.getExecutionStatus(), 2);
+        EXPECT_STREQ(e.what(), "No CmdDistributor available");
+    }
+    EXPECT_TRUE(function.calls->empty());
+}
+
+} // namespace
+} // namespace parallel::language::future
