@@ -5,11 +5,16 @@
 // fails; its error shows up through fetchNext, through fetchOutputs and in
 // its "Error" property. Finally "parallel.FevalOnAllFuture" runs one
 // evaluation on every worker: its outputs and diaries come back per worker.
+// Last, continuations: "afterEach" post-processes each evaluation's result on
+// the interpreter thread as it arrives, and "afterAll" combines them; one
+// failing evaluation turns the combination into PrecedingExecutionErrors.
 //
 // Nothing is traced unless KORVEX_LOG names channels, for example
 //   KORVEX_LOG="parallel::language::future::FutureBase=96" ./demo
 // which writes the traces to standard error.
 
+#include <parallel/language/future/AfterAllFuture.hpp>
+#include <parallel/language/future/AfterEachFuture.hpp>
 #include <parallel/language/future/FetchNextState.hpp>
 #include <parallel/language/future/FutureBase.hpp>
 #include <parallel/language/future/Module.hpp>
@@ -104,12 +109,18 @@ boost::intrusive_ptr<dvArray> rollCall(std::shared_ptr<std::atomic<int>> next) {
     });
 }
 
+void printCauses(const KExceptionEnvelope& error, const std::string& indent) {
+    for (const KExceptionEnvelope& cause : error.GetCauses()) {
+        std::cout << indent << "caused by " << cause.GetID() << ": " << text(cause.GetMessage())
+                  << '\n';
+        printCauses(cause, indent + "  ");
+    }
+}
+
 void printError(const char* what, const KExceptionEnvelope& error) {
     std::cout << "  " << what << ": " << error.GetID() << "\n    " << text(error.GetMessage())
               << '\n';
-    for (const KExceptionEnvelope& cause : error.GetCauses()) {
-        std::cout << "    caused by " << cause.GetID() << ": " << text(cause.GetMessage()) << '\n';
-    }
+    printCauses(error, "    ");
 }
 
 // The lines of a diary, one by one.
@@ -177,6 +188,68 @@ void showOnAll() {
                   << '\n';
         printDiary(charsOf(dvGetCell(diaries.get(), i)));
     }
+}
+
+// Continuations of evaluations on `pool`: "afterEach" runs `postProcess` on
+// the interpreter thread for each result as it arrives; "afterAll" runs
+// `combine` once all are in, with the results concatenated into a column.
+// Waiting in fetchNext keeps the interpreter thread running them promptly.
+void showContinuations(localpool::LocalPool& pool) {
+    const std::thread::id interpreterThread = std::this_thread::get_id();
+    const auto postProcess =
+        function("postProcess", [interpreterThread](std::size_t, const Arrays& in) -> Arrays {
+            std::cout << "  afterEach: got " << valueOf(in) << " on the "
+                      << (std::this_thread::get_id() == interpreterThread ? "interpreter"
+                                                                          : "wrong")
+                      << " thread\n";
+            return {scalar(valueOf(in) + 0.5)};
+        });
+    const auto combine = function("combine", [](std::size_t, const Arrays& in) -> Arrays {
+        const auto column = dvGetDoubles(in.at(0).get());
+        double sum = 0;
+        for (const double x : column) {
+            sum += x;
+        }
+        std::cout << "  afterAll: the sum of " << column.size() << " results is " << sum << '\n';
+        return {scalar(sum)};
+    });
+
+    std::vector<std::shared_ptr<pf::FutureBase>> squares;
+    for (const double x : {1.0, 2.0, 3.0}) {
+        squares.push_back(pool.submit(slowSquare(100ms * static_cast<int>(x)), 1, {scalar(x)}));
+    }
+    auto withFailure = squares;
+    withFailure.push_back(pool.submit(invertMatrix(), 1, {scalar(0.0)}));
+    std::cout << "\nContinuations of " << squares.size() << " squares and one evaluation that fails "
+              << "(ID " << withFailure.back()->getID() << "):\n";
+
+    const auto each = pf::AfterEachFuture::build(nullptr, postProcess, 1, withFailure, {}, false);
+    const std::vector<std::shared_ptr<pf::FutureBase>> combined{
+        pf::AfterAllFuture::build(nullptr, combine, 1, squares, {}, false),
+        pf::AfterAllFuture::build(nullptr, combine, 1, withFailure, {}, false)};
+
+    const pf::Seconds timeout(60.0);
+    for (;;) {
+        try {
+            const auto [state, index, outputs] = pf::FutureBase::fetchNext(combined, 1, timeout);
+            if (state != pf::FetchNextState::Fetched) {
+                break;
+            }
+            std::cout << "  fetchNext: combination " << index << " gave " << valueOf(outputs)
+                      << '\n';
+        } catch (const KExceptionEnvelope& error) {
+            printError("fetchNext raised", error);
+        }
+    }
+    pf::FutureBase::wait({each}, pf::FutureState::Finished, timeout);
+    const auto errors = each->getError();
+    std::cout << "  afterEach entries with an error: ";
+    for (std::size_t i = 0; i < errors.size(); ++i) {
+        if (errors[i]) {
+            std::cout << i << ' ';
+        }
+    }
+    std::cout << '\n';
 }
 
 } // namespace
@@ -260,6 +333,7 @@ int main() {
     }
 
     showOnAll();
+    showContinuations(*pool);
     localpool::setLanguagePool(nullptr);
     return 0;
 }
