@@ -17,9 +17,18 @@ AfterEachFuture::build(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray>
                        std::vector<std::size_t> /*predecessorSize*/, bool passFuture) {
     std::vector<std::shared_ptr<ContinuationTask>> continuations;
     continuations.reserve(predecessors.size());
-    for (const auto& predecessor : predecessors) {
-        continuations.push_back(
-            ContinuationTask::build(function, numOutputs, {predecessor}, {1, 1}, passFuture));
+    try {
+        for (const auto& predecessor : predecessors) {
+            continuations.push_back(
+                ContinuationTask::build(function, numOutputs, {predecessor}, {1, 1}, passFuture));
+        }
+    } catch (...) {
+        // A predecessor refused its continuation: the call fails as a whole,
+        // so the continuations already submitted must not run either.
+        for (const auto& continuation : continuations) {
+            continuation->cancel();
+        }
+        throw;
     }
     auto future = std::make_shared<AfterEachFuture>(
         Token{}, parent, std::move(function), numOutputs, predecessors,
