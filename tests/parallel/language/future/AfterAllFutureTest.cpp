@@ -1,0 +1,116 @@
+// qz-test-label: concurrency
+#include "ContinuationSupport.hpp"
+
+#include <parallel/language/future/AfterAllFuture.hpp>
+
+#include <localpool/LocalPool.hpp>
+
+#include <stdexcept>
+#include <thread>
+
+namespace parallel::language::future {
+namespace {
+
+using testing::RecordingFunction;
+using testing::runParallelQueue;
+using testing::scalar;
+using testing::TestFuture;
+using testing::valueOf;
+using Futures = std::vector<std::shared_ptr<FutureBase>>;
+
+// The fixture takes the name of the class under test; `future::AfterAllFuture`
+// names the class.
+class AfterAllFuture : public testing::LanguageTest {
+protected:
+    static std::shared_ptr<future::AfterAllFuture> afterAll(const RecordingFunction& function,
+                                                            Futures predecessors) {
+        return future::AfterAllFuture::build(nullptr, function.handle, 1, std::move(predecessors),
+                                             {}, false);
+    }
+    static std::vector<double> valuesOf(const dvArray* array) {
+        const auto values = dvGetDoubles(array);
+        return {values.begin(), values.end()};
+    }
+};
+
+TEST_F(AfterAllFuture, RunsOnceOnTheFirstOutputsOfAllItsPredecessors) {
+    std::shared_ptr<future::AfterAllFuture> all;
+    std::vector<FutureState> statesSeenInside;
+    RecordingFunction function([&](std::size_t, const DvArrayVector& inputs) {
+        statesSeenInside.push_back(all->getState());
+        return inputs;
+    });
+    TestFuture one(1), two(2);
+    one.finishedWith({scalar(1)});
+    two.submitted();
+    all = afterAll(function, {one.future, two.future});
+    EXPECT_FALSE(all->isMultiFuture());
+    EXPECT_STREQ(all->getCosAliasName(), "parallel.AfterAllFuture");
+    EXPECT_EQ(all->getState(), FutureState::Queued);
+
+    std::thread([&] { two.finishedWith({scalar(2), scalar(20)}); }).join();
+    EXPECT_EQ(all->getState(), FutureState::Queued); // released, not run
+    auto [state, index, outputs] = FutureBase::fetchNext({all}, 1, Seconds(60));
+    ASSERT_EQ(state, FetchNextState::Fetched);
+    EXPECT_EQ(index, 0u);
+    EXPECT_EQ(valuesOf(outputs.at(0).get()), (std::vector<double>{1, 2}));
+
+    ASSERT_EQ(function.calls->size(), 1u);
+    ASSERT_EQ(function.calls->at(0).size(), 1u);
+    EXPECT_EQ(dvGetDimensions(function.calls->at(0)[0].get()), (matrix::Dimensions{2, 1}));
+    EXPECT_EQ(statesSeenInside, std::vector<FutureState>{FutureState::Running});
+    EXPECT_EQ(all->getState(), FutureState::Finished);
+    const std::optional<DvArrayVector> inputs = all->getInputs().getAsSingle();
+    ASSERT_TRUE(inputs.has_value());
+    ASSERT_EQ(inputs->size(), 1u);
+    EXPECT_EQ(valuesOf(inputs->at(0).get()), (std::vector<double>{1, 2}));
+
+    EXPECT_THROW(afterAll(function, {}), std::invalid_argument);
+}
+
+TEST_F(AfterAllFuture, AHundredLevelChainCompletesWhicheverWayItIsWaitedOn) {
+    constexpr int kLevels = 100;
+    RecordingFunction addOne([](std::size_t, const DvArrayVector& inputs) {
+        return DvArrayVector{scalar(valueOf(inputs.at(0).get()) + 1)};
+    });
+    const auto identity = boost::intrusive_ptr<dvArray>(
+        matrix::to_korvex(matrix::createFunctionHandle(
+            "identity", [](std::size_t, const DvArrayVector& inputs) { return inputs; })),
+        false);
+    localpool::LocalPool pool(2);
+    // A chain of continuations, each on the previous one, on a pool evaluation.
+    const auto chainOn = [&](double start) {
+        std::shared_ptr<FutureBase> link = pool.submit(identity, 1, {scalar(start)});
+        for (int level = 0; level < kLevels; ++level) {
+            link = afterAll(addOne, {link});
+        }
+        return link;
+    };
+
+    auto [state, index, outputs] = FutureBase::fetchNext({chainOn(5)}, 1, Seconds(60));
+    ASSERT_EQ(state, FetchNextState::Fetched);
+    EXPECT_EQ(valueOf(outputs.at(0).get()), 5.0 + kLevels);
+
+    const std::shared_ptr<FutureBase> last = chainOn(7);
+    ASSERT_TRUE(FutureBase::wait({last}, FutureState::Finished, Seconds(60)));
+    EXPECT_EQ(valueOf(FutureBase::fetchOutputs({last}, true, 1).at(0).get()), 7.0 + kLevels);
+    EXPECT_EQ(addOne.calls->size(), std::size_t(2 * kLevels));
+}
+
+TEST_F(AfterAllFuture, ADroppedFutureStillRunsItsFunction) {
+    RecordingFunction function;
+    TestFuture pending;
+    pending.submitted();
+    auto all = afterAll(function, {pending.future});
+    const std::weak_ptr<future::AfterAllFuture> weak = all;
+    all.reset();
+    EXPECT_TRUE(weak.expired());
+
+    std::thread([&] { pending.finishedWith({scalar(4)}); }).join();
+    EXPECT_TRUE(runParallelQueue());
+    ASSERT_EQ(function.calls->size(), 1u);
+    EXPECT_EQ(valueOf(function.calls->at(0).at(0).get()), 4.0);
+}
+
+} // namespace
+} // namespace parallel::language::future
