@@ -199,8 +199,7 @@ void showContinuations(localpool::LocalPool& pool) {
     const auto postProcess =
         function("postProcess", [interpreterThread](std::size_t, const Arrays& in) -> Arrays {
             std::cout << "  afterEach: got " << valueOf(in) << " on the "
-                      << (std::this_thread::get_id() == interpreterThread ? "interpreter"
-                                                                          : "wrong")
+                      << (std::this_thread::get_id() == interpreterThread ? "interpreter" : "wrong")
                       << " thread\n";
             return {scalar(valueOf(in) + 0.5)};
         });
@@ -220,7 +219,8 @@ void showContinuations(localpool::LocalPool& pool) {
     }
     auto withFailure = squares;
     withFailure.push_back(pool.submit(invertMatrix(), 1, {scalar(0.0)}));
-    std::cout << "\nContinuations of " << squares.size() << " squares and one evaluation that fails "
+    std::cout << "\nContinuations of " << squares.size()
+              << " squares and one evaluation that fails "
               << "(ID " << withFailure.back()->getID() << "):\n";
 
     const auto each = pf::AfterEachFuture::build(nullptr, postProcess, 1, withFailure, {}, false);

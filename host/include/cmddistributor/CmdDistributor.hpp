@@ -126,9 +126,9 @@ private:
 // What running a request's work gave.
 struct IIPResult {
     int executionStatus = Completed;
-    boost::any value;           // when Completed
-    std::exception_ptr error;   // when Failed
-    std::string message;        // when not Completed
+    boost::any value;         // when Completed
+    std::exception_ptr error; // when Failed
+    std::string message;      // when not Completed
 };
 
 // The executable part of a request. Interpreter thread.
@@ -174,10 +174,11 @@ private:
 };
 
 // A request: the stream it belongs to, its sinks and a label naming who
-// submitted it. A request without an IIP cannot be submitted.
+// submitted it (static text, such as a literal: it is not copied). A request
+// without an IIP cannot be submitted.
 class QZHOST_API CmdRequest {
 public:
-    CmdRequest(IqmStreamID stream, Sink output, Sink error, std::string sourceLabel);
+    CmdRequest(IqmStreamID stream, Sink output, Sink error, const char* sourceLabel);
     virtual ~CmdRequest();
     CmdRequest(const CmdRequest&) = delete;
     CmdRequest& operator=(const CmdRequest&) = delete;
@@ -186,13 +187,13 @@ public:
     IqmStreamID getStreamID() const noexcept { return stream_; }
     const Sink& getOutputSink() const noexcept { return output_; }
     const Sink& getErrorSink() const noexcept { return error_; }
-    const std::string& getSourceLabel() const noexcept { return sourceLabel_; }
+    const char* getSourceLabel() const noexcept { return sourceLabel_; }
 
 private:
     IqmStreamID stream_;
     Sink output_;
     Sink error_;
-    std::string sourceLabel_;
+    const char* sourceLabel_;
 };
 
 // A request whose work is a function giving a T.
@@ -200,8 +201,8 @@ template <class T>
 class FcnCmdRequest : public CmdRequest {
 public:
     FcnCmdRequest(IqmStreamID stream, Sink output, Sink error, boost::function<T()> func,
-                  std::string sourceLabel)
-        : CmdRequest(stream, std::move(output), std::move(error), std::move(sourceLabel)),
+                  const char* sourceLabel)
+        : CmdRequest(stream, std::move(output), std::move(error), sourceLabel),
           packaged_task(PackagedTaskIIP::createFunc<T>(std::move(func))) {}
 
     IIP* getIIP() noexcept override { return &packaged_task; }
@@ -289,7 +290,7 @@ public:
     // ("request cannot be null.", "request must contain an IIP.",
     // "delegate cannot be null.", "request ID is missing or in use.").
     void submit(boost::shared_ptr<CmdRequest> request, boost::shared_ptr<PromiseDelegate> delegate,
-                const RunOptions& options, IDType id);
+                RunOptions options, IDType id);
     // Moves Held request `id` to its queue; anything else is left alone.
     void setReadyToExecute(IDType id);
     // Cancels request `id` unless it runs or is done (see CancelStatus).

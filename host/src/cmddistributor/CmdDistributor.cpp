@@ -86,9 +86,9 @@ IIPResult PackagedTaskIIP::execute() {
     return result;
 }
 
-CmdRequest::CmdRequest(IqmStreamID stream, Sink output, Sink error, std::string sourceLabel)
+CmdRequest::CmdRequest(IqmStreamID stream, Sink output, Sink error, const char* sourceLabel)
     : stream_(stream), output_(std::move(output)), error_(std::move(error)),
-      sourceLabel_(std::move(sourceLabel)) {}
+      sourceLabel_(sourceLabel) {}
 
 CmdRequest::~CmdRequest() = default;
 
@@ -107,8 +107,9 @@ std::exception_ptr errorOf(const IIPResult& result) {
 
 void requireResult(const IIPResult* result) {
     if (result == nullptr) {
-        foundation::core::diag::terminate("Assertion failed: result", "cmddistributor/PromiseDelegate",
-                                          __LINE__, __PRETTY_FUNCTION__);
+        foundation::core::diag::terminate("Assertion failed: result",
+                                          "cmddistributor/PromiseDelegate", __LINE__,
+                                          __PRETTY_FUNCTION__);
     }
 }
 
@@ -141,8 +142,8 @@ struct CmdDistributor::Impl {
     const std::shared_ptr<iqm::Iqm> queueManager;
     std::mutex mutex;
     bool shutDown = false;
-    std::map<const Entry*, EntryPtr> live;        // every request not yet Done
-    std::unordered_map<IDType, Entry*> byID;      // those with an ID
+    std::map<const Entry*, EntryPtr> live;   // every request not yet Done
+    std::unordered_map<IDType, Entry*> byID; // those with an ID
 
     // Marks `entry` Done and forgets it. Called with the mutex held.
     std::vector<std::function<void()>> retire(Entry& entry) {
@@ -244,8 +245,7 @@ std::shared_ptr<CmdDistributor> CmdDistributor::instance(kvutil::contextmgr::Kcr
     return it == known.distributors.end() ? nullptr : it->second.lock();
 }
 
-CmdDistributor::CmdDistributor(kvutil::contextmgr::KcrID id,
-                               std::shared_ptr<iqm::Iqm> queueManager)
+CmdDistributor::CmdDistributor(kvutil::contextmgr::KcrID id, std::shared_ptr<iqm::Iqm> queueManager)
     : impl_(std::make_unique<Impl>(id, std::move(queueManager))) {}
 
 CmdDistributor::~CmdDistributor() {
@@ -253,7 +253,7 @@ CmdDistributor::~CmdDistributor() {
 }
 
 void CmdDistributor::submit(boost::shared_ptr<CmdRequest> request,
-                            boost::shared_ptr<PromiseDelegate> delegate, const RunOptions& options,
+                            boost::shared_ptr<PromiseDelegate> delegate, RunOptions options,
                             IDType id) {
     if (!request) {
         throw std::invalid_argument("request cannot be null.");
@@ -264,16 +264,19 @@ void CmdDistributor::submit(boost::shared_ptr<CmdRequest> request,
     if (!delegate) {
         throw std::invalid_argument("delegate cannot be null.");
     }
-    auto entry = std::make_shared<Impl::Entry>(Impl::Entry{
-        std::move(request), std::move(delegate), options, id,
-        options.isReadyToExecute() ? Stage::Queued : Stage::Held, {}});
+    const bool ready = options.isReadyToExecute();
+    auto entry = std::make_shared<Impl::Entry>(Impl::Entry{std::move(request),
+                                                           std::move(delegate),
+                                                           std::move(options),
+                                                           id,
+                                                           ready ? Stage::Queued : Stage::Held,
+                                                           {}});
     bool rejected = false;
     {
         std::lock_guard lock(impl_->mutex);
         rejected = impl_->shutDown;
         if (!rejected) {
-            if ((id == IDType{} && !options.isReadyToExecute()) ||
-                (id != IDType{} && impl_->byID.count(id) != 0)) {
+            if ((id == IDType{} && !ready) || (id != IDType{} && impl_->byID.count(id) != 0)) {
                 throw std::invalid_argument("request ID is missing or in use.");
             }
             impl_->live.emplace(entry.get(), entry);
@@ -289,7 +292,7 @@ void CmdDistributor::submit(boost::shared_ptr<CmdRequest> request,
         return;
     }
     // Not entry->stage: once the mutex is released another thread may change it.
-    if (options.isReadyToExecute()) {
+    if (ready) {
         impl_->enqueue(entry, weak_from_this());
     }
 }

@@ -8,8 +8,8 @@
 
 #include <builtins/HostClasses.hpp>
 #include <cmddistributor/CmdDistributor.hpp>
-#include <foundation/usm/Detail.hpp>
 #include <foundation/core/except/Exception.hpp>
+#include <foundation/usm/Detail.hpp>
 #include <interpreter/Kdispatcher.hpp>
 #include <iqm/Iqm.hpp>
 #include <kvm/Errors.hpp>

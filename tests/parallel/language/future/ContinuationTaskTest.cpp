@@ -140,7 +140,8 @@ TEST_F(ContinuationTaskTest, PassFutureGivesThePredecessorsShapedEvenWhenTheyFai
         predecessor.finishedWith({scalar(1)});
         futures.push_back(predecessor.future);
     }
-    predecessors[2].task->result = OutputsOrError(std::make_exception_ptr(errors::NoUnreadFutures()));
+    predecessors[2].task->result =
+        OutputsOrError(std::make_exception_ptr(errors::NoUnreadFutures()));
     auto task = after(futures, 1, true, {2, 2});
     runParallelQueue();
     ASSERT_EQ(function.calls->size(), 1u);

@@ -6,12 +6,13 @@ namespace parallel::language::future {
 
 std::shared_ptr<AfterAllFuture>
 AfterAllFuture::build(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
-                      unsigned int numOutputs, std::vector<std::shared_ptr<FutureBase>> predecessors,
+                      unsigned int numOutputs,
+                      std::vector<std::shared_ptr<FutureBase>> predecessors,
                       std::vector<std::size_t> predecessorSize, bool passFuture) {
     std::shared_ptr<ContinuationTask> task = ContinuationTask::build(
         function, numOutputs, predecessors, std::move(predecessorSize), passFuture);
-    auto future = std::make_shared<AfterAllFuture>(Token{}, parent, std::move(function),
-                                                   numOutputs, predecessors, task);
+    auto future = std::make_shared<AfterAllFuture>(Token{}, parent, std::move(function), numOutputs,
+                                                   predecessors, task);
     detail::attachCacheCallbacks(
         task, std::weak_ptr<AfterAllFuture>(future), detail::kAfterAllFutureSource,
         [](AfterAllFuture& self, DvArrayVector inputs) {

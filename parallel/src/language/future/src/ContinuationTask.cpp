@@ -48,10 +48,11 @@ void runOnInterpreter(const kvm::Target& target, std::function<void()> callback,
             callback();
             return;
         }
-        const cmddistributor::RunOptions options(cmddistributor::WhenToDequeue::AtDequeuePoint,
-                                                 kParallelQueueName);
-        submitToInterpreter<void>(target, boost::function<void()>(std::move(callback)), options,
-                                  kvm::detail::createID(), sourceLabel);
+        submitToInterpreter<void>(
+            target, boost::function<void()>(std::move(callback)),
+            cmddistributor::RunOptions(cmddistributor::WhenToDequeue::AtDequeuePoint,
+                                       kParallelQueueName),
+            kvm::detail::createID(), sourceLabel);
     } catch (...) {
         // A callback's failure reaches nobody.
     }
@@ -104,11 +105,10 @@ struct DvArrayDeleter {
                 detail::kStreamID, nullptr, nullptr,
                 boost::function<void()>([owned]() mutable { owned.reset(); }),
                 detail::kContinuationTaskSource);
-            distributor->submit(std::move(request),
-                                boost::make_shared<cmddistributor::PromiseDelegateT<void>>(),
-                                cmddistributor::RunOptions(
-                                    cmddistributor::WhenToDequeue::AtDequeuePoint, u""),
-                                cmddistributor::IDType{});
+            distributor->submit(
+                std::move(request), boost::make_shared<cmddistributor::PromiseDelegateT<void>>(),
+                cmddistributor::RunOptions(cmddistributor::WhenToDequeue::AtDequeuePoint, u""),
+                cmddistributor::IDType{});
         } catch (...) {
             // Only allocation can fail here, before `owned` took the array.
         }
@@ -272,13 +272,12 @@ ContinuationTask::build(boost::intrusive_ptr<dvArray> function, std::size_t numO
         interpreter ? interpreter->getID() : kvutil::contextmgr::UndefinedKcrID;
     auto task = std::make_shared<ContinuationTask>(Token{});
 
-    ContinuationWork work{
-        task,
-        ownForInterpreter(matrix::detail::do_shared_copy(function.get()), kcrID),
-        numOutputs,
-        ownForInterpreter(FutureBase::toKorvexArray(predecessors, {}), kcrID),
-        std::move(predecessorSize),
-        passFuture};
+    ContinuationWork work{task,
+                          ownForInterpreter(matrix::detail::do_shared_copy(function.get()), kcrID),
+                          numOutputs,
+                          ownForInterpreter(FutureBase::toKorvexArray(predecessors, {}), kcrID),
+                          std::move(predecessorSize),
+                          passFuture};
 
     cmddistributor::RunOptions options(nullptr,
                                        boost::make_shared<std::basic_stringbuf<char16_t>>(),
@@ -290,15 +289,14 @@ ContinuationTask::build(boost::intrusive_ptr<dvArray> function, std::size_t numO
 
     task->doNotifyQueued();
     detail::Submission<RequestResult> submission = detail::submitToInterpreter<RequestResult>(
-        interpreter, boost::function<RequestResult()>(std::move(work)), options,
+        interpreter, boost::function<RequestResult()>(std::move(work)), std::move(options),
         kvm::detail::createID(), detail::kContinuationTaskSource);
     task->requestFuture_ = std::move(submission.result);
     task->taskReference_ = submission.reference;
 
-    task->requestFuture_.then(boost::launch::sync,
-                              [task](boost::shared_future<RequestResult>) {
-                                  task->doNotifyFinished();
-                              });
+    task->requestFuture_.then(boost::launch::sync, [task](boost::shared_future<RequestResult>) {
+        task->doNotifyFinished();
+    });
 
     try {
         auto allFinished =

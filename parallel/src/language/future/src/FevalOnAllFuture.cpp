@@ -6,7 +6,6 @@
 #include "MultiTaskFolding.hpp"
 #include "WaitUntil.hpp"
 
-
 namespace parallel::language::future {
 
 namespace {

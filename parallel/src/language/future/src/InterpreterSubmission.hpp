@@ -41,8 +41,8 @@ struct Submission {
 // NoDistributor and the reference is a null one. Any thread.
 template <class T>
 Submission<T> submitToInterpreter(const kvm::Target& target, boost::function<T()> work,
-                                  const cmddistributor::RunOptions& options,
-                                  cmddistributor::IDType id, const char* sourceLabel) {
+                                  cmddistributor::RunOptions options, cmddistributor::IDType id,
+                                  const char* sourceLabel) {
     auto [distributor, output, error] = kvm::detail::getCmdDistributorAndSinks(target, options);
     if (!distributor) {
         boost::promise<T> failed;
@@ -58,7 +58,7 @@ Submission<T> submitToInterpreter(const kvm::Target& target, boost::function<T()
         boost::make_shared<kvm::detail::CmdDistributorTaskReference>(distributor, id);
     auto delegate = boost::make_shared<cmddistributor::PromiseDelegateT<T>>();
     kvm::Future<T> result = delegate->getFuture();
-    distributor->submit(std::move(request), std::move(delegate), options, id);
+    distributor->submit(std::move(request), std::move(delegate), std::move(options), id);
     return {std::move(result), std::move(reference)};
 }
 

@@ -24,7 +24,7 @@ void forEachTask(MultiTask& tasks, Visit&& visit) {
     }
 }
 
-// The time `pick` chooses from the tasks' `get` times by their sort keys.
+// The time of the tasks that `prefer` ranks first by sort key.
 template <class Get, class Prefer>
 WallClockTimePoint foldTime(MultiTask& tasks, Get get, Prefer prefer) {
     WallClockTimePoint folded{};
@@ -41,9 +41,8 @@ WallClockTimePoint foldTime(MultiTask& tasks, Get get, Prefer prefer) {
 
 FutureState foldState(MultiTask& tasks) {
     std::vector<FutureState> states;
-    forEachTask(tasks, [&](unsigned long long, TaskBase& task) {
-        states.push_back(task.getState());
-    });
+    forEachTask(tasks,
+                [&](unsigned long long, TaskBase& task) { states.push_back(task.getState()); });
     const auto any = [&](FutureState s) {
         return std::find(states.begin(), states.end(), s) != states.end();
     };
