@@ -21,18 +21,6 @@ namespace {
 
 const std::u16string kDefaultQueue = u"serialQueueWork";
 
-std::string describe(const std::exception_ptr& error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const std::exception& e) {
-        return e.what();
-    } catch (const foundation::core::except::IException& e) {
-        return e.what();
-    } catch (...) {
-        return "unknown error";
-    }
-}
-
 void write(const Sink& sink, const SinkTraits& traits, const std::u16string& text) {
     if (!sink || text.empty()) {
         return;
@@ -81,7 +69,7 @@ IIPResult PackagedTaskIIP::execute() {
     } catch (...) {
         result.executionStatus = Failed;
         result.error = std::current_exception();
-        result.message = describe(result.error);
+        result.message = foundation::core::except::describe(result.error);
     }
     return result;
 }

@@ -49,18 +49,6 @@ DetachedErrorHandler& detachedErrorHandler() {
     return instance;
 }
 
-std::string describe(const std::exception_ptr& error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const std::exception& e) {
-        return e.what();
-    } catch (const foundation::core::except::IException& e) {
-        return e.what();
-    } catch (...) {
-        return "unknown error";
-    }
-}
-
 // Any thread.
 void reportDetachedError(const std::exception_ptr& error) noexcept {
     try {
@@ -73,7 +61,8 @@ void reportDetachedError(const std::exception_ptr& error) noexcept {
         if (handler) {
             handler(error);
         } else {
-            std::fprintf(stderr, "Error in queued work: %s\n", describe(error).c_str());
+            std::fprintf(stderr, "Error in queued work: %s\n",
+                         foundation::core::except::describe(error).c_str());
         }
     } catch (...) {
         std::fputs("Error in queued work: the error could not be reported.\n", stderr);

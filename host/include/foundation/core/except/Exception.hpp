@@ -35,6 +35,12 @@
 
 namespace foundation::core::except {
 
+class IException;
+
+// The text of any exception: what() of a standard or typed host exception,
+// "unknown error" for anything else. Any thread.
+QZHOST_API std::string describe(const std::exception_ptr& error);
+
 class QZHOST_API IException {
 public:
     virtual ~IException();

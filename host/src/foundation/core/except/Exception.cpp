@@ -11,6 +11,18 @@ std::string MessageID::str() const {
 
 IException::~IException() = default;
 
+std::string describe(const std::exception_ptr& error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const std::exception& e) {
+        return e.what();
+    } catch (const IException& e) {
+        return e.what();
+    } catch (...) {
+        return "unknown error";
+    }
+}
+
 namespace detail {
 
 std::u16string lookupMessage(const MessageID& id, const MessageArguments& arguments) {
