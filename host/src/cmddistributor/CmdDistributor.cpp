@@ -133,14 +133,16 @@ struct CmdDistributor::Impl {
     std::map<const Entry*, EntryPtr> live;   // every request not yet Done
     std::unordered_map<IDType, Entry*> byID; // those with an ID
 
-    // Marks `entry` Done and forgets it. Called with the mutex held.
+    // Marks `entry` Done and forgets it. Called with the mutex held, by a
+    // caller that holds its own EntryPtr: the entry must not be destroyed
+    // here, since destroying its work may submit releases to this distributor.
     std::vector<std::function<void()>> retire(Entry& entry) {
         entry.stage = Stage::Done;
         if (entry.id != IDType{}) {
             byID.erase(entry.id);
         }
         std::vector<std::function<void()>> continuations = std::move(entry.continuations);
-        live.erase(&entry); // may destroy the entry: its continuations were moved out
+        live.erase(&entry);
         return continuations;
     }
 
