@@ -5,8 +5,14 @@
 #include <parallel/language/future/FutureErrors.hpp>
 #include <parallel/language/future/UnavailableFuture.hpp>
 
+#include <parallel/language/future/AfterAllFuture.hpp>
+#include <parallel/language/future/AfterEachFuture.hpp>
+#include <parallel/language/future/FetchNextState.hpp>
+
 #include "ClassBinding.hpp"
+#include "DiagnosticLogging.hpp"
 #include "FutureClassNames.hpp"
+#include "MethodArguments.hpp"
 
 #include <foundation/core/str/Utf.hpp>
 #include <interpreter/Kdispatcher.hpp>
@@ -16,6 +22,7 @@
 
 #include <algorithm>
 #include <array>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <span>
@@ -239,6 +246,264 @@ private:
     }
 };
 
+// The futures of a method's first input.
+std::vector<std::shared_ptr<FutureBase>> futuresOf(const kcos::COSValue& value) {
+    return FutureBase::fromKorvexArray(arrayOf(value));
+}
+
+bool anyUnavailable(const std::vector<std::shared_ptr<FutureBase>>& futures) {
+    return std::any_of(futures.begin(), futures.end(),
+                       [](const auto& future) { return future->isInvalid(); });
+}
+
+Seconds noTimeout() {
+    return Seconds(std::numeric_limits<double>::max());
+}
+
+Seconds timeoutOf(const kcos::COSValue& value) {
+    return Seconds(dvGetDoubles(value.getArray())[0]);
+}
+
+// A shared copy of `array` as an output value.
+void setSharedCopy(kcos::COSValue& output, const boost::intrusive_ptr<dvArray>& array) {
+    output.setArray(matrix::detail::do_shared_copy(array.get()));
+}
+
+// "afterEach" and "afterAll": a continuation future over the futures.
+template <class Future>
+class AfterMethod : public MethodBase {
+public:
+    AfterMethod(kcos::InternedName classKey, const char* name)
+        : MethodBase(classKey, names::intern(name), true) {
+        declareAnyInputs(getSignature());
+        getSignature().addOutputType(typeNamed("parallel.Future"));
+    }
+
+private:
+    void doInvoke(int& numOutputs, kcos::COSValue* outputs,
+                  std::span<const kcos::COSValue> inputs) const override {
+        const std::vector<std::shared_ptr<FutureBase>> predecessors = futuresOf(inputs[0]);
+        if (predecessors.empty()) {
+            throw errors::ContinuationOnEmpty();
+        }
+        const matrix::Dimensions dims = dvGetDimensions(arrayOf(inputs[0]));
+        checkCounts(numOutputs, 1, inputs.size(), 3, 5);
+        if (inputs.size() == 4) {
+            raiseMissingValue(inputs[3].getArray());
+        }
+        const dvArray* function = inputs[1].getArray();
+        if (function == nullptr || dvGetClassID(function) != matrix::ClassID::FunctionHandle) {
+            throw errors::FirstArgNotFunctionHandle();
+        }
+        boost::intrusive_ptr<dvArray> functionCopy(
+            matrix::to_korvex(matrix::detail::do_shared_copy(function)), false);
+        const unsigned int count = parseNumOutputs(inputs[2].getArray());
+        const bool passFuture =
+            inputs.size() == 5 && parsePassFuture(inputs[3].getArray(), inputs[4].getArray());
+        const std::shared_ptr<FutureBase> future =
+            Future::build(nullptr, std::move(functionCopy), count, predecessors, dims, passFuture);
+        outputs[0].setArray(FutureBase::toKorvexArray({future}, {}));
+        numOutputs = 1;
+    }
+};
+
+// Cancels the futures, larger IDs first.
+class CancelMethod : public MethodBase {
+public:
+    CancelMethod(kcos::InternedName classKey)
+        : MethodBase(classKey, names::intern("cancel"), true) {}
+
+private:
+    void doInvoke(int& numOutputs, kcos::COSValue*,
+                  std::span<const kcos::COSValue> inputs) const override {
+        QZ_FUTURE_TRACE(logging::classInfoLogger());
+        std::vector<std::shared_ptr<FutureBase>> futures = futuresOf(inputs[0]);
+        logging::writeMessage(
+            logging::classInfoLogger(), logging::kMessage,
+            [&](std::ostream& out) { out << "Number of futures to cancel" << futures.size(); });
+        std::sort(futures.begin(), futures.end(),
+                  [](const auto& a, const auto& b) { return a->getID() > b->getID(); });
+        for (const auto& future : futures) {
+            future->cancel();
+        }
+        numOutputs = 0;
+    }
+};
+
+// The next finished future: its 1-based index, then its outputs.
+class FetchNextMethod : public MethodBase {
+public:
+    FetchNextMethod(kcos::InternedName classKey)
+        : MethodBase(classKey, names::intern("fetchNext"), true) {
+        declareAnyInputs(getSignature());
+        declareAnyOutputs(getSignature());
+    }
+
+private:
+    void doInvoke(int& numOutputs, kcos::COSValue* outputs,
+                  std::span<const kcos::COSValue> inputs) const override {
+        const std::vector<std::shared_ptr<FutureBase>> futures = futuresOf(inputs[0]);
+        if (futures.empty()) {
+            throw errors::NoUnreadFutures();
+        }
+        if (anyUnavailable(futures)) {
+            throw errors::FetchNextInvalidFuture();
+        }
+        numOutputs = std::max(numOutputs, 1);
+        checkCounts(0, 0, inputs.size(), 1, 2);
+        const auto wanted = static_cast<unsigned int>(numOutputs - 1);
+        Seconds timeout = noTimeout();
+        if (inputs.size() == 2) {
+            if (!isValidTimeout(inputs[1].getArray())) {
+                throw errors::FetchNextTimeoutScalar();
+            }
+            timeout = timeoutOf(inputs[1]);
+        }
+        auto [state, index, fetched] = FutureBase::fetchNext(futures, wanted, timeout);
+        switch (state) {
+        case FetchNextState::Fetched:
+            outputs[0].setArray(dvCreateDoubleScalar(static_cast<double>(index) + 1.0));
+            for (unsigned int i = 0; i < wanted; ++i) {
+                setSharedCopy(outputs[i + 1], fetched.at(i));
+            }
+            return;
+        case FetchNextState::TimedOut:
+            for (int i = 0; i < numOutputs; ++i) {
+                outputs[i].setArray(
+                    matrix::detail::do_create_numeric({0, 0}, matrix::ClassID::Double));
+            }
+            return;
+        case FetchNextState::InvalidFuture:
+            throw errors::FetchNextInvalidFuture();
+        case FetchNextState::NoUnreadFutures:
+            throw errors::NoUnreadFutures();
+        case FetchNextState::UnsupportedFutureType:
+            throw errors::FetchNextUnsupportedFutureType();
+        case FetchNextState::NotSubmitted:
+            throw errors::WaitOnUnsubmittedFuture();
+        }
+    }
+};
+
+// The outputs of all the futures, concatenated or as cells.
+class FetchOutputsMethod : public MethodBase {
+public:
+    FetchOutputsMethod(kcos::InternedName classKey)
+        : MethodBase(classKey, names::intern("fetchOutputs"), true) {
+        declareAnyInputs(getSignature());
+        declareAnyOutputs(getSignature());
+    }
+
+private:
+    void doInvoke(int& numOutputs, kcos::COSValue* outputs,
+                  std::span<const kcos::COSValue> inputs) const override {
+        const std::vector<std::shared_ptr<FutureBase>> futures = futuresOf(inputs[0]);
+        if (futures.empty()) {
+            throw errors::FetchOutputsOnEmpty();
+        }
+        if (anyUnavailable(futures)) {
+            throw errors::FetchOutputsOnUnavailableFuture();
+        }
+        bool uniform = true;
+        if (inputs.size() >= 3) {
+            const std::optional<bool> value = singleLogical(inputs[2].getArray());
+            if (!matchesOption(inputs[1].getArray(), "UniformOutput") || !value) {
+                throw errors::FetchOutputsSyntax();
+            }
+            uniform = *value;
+        }
+        const unsigned int fewest =
+            (*std::min_element(futures.begin(), futures.end(), [](const auto& a, const auto& b) {
+                return a->getNumOutputs() < b->getNumOutputs();
+            }))->getNumOutputs();
+        if (fewest > 0) {
+            numOutputs = std::max(numOutputs, 1);
+        }
+        if (numOutputs < 0 || static_cast<unsigned int>(numOutputs) > fewest) {
+            throw errors::TooManyOutputsRequested(std::uint64_t{fewest},
+                                                  static_cast<std::uint64_t>(numOutputs));
+        }
+        checkCounts(0, 0, inputs.size(), 1, 3);
+        if (inputs.size() == 2) {
+            throw errors::FetchOutputsSyntax();
+        }
+        const DvArrayVector gathered =
+            FutureBase::fetchOutputs(futures, uniform, static_cast<unsigned int>(numOutputs));
+        for (std::size_t i = 0; i < gathered.size(); ++i) {
+            setSharedCopy(outputs[i], gathered[i]);
+        }
+    }
+};
+
+// Whether all inputs hold the same futures in the same shape.
+class IsEqualMethod : public MethodBase {
+public:
+    IsEqualMethod(kcos::InternedName classKey)
+        : MethodBase(classKey, names::intern("isequal"), true) {
+        declareAnyInputs(getSignature());
+        getSignature().addOutputType(typeNamed("logical scalar"));
+    }
+
+private:
+    void doInvoke(int& numOutputs, kcos::COSValue* outputs,
+                  std::span<const kcos::COSValue> inputs) const override {
+        checkCounts(numOutputs, 1, inputs.size(), 2, std::numeric_limits<std::size_t>::max());
+        outputs[0].setBool(allEqual(inputs));
+        numOutputs = 1;
+    }
+
+    static bool allEqual(std::span<const kcos::COSValue> inputs) {
+        const auto array = [&](std::size_t i) { return inputs[i].getArray(); };
+        for (std::size_t i = 1; i < inputs.size(); ++i) {
+            if (array(i) == nullptr ||
+                std::string_view(dvGetClassName(array(i))) != dvGetClassName(array(0))) {
+                return false;
+            }
+        }
+        for (std::size_t i = 1; i < inputs.size(); ++i) {
+            if (dvGetDimensions(array(i)) != dvGetDimensions(array(0))) {
+                return false;
+            }
+        }
+        for (std::size_t i = 1; i < inputs.size(); ++i) {
+            if (!FutureBase::isEqual(futuresOf(inputs[i - 1]), futuresOf(inputs[i]))) {
+                return false;
+            }
+        }
+        return true;
+    }
+};
+
+// Waits for the futures to reach a state, with an optional timeout.
+class WaitMethod : public MethodBase {
+public:
+    WaitMethod(kcos::InternedName classKey) : MethodBase(classKey, names::intern("wait"), true) {
+        declareAnyInputs(getSignature());
+        getSignature().addOutputType(typeNamed("logical scalar"));
+    }
+
+private:
+    void doInvoke(int& numOutputs, kcos::COSValue* outputs,
+                  std::span<const kcos::COSValue> inputs) const override {
+        const std::vector<std::shared_ptr<FutureBase>> futures = futuresOf(inputs[0]);
+        checkCounts(numOutputs, 1, inputs.size(), 1, 3);
+        const FutureState state =
+            inputs.size() >= 2 ? parseStateWord(inputs[1].getArray()) : FutureState::Finished;
+        if (inputs.size() == 3) {
+            numOutputs = 1;
+            if (!isValidTimeout(inputs[2].getArray())) {
+                throw errors::TimeOutInvalid();
+            }
+            outputs[0].setBool(FutureBase::wait(futures, state, timeoutOf(inputs[2])));
+            return;
+        }
+        FutureBase::wait(futures, state, noTimeout());
+        if (numOutputs == 1) {
+            outputs[0].setBool(true);
+        }
+    }
+};
+
 // Shows a future array through the language's displayer class.
 class DisplayMethod : public MethodBase {
 public:
@@ -290,9 +555,16 @@ private:
 void addMethods(kcos::COSClass& cls) {
     const kcos::InternedName key = cls.getInternedName();
     addOwned(cls, std::make_unique<FutureConstructor>());
+    addOwned(cls, std::make_unique<AfterMethod<AfterAllFuture>>(key, "afterAll"));
+    addOwned(cls, std::make_unique<AfterMethod<AfterEachFuture>>(key, "afterEach"));
+    addOwned(cls, std::make_unique<CancelMethod>(key));
     addOwned(cls, std::make_unique<DisplayMethod>(key));
+    addOwned(cls, std::make_unique<FetchNextMethod>(key));
+    addOwned(cls, std::make_unique<FetchOutputsMethod>(key));
     addOwned(cls, std::make_unique<ClassMethod>(key));
     addOwned(cls, std::make_unique<IsaMethod>(key));
+    addOwned(cls, std::make_unique<IsEqualMethod>(key));
+    addOwned(cls, std::make_unique<WaitMethod>(key));
     addOwned(cls, std::make_unique<SubmitMethod>(key));
 }
 
