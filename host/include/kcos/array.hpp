@@ -18,6 +18,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <vector>
 
 namespace kcos {
 
@@ -50,6 +51,9 @@ QZHOST_API dvArray* omCreateKCOSEmpty(kcos::InternedName className);
 QZHOST_API kcos::COSInterfacePtr omGetArrayElement(const dvArray* array, std::size_t index);
 // The object itself, not a new handle; null as for omGetArrayElement.
 QZHOST_API kcos::COSInterface* omGetLiveArrayElement(dvArray* array, std::size_t index);
+// Every element as omGetLiveArrayElement gives it, in element order; the
+// objects stay alive while the array is neither written nor released.
+QZHOST_API std::vector<kcos::COSInterface*> omGetLiveArrayElements(const dvArray* array);
 // Stores the handle's object (an empty handle stores null). The array's
 // storage is detached first when shared.
 QZHOST_API void omSetArrayElement(dvArray* array, std::size_t index,

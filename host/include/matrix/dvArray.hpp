@@ -224,6 +224,9 @@ QZHOST_API void dvSetField(dvArray* structure, std::size_t index, std::string_vi
 // Objects. Errors: std::invalid_argument "Array is not object array.";
 // std::out_of_range "Object index is out of range.".
 QZHOST_API std::shared_ptr<matrix::dvObject> dvGetObject(const dvArray* array, std::size_t index);
+// Every element at once, in element order; valid while the array is neither
+// written nor released.
+QZHOST_API std::span<const std::shared_ptr<matrix::dvObject>> dvGetObjects(const dvArray* array);
 QZHOST_API void dvSetObject(dvArray* array, std::size_t index,
                             std::shared_ptr<matrix::dvObject> object);
 

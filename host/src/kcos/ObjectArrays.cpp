@@ -7,6 +7,7 @@
 #include <foundation/core/str/Utf.hpp>
 
 #include <stdexcept>
+#include <typeinfo>
 
 namespace kcos {
 
@@ -57,6 +58,20 @@ kcos::COSInterfacePtr omGetArrayElement(const dvArray* array, std::size_t index)
 
 kcos::COSInterface* omGetLiveArrayElement(dvArray* array, std::size_t index) {
     return dynamic_cast<kcos::COSInterface*>(dvGetObject(array, index).get());
+}
+
+std::vector<kcos::COSInterface*> omGetLiveArrayElements(const dvArray* array) {
+    const auto elements = dvGetObjects(array);
+    std::vector<kcos::COSInterface*> objects;
+    objects.reserve(elements.size());
+    for (const std::shared_ptr<matrix::dvObject>& element : elements) {
+        // Class objects are never subclassed: the exact type tells them from
+        // error objects without a cast through the hierarchy.
+        objects.push_back(element && typeid(*element) == typeid(kcos::COSInterface)
+                              ? static_cast<kcos::COSInterface*>(element.get())
+                              : nullptr);
+    }
+    return objects;
 }
 
 void omSetArrayElement(dvArray* array, std::size_t index, const kcos::COSInterfacePtr& object) {

@@ -115,6 +115,10 @@ std::shared_ptr<matrix::dvObject> dvGetObject(const dvArray* array, std::size_t 
     return valueOf<ObjectData>(array).objects[index];
 }
 
+std::span<const std::shared_ptr<matrix::dvObject>> dvGetObjects(const dvArray* array) {
+    return valueOf<ObjectData>(checked(array, ClassID::Object, notObject)).objects;
+}
+
 void dvSetObject(dvArray* array, std::size_t index, std::shared_ptr<matrix::dvObject> object) {
     checkIndex(checked(array, ClassID::Object, notObject), index, "Object index is out of range.");
     detachedValueOf<ObjectData>(array).objects[index] = std::move(object);

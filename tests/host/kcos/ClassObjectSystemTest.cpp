@@ -3,6 +3,7 @@
 #include <kcos/Language.hpp>
 #include <kcos/array.hpp>
 
+#include <Veldspire/KException/KExceptionEnvelope.hpp>
 #include <interpreter/Kdispatcher.hpp>
 #include <kvm/KVM.hpp>
 #include <matrix/Errors.hpp>
@@ -268,6 +269,11 @@ TEST_F(ClassObjectSystem, ObjectArraysShareObjectsAndCopyOnWrite) {
     EXPECT_EQ(omGetLiveArrayElement(pair.get(), 0), omGetLiveArrayElement(a.get(), 0));
     EXPECT_EQ(omGetLiveArrayElement(pair.get(), 1), omGetLiveArrayElement(b.get(), 0));
     EXPECT_FALSE(omGetArrayElement(copy.get(), 1)); // the copy kept its own elements
+    EXPECT_EQ(omGetLiveArrayElements(copy.get()),
+              (std::vector<kcos::COSInterface*>{omGetLiveArrayElement(a.get(), 0), nullptr}));
+    const auto error = kcos::array::create(
+        Veldspire::KException::KExceptionEnvelope("test:error", u"failed").GetExceptionObject());
+    EXPECT_EQ(omGetLiveArrayElements(error.get()), (std::vector<kcos::COSInterface*>{nullptr}));
     EXPECT_THROW(omGetArrayElement(pair.get(), 2), std::out_of_range);
     EXPECT_THROW(omGetArrayElement(number(1).get(), 0), std::invalid_argument);
 

@@ -103,12 +103,12 @@ std::vector<std::shared_ptr<FutureBase>> FutureBase::fromKorvexArray(const dvArr
     if (array == nullptr) {
         throw std::invalid_argument("Array is null.");
     }
-    const std::size_t count = dvGetNumberOfElements(array);
+    // The array holds its objects for the whole call: no handle is needed.
+    const std::vector<kcos::COSInterface*> elements = omGetLiveArrayElements(array);
     std::vector<std::shared_ptr<FutureBase>> futures;
-    futures.reserve(count);
-    for (std::size_t i = 0; i < count; ++i) {
-        const kcos::COSInterfacePtr element = omGetArrayElement(array, i);
-        futures.push_back(fromKorvexCosi(element.get()));
+    futures.reserve(elements.size());
+    for (kcos::COSInterface* element : elements) {
+        futures.push_back(fromKorvexCosi(element));
     }
     return futures;
 }
