@@ -1,0 +1,389 @@
+// qz-test-label: concurrency
+// The methods of "parallel.Future" called as the language calls them: the
+// object array first, the number of outputs the caller asks for, and the
+// errors the language sees for bad arguments.
+#include "ContinuationSupport.hpp"
+
+#include <localpool/LanguageClasses.hpp>
+
+#include <Veldspire/KException/KExceptionEnvelope.hpp>
+
+#include <cmath>
+#include <limits>
+#include <map>
+#include <thread>
+
+namespace parallel::language::future {
+namespace {
+
+using foundation::core::except::IMsgIDException;
+using foundation::core::except::MessageArguments;
+using testing::call;
+using testing::futureOf;
+using testing::objects;
+using testing::RecordingFunction;
+using testing::scalar;
+using testing::TestFuture;
+using testing::text;
+using testing::valueOf;
+using Veldspire::KException::KExceptionEnvelope;
+using Array = boost::intrusive_ptr<dvArray>;
+using Inputs = std::vector<const dvArray*>;
+
+const std::string kFuture = "KORVEX:parallel:future:";
+
+// What a call raised, as the language sees it.
+struct Raised {
+    std::string id = "(nothing raised)";
+    MessageArguments arguments;
+    std::vector<std::string> causes;
+};
+
+template <class Run>
+Raised raisedBy(Run&& run) {
+    try {
+        run();
+    } catch (const IMsgIDException& error) {
+        return {error.get_error_id(), error.get_arguments(), {}};
+    } catch (const KExceptionEnvelope& error) {
+        Raised result{error.GetID(), error.GetArguments(), {}};
+        for (const auto& cause : error.GetCauses()) {
+            result.causes.push_back(cause.GetID());
+        }
+        return result;
+    }
+    return {};
+}
+
+Raised raised(const char* method, int numOutputs, Inputs inputs) {
+    return raisedBy([&] { call(method, numOutputs, std::move(inputs)); });
+}
+
+template <class... Words>
+MessageArguments texts(Words... words) {
+    return {std::u16string(words)...};
+}
+
+bool truth(const matrix::unique_dvArray& answer) {
+    EXPECT_TRUE(dvIsLogicalScalar(answer.get()));
+    return dvGetLogicals(answer.get())[0] != 0;
+}
+
+bool isEmptyDouble(const matrix::unique_dvArray& array) {
+    return std::string(dvGetClassName(array.get())) == "double" &&
+           dvGetDimensions(array.get()) == matrix::Dimensions{0, 0};
+}
+
+std::vector<double> doublesOf(const matrix::unique_dvArray& array) {
+    const auto values = dvGetDoubles(array.get());
+    return {values.begin(), values.end()};
+}
+
+// Runs on pool workers: touches nothing shared.
+DvArrayVector squareOf(std::size_t, const DvArrayVector& in) {
+    return {scalar(valueOf(in.at(0).get()) * valueOf(in.at(0).get()))};
+}
+
+class FutureMethods : public testing::LanguageTest {
+protected:
+    const Array yes{matrix::to_korvex(dvCreateLogicalScalar(true)), false};
+    const Array no{matrix::to_korvex(dvCreateLogicalScalar(false)), false};
+    const Array one = scalar(1), zero = scalar(0), generous = scalar(60),
+                finished = text("finished");
+    const Array nothing{matrix::to_korvex(objects({})), false};
+    const Array unavailable{matrix::to_korvex(testing::construct("parallel.Future")), false};
+};
+
+TEST_F(FutureMethods, FetchNextTakesFinishedFuturesThenTimesOutThenHasNoneLeft) {
+    TestFuture first, second;
+    first.running();
+    second.finishedWith({scalar(7)});
+    const auto both = objects({first.future, second.future});
+
+    const auto fetched = call("fetchNext", 2, {both.get()});
+    ASSERT_EQ(fetched.size(), 2u);
+    EXPECT_EQ(valueOf(fetched[0].get()), 2.0);
+    EXPECT_EQ(valueOf(fetched[1].get()), 7.0);
+
+    const auto timedOut = call("fetchNext", 2, {both.get(), zero.get()});
+    ASSERT_EQ(timedOut.size(), 2u);
+    EXPECT_TRUE(isEmptyDouble(timedOut[0]) && isEmptyDouble(timedOut[1]));
+    EXPECT_FALSE(first.future->getRead());
+
+    first.task->doNotifyFinished();
+    const auto indexOnly = call("fetchNext", 0, {both.get(), generous.get()});
+    ASSERT_EQ(indexOnly.size(), 1u);
+    EXPECT_EQ(valueOf(indexOnly[0].get()), 1.0);
+    EXPECT_EQ(raised("fetchNext", 1, {both.get()}).id, kFuture + "NoUnreadFutures");
+}
+
+TEST_F(FutureMethods, FetchNextRefusesBadTimeoutsAndFuturesItCannotFetch) {
+    TestFuture done, notSubmitted, failed;
+    done.finishedWith({scalar(1)});
+    failed.failedWith(std::make_exception_ptr(KExceptionEnvelope("user:oops", u"Broke.")));
+    const auto doneArray = objects({done.future});
+    const Array wide{
+        matrix::to_korvex(matrix::detail::do_create_numeric({1, 2}, matrix::ClassID::Double)),
+        false};
+    for (const Array& timeout : {scalar(-1), scalar(std::nan("")), text("1"), wide}) {
+        EXPECT_EQ(raised("fetchNext", 1, {doneArray.get(), timeout.get()}).id,
+                  kFuture + "FetchNextTimeoutScalar");
+    }
+    EXPECT_EQ(raised("fetchNext", 1, {doneArray.get(), one.get(), one.get()}).id, "KORVEX:maxrhs");
+    const auto infinity = scalar(std::numeric_limits<double>::infinity());
+    EXPECT_EQ(valueOf(call("fetchNext", 1, {doneArray.get(), infinity.get()}).at(0).get()), 1.0);
+
+    EXPECT_EQ(raised("fetchNext", 1, {nothing.get()}).id, kFuture + "NoUnreadFutures");
+    EXPECT_EQ(raised("fetchNext", 1, {unavailable.get()}).id, kFuture + "FetchNextInvalidFuture");
+    EXPECT_EQ(raised("fetchNext", 1, {objects({notSubmitted.future}).get()}).id,
+              kFuture + "WaitOnUnsubmittedFuture");
+    const Raised errored = raised("fetchNext", 2, {objects({failed.future}).get()});
+    EXPECT_EQ(errored.id, kFuture + "FetchNextFutureErrored");
+    EXPECT_EQ(errored.causes, std::vector<std::string>{"user:oops"});
+}
+
+TEST_F(FutureMethods, FetchOutputsTakesAnyPrefixOfItsOptionAndRefusesEverythingElse) {
+    TestFuture a, b, failed;
+    TestFuture none(0);
+    a.finishedWith({scalar(1)});
+    b.finishedWith({scalar(2)});
+    none.finishedWith({});
+    failed.failedWith(std::make_exception_ptr(KExceptionEnvelope("user:oops", u"Broke.")));
+    const auto both = objects({a.future, b.future});
+
+    EXPECT_EQ(doublesOf(call("fetchOutputs", 1, {both.get()}).at(0)), (std::vector<double>{1, 2}));
+    EXPECT_TRUE(a.future->getRead() && b.future->getRead());
+    for (const char* name : {"UniformOutput", "uni", "UNIFORMOUTPUT", ""}) {
+        const auto cells = call("fetchOutputs", 1, {both.get(), text(name).get(), no.get()});
+        ASSERT_EQ(std::string(dvGetClassName(cells.at(0).get())), "cell") << name;
+        ASSERT_EQ(dvGetNumberOfElements(cells[0].get()), 2u) << name;
+        EXPECT_EQ(valueOf(dvGetCell(cells[0].get(), 1)), 2.0) << name;
+        const auto uniform = call("fetchOutputs", 1, {both.get(), text(name).get(), yes.get()});
+        EXPECT_EQ(doublesOf(uniform.at(0)), (std::vector<double>{1, 2})) << name;
+    }
+
+    const auto f = objects({a.future});
+    const Array option = text("UniformOutput"), bogus = text("bogus");
+
+    for (const Inputs& inputs :
+         {Inputs{f.get(), option.get()}, Inputs{f.get(), option.get(), one.get()},
+          Inputs{f.get(), bogus.get(), no.get()}}) {
+        EXPECT_EQ(raised("fetchOutputs", 1, inputs).id, kFuture + "FetchOutputsSyntax")
+            << inputs.size() << " inputs";
+    }
+    EXPECT_EQ(raised("fetchOutputs", 1, {f.get(), option.get(), no.get(), option.get()}).id,
+              "KORVEX:maxrhs");
+    EXPECT_EQ(raised("fetchOutputs", 1, {nothing.get()}).id, kFuture + "FetchOutputsOnEmpty");
+    EXPECT_EQ(raised("fetchOutputs", 1, {unavailable.get()}).id,
+              kFuture + "FetchOutputsOnUnavailableFuture");
+    EXPECT_EQ(raised("fetchOutputs", 1, {objects({failed.future}).get()}).id,
+              kFuture + "ExecutionErrors");
+
+    const auto noneArray = objects({none.future});
+    EXPECT_TRUE(call("fetchOutputs", 0, {noneArray.get()}).empty());
+    const Raised tooMany = raised("fetchOutputs", 1, {noneArray.get()});
+    EXPECT_EQ(tooMany.id, kFuture + "TooManyOutputsRequested");
+    EXPECT_EQ(tooMany.arguments, (MessageArguments{std::uint64_t{0}, std::uint64_t{1}}));
+}
+
+TEST_F(FutureMethods, WaitTellsWhetherTheFuturesReachedTheStateAndRefusesOthers) {
+    TestFuture queued, running, done;
+    queued.submitted();
+    running.running();
+    done.finishedWith({scalar(1)});
+    const auto q = objects({queued.future});
+    const auto r = objects({running.future});
+    const auto both = objects({done.future, running.future});
+
+    EXPECT_TRUE(truth(call("wait", 1, {r.get(), text("Running").get(), generous.get()}).at(0)));
+    EXPECT_FALSE(truth(call("wait", 1, {q.get(), text("running").get(), zero.get()}).at(0)));
+    EXPECT_FALSE(truth(call("wait", 1, {both.get(), finished.get(), zero.get()}).at(0)));
+    running.task->doNotifyFinished();
+    EXPECT_TRUE(truth(call("wait", 1, {both.get()}).at(0)));
+    EXPECT_TRUE(truth(call("wait", 1, {both.get(), text("FINISHED").get(), zero.get()}).at(0)));
+
+    const auto f = objects({done.future});
+    for (const char16_t* state : {u"pending", u"Queued", u"failed", u"unavailable"}) {
+        const auto word = matrix::create(state, std::char_traits<char16_t>::length(state));
+        const Raised invalid = raised("wait", 1, {f.get(), word.get()});
+        EXPECT_EQ(invalid.id, kFuture + "InvalidStateToWait");
+        EXPECT_EQ(invalid.arguments, texts(state, u"running finished"));
+    }
+    for (const Array& state : {text("bogus"), one}) {
+        EXPECT_EQ(raised("wait", 1, {f.get(), state.get()}).id, kFuture + "FailedToInterpretState");
+    }
+    const Array negative = scalar(-1);
+    EXPECT_EQ(raised("wait", 1, {f.get(), finished.get(), negative.get()}).id,
+              kFuture + "TimeOutInvalid");
+    EXPECT_EQ(raised("wait", 2, {f.get()}).id, "KORVEX:maxlhs");
+    EXPECT_EQ(raised("wait", 1, {f.get(), finished.get(), one.get(), one.get()}).id,
+              "KORVEX:maxrhs");
+}
+
+TEST_F(FutureMethods, CancelGoesFromTheLargestIDAndTakesNoFurtherInputs) {
+    std::vector<long long> cancelled;
+    std::vector<std::shared_ptr<FutureBase>> futures;
+    for (long long id : {4, 9, 7}) {
+        auto task = testing::TestTask::make();
+        task->onCancel = [&cancelled, id] { cancelled.push_back(id); };
+        task->doNotifyPending();
+        task->doNotifyQueued();
+        futures.push_back(
+            std::make_shared<FevalFuture>(nullptr, nullptr, 1, DvArrayVector{}, task, id));
+    }
+    EXPECT_TRUE(call("cancel", 0, {objects(futures).get()}).empty());
+    EXPECT_EQ(cancelled, (std::vector<long long>{9, 7, 4}));
+
+    // The method declares no inputs beyond the futures: the host refuses more.
+    TestFuture other;
+    other.submitted();
+    EXPECT_EQ(raised("cancel", 0, {objects({other.future}).get(), one.get()}).id, "KORVEX:maxrhs");
+    EXPECT_EQ(other.task->cancelCalls, 0);
+}
+
+TEST_F(FutureMethods, IsequalComparesClassDimensionsAndIDs) {
+    TestFuture a, b;
+    const auto ab = objects({a.future, b.future});
+    const auto abAgain = objects({a.future, b.future});
+    const auto ba = objects({b.future, a.future});
+    const auto abColumn = FutureBase::toKorvexArray({a.future, b.future}, {2, 1});
+    const std::vector<std::pair<Inputs, bool>> cases{
+        {{ab.get(), abAgain.get()}, true}, {{ab.get(), ab.get(), abAgain.get()}, true},
+        {{ab.get(), ba.get()}, false},     {{ab.get(), abColumn.get()}, false},
+        {{ab.get(), one.get()}, false},    {{ab.get(), abAgain.get(), ba.get()}, false},
+    };
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        EXPECT_EQ(truth(call("isequal", 1, cases[i].first).at(0)), cases[i].second) << "case " << i;
+    }
+    EXPECT_EQ(raised("isequal", 1, {ab.get()}).id, "KORVEX:minrhs");
+    EXPECT_EQ(raised("isequal", 2, {ab.get(), ab.get()}).id, "KORVEX:maxlhs");
+}
+
+TEST_F(FutureMethods, ContinuationsRefuseBadArguments) {
+    TestFuture done;
+    done.finishedWith({scalar(1)});
+    const auto f = objects({done.future});
+    const RecordingFunction fn;
+    const Array h = fn.handle, pass = text("PassFuture"), bogus = text("bogus");
+    const Array fraction = scalar(1.5), negative = scalar(-1), letter = text("1");
+    const std::string parser = "KORVEX:InputParser:";
+    struct Case {
+        Inputs inputs;
+        std::string id;
+        MessageArguments arguments; // checked when given
+    };
+    const std::vector<Case> cases{
+        {{nothing.get(), h.get(), one.get()}, kFuture + "ContinuationOnEmpty", {}},
+        {{f.get(), h.get(), one.get(), pass.get(), yes.get(), pass.get()}, "KORVEX:maxrhs", {}},
+        {{f.get(), h.get()}, "KORVEX:minrhs", {}},
+        {{f.get(), h.get(), one.get(), pass.get()},
+         parser + "ParamMissingValue",
+         texts(u"PassFuture")},
+        {{f.get(), h.get(), one.get(), one.get()}, parser + "ParamMustBeChar", {}},
+        {{f.get(), h.get(), one.get(), bogus.get(), yes.get()}, parser + "UnmatchedParameter", {}},
+        {{f.get(), one.get(), one.get()}, kFuture + "FirstArgNotFunctionHandle", {}},
+        {{f.get(), h.get(), fraction.get()}, kFuture + "CreateFutureInvalidNumOutputs", {}},
+        {{f.get(), h.get(), negative.get()}, kFuture + "CreateFutureNegativeNumOutputArgs", {}},
+        {{f.get(), h.get(), letter.get()}, kFuture + "CreateFutureInvalidNumOutputs", {}},
+        {{f.get(), h.get(), one.get(), pass.get(), one.get()},
+         "KORVEX:invalidType",
+         texts(u"PassFuture", u"logical", u"double")},
+    };
+    for (const char* method : {"afterEach", "afterAll"}) {
+        for (std::size_t i = 0; i < cases.size(); ++i) {
+            const Raised error = raised(method, 1, cases[i].inputs);
+            EXPECT_EQ(error.id, cases[i].id) << method << " case " << i;
+            if (!cases[i].arguments.empty()) {
+                EXPECT_EQ(error.arguments, cases[i].arguments) << method << " case " << i;
+            }
+        }
+        EXPECT_EQ(raised(method, 2, {f.get(), h.get(), one.get()}).id, "KORVEX:maxlhs") << method;
+        const auto unmatched =
+            raised(method, 1, {f.get(), h.get(), one.get(), bogus.get(), yes.get()});
+        ASSERT_FALSE(unmatched.arguments.empty()) << method;
+        EXPECT_EQ(unmatched.arguments[0], texts(u"bogus")[0]) << method;
+    }
+    EXPECT_TRUE(fn.calls->empty());
+}
+
+TEST_F(FutureMethods, ContinuationsRunOnTheInterpreterThreadAndAreFetched) {
+    TestFuture a, b;
+    a.finishedWith({scalar(1)});
+    b.finishedWith({scalar(2)});
+    const auto both = objects({a.future, b.future});
+    auto classOf = [](const matrix::unique_dvArray& array) {
+        return testing::textOf(call("class", 1, {array.get()}).at(0).get());
+    };
+    std::vector<std::thread::id> threads;
+    const RecordingFunction doubled([&threads](std::size_t, const DvArrayVector& in) {
+        threads.push_back(std::this_thread::get_id());
+        return DvArrayVector{scalar(2 * valueOf(in.at(0).get()))};
+    });
+    const auto each = call("afterEach", 1, {both.get(), doubled.handle.get(), one.get()});
+    ASSERT_EQ(each.size(), 1u);
+    EXPECT_EQ(dvGetDimensions(each[0].get()), (matrix::Dimensions{1, 1}));
+    EXPECT_EQ(classOf(each[0]), "parallel.AfterEachFuture");
+    EXPECT_TRUE(truth(call("wait", 1, {each[0].get(), finished.get(), generous.get()})[0]));
+    EXPECT_EQ(doublesOf(call("fetchOutputs", 1, {each[0].get()}).at(0)),
+              (std::vector<double>{2, 4}));
+    EXPECT_EQ(threads, std::vector<std::thread::id>(2, std::this_thread::get_id()));
+
+    // Passing the futures, with the option name shortened.
+    const RecordingFunction count([](std::size_t, const DvArrayVector& in) {
+        return DvArrayVector{scalar(static_cast<double>(dvGetNumberOfElements(in.at(0).get())))};
+    });
+    const auto all = call(
+        "afterAll", 1, {both.get(), count.handle.get(), one.get(), text("pass").get(), yes.get()});
+    EXPECT_EQ(classOf(all.at(0)), "parallel.AfterAllFuture");
+    call("wait", 0, {all[0].get(), finished.get(), generous.get()});
+    EXPECT_EQ(doublesOf(call("fetchOutputs", 1, {all[0].get()}).at(0)), std::vector<double>{2});
+    ASSERT_EQ(count.calls->size(), 1u);
+    const dvArray* given = count.calls->at(0).at(0).get();
+    EXPECT_EQ(std::string(dvGetClassName(given)), "parallel.Future");
+    EXPECT_TRUE(FutureBase::isEqual(FutureBase::fromKorvexArray(given), {a.future, b.future}));
+}
+
+TEST_F(FutureMethods, EvaluationsOnAPoolDrainedFollowedAndWaitedFor) {
+    localpool::registerLanguageClasses();
+    struct LanguagePool {
+        std::shared_ptr<localpool::LocalPool> pool = std::make_shared<localpool::LocalPool>(3);
+        LanguagePool() { localpool::setLanguagePool(pool); }
+        ~LanguagePool() { localpool::setLanguagePool(nullptr); }
+    } languagePool;
+    const Array square(matrix::to_korvex(matrix::createFunctionHandle("square", squareOf)), false);
+    std::vector<matrix::unique_dvArray> constructed;
+    std::vector<std::shared_ptr<FutureBase>> started;
+    for (double x : {1.0, 2.0, 3.0}) {
+        constructed.push_back(testing::construct("parallel.FevalFuture", {square, one, scalar(x)}));
+        started.push_back(futureOf(constructed.back().get()));
+    }
+    const auto futures = objects(started);
+
+    std::map<double, double> fetched; // index -> output
+    Raised stop;
+    for (std::size_t round = 0; round <= started.size() && stop.id == Raised{}.id; ++round) {
+        stop = raisedBy([&] {
+            const auto out = call("fetchNext", 2, {futures.get(), generous.get()});
+            ASSERT_FALSE(isEmptyDouble(out.at(0))) << "timed out";
+            fetched[valueOf(out[0].get())] = valueOf(out.at(1).get());
+        });
+    }
+    EXPECT_EQ(stop.id, kFuture + "NoUnreadFutures");
+    EXPECT_EQ(fetched, (std::map<double, double>{{1, 1}, {2, 4}, {3, 9}}));
+
+    const RecordingFunction plusTen([](std::size_t, const DvArrayVector& in) {
+        return DvArrayVector{scalar(valueOf(in.at(0).get()) + 10)};
+    });
+    const auto each = call("afterEach", 1, {futures.get(), plusTen.handle.get(), one.get()});
+    call("wait", 0, {each.at(0).get(), finished.get(), generous.get()});
+    EXPECT_EQ(doublesOf(call("fetchOutputs", 1, {each[0].get()}).at(0)),
+              (std::vector<double>{11, 14, 19}));
+
+    TestFuture stuck; // stays queued
+    stuck.submitted();
+    const auto withStuck = objects({started[0], stuck.future});
+    EXPECT_FALSE(truth(call("wait", 1, {withStuck.get(), finished.get(), zero.get()})[0]));
+}
+
+} // namespace
+} // namespace parallel::language::future
