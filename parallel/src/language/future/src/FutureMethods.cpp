@@ -251,9 +251,19 @@ std::vector<std::shared_ptr<FutureBase>> futuresOf(const kcos::COSValue& value) 
     return FutureBase::fromKorvexArray(arrayOf(value));
 }
 
-bool anyUnavailable(const std::vector<std::shared_ptr<FutureBase>>& futures) {
-    return std::any_of(futures.begin(), futures.end(),
-                       [](const auto& future) { return future->isInvalid(); });
+// The futures of `value` for a method that reads them: none raises Empty,
+// an unavailable one raises Unavailable.
+template <class Empty, class Unavailable>
+std::vector<std::shared_ptr<FutureBase>> readableFuturesOf(const kcos::COSValue& value) {
+    std::vector<std::shared_ptr<FutureBase>> futures = futuresOf(value);
+    if (futures.empty()) {
+        throw Empty();
+    }
+    if (std::any_of(futures.begin(), futures.end(),
+                    [](const auto& future) { return future->isInvalid(); })) {
+        throw Unavailable();
+    }
+    return futures;
 }
 
 Seconds noTimeout() {
@@ -343,13 +353,8 @@ private:
     void doInvoke(int& numOutputs, kcos::COSValue* outputs,
                   std::span<const kcos::COSValue> inputs) const override {
         // Moved into the call below: a copy nobody could observe.
-        std::vector<std::shared_ptr<FutureBase>> futures = futuresOf(inputs[0]);
-        if (futures.empty()) {
-            throw errors::NoUnreadFutures();
-        }
-        if (anyUnavailable(futures)) {
-            throw errors::FetchNextInvalidFuture();
-        }
+        std::vector<std::shared_ptr<FutureBase>> futures =
+            readableFuturesOf<errors::NoUnreadFutures, errors::FetchNextInvalidFuture>(inputs[0]);
         numOutputs = std::max(numOutputs, 1);
         checkCounts(0, 0, inputs.size(), 1, 2);
         const auto wanted = static_cast<unsigned int>(numOutputs - 1);
@@ -398,13 +403,9 @@ public:
 private:
     void doInvoke(int& numOutputs, kcos::COSValue* outputs,
                   std::span<const kcos::COSValue> inputs) const override {
-        std::vector<std::shared_ptr<FutureBase>> futures = futuresOf(inputs[0]);
-        if (futures.empty()) {
-            throw errors::FetchOutputsOnEmpty();
-        }
-        if (anyUnavailable(futures)) {
-            throw errors::FetchOutputsOnUnavailableFuture();
-        }
+        std::vector<std::shared_ptr<FutureBase>> futures =
+            readableFuturesOf<errors::FetchOutputsOnEmpty, errors::FetchOutputsOnUnavailableFuture>(
+                inputs[0]);
         bool uniform = true;
         if (inputs.size() >= 3) {
             const std::optional<bool> value = singleLogical(inputs[2].getArray());
