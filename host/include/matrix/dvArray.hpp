@@ -238,6 +238,11 @@ QZHOST_API const std::string& dvGetFunctionHandleName(const dvArray* function);
 QZHOST_API void dvInvokeFunctionHandle(const dvArray* function, std::size_t numOutputs,
                                        dvArray** outputs, std::size_t numInputs,
                                        dvArray* const* inputs);
+// As above, the outputs returned: no buffer is sized by `numOutputs` before
+// the function has given that many.
+QZHOST_API std::vector<boost::intrusive_ptr<dvArray>>
+dvInvokeFunctionHandle(const dvArray* function, std::size_t numOutputs,
+                       const std::vector<boost::intrusive_ptr<dvArray>>& inputs);
 
 // Root records.
 QZHOST_API matrix::RootRecordPtr dvGetRootRecordForArray(const dvArray* array);

@@ -25,18 +25,25 @@ const std::string& dvGetFunctionHandleName(const dvArray* function) {
     return functionOf(function).name;
 }
 
-void dvInvokeFunctionHandle(const dvArray* function, std::size_t numOutputs, dvArray** outputs,
-                            std::size_t numInputs, dvArray* const* inputs) {
+std::vector<ArrayRef> dvInvokeFunctionHandle(const dvArray* function, std::size_t numOutputs,
+                                             const std::vector<ArrayRef>& inputs) {
     // Keep the body alive even if the call releases the function's last reference.
     const std::shared_ptr<const matrix::FunctionBody> body = functionOf(function).body;
+    std::vector<ArrayRef> results = (*body)(numOutputs, inputs);
+    if (results.size() < numOutputs) {
+        error_maxlhs();
+    }
+    results.resize(numOutputs);
+    return results;
+}
+
+void dvInvokeFunctionHandle(const dvArray* function, std::size_t numOutputs, dvArray** outputs,
+                            std::size_t numInputs, dvArray* const* inputs) {
     if ((numOutputs != 0 && !outputs) || (numInputs != 0 && !inputs)) {
         throw std::invalid_argument("Argument buffer is null.");
     }
     const std::vector<ArrayRef> arguments(inputs, inputs + numInputs); // adds references
-    std::vector<ArrayRef> results = (*body)(numOutputs, arguments);
-    if (results.size() < numOutputs) {
-        error_maxlhs();
-    }
+    std::vector<ArrayRef> results = dvInvokeFunctionHandle(function, numOutputs, arguments);
     for (std::size_t i = 0; i < numOutputs; ++i) {
         outputs[i] = results[i].detach();
     }

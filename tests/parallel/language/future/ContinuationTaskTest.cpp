@@ -6,6 +6,8 @@
 #include <Veldspire/KException/KExceptionEnvelope.hpp>
 #include <cmddistributor/RuntimeException.hpp>
 
+#include <limits>
+
 namespace parallel::language::future {
 namespace {
 
@@ -151,16 +153,19 @@ TEST_F(ContinuationTaskTest, PassFutureGivesThePredecessorsShapedEvenWhenTheyFai
     EXPECT_TRUE(task->getOutputsOrError().hasValue());
 }
 
-TEST_F(ContinuationTaskTest, FunctionErrorIsTheTaskError) {
+TEST_F(ContinuationTaskTest, FunctionErrorIsTheTaskErrorAndAHugeCountAllocatesNothing) {
     RecordingFunction failing([](std::size_t, const DvArrayVector&) -> DvArrayVector {
         throw KExceptionEnvelope("user:failure", u"it failed");
     });
     TestFuture done;
     done.finishedWith({scalar(1)});
     auto task = ContinuationTask::build(failing.handle, 1, {done.future}, {}, false);
+    // More outputs than any function gives: the function's answer decides.
+    auto huge = after({done.future}, std::numeric_limits<unsigned int>::max());
     runParallelQueue();
     EXPECT_GT(task->getStartTime().time_since_epoch().count(), 0.0);
     EXPECT_EQ(errorOf(*task).GetID(), "user:failure");
+    EXPECT_EQ(errorOf(*huge).GetID(), "KORVEX:maxlhs");
 }
 
 TEST_F(ContinuationTaskTest, CancelledBeforeItRanItNeverRuns) {

@@ -199,24 +199,6 @@ DvArrayVector argumentOfFutures(const std::vector<std::shared_ptr<FutureBase>>& 
     return {boost::intrusive_ptr<dvArray>(matrix::to_korvex(std::move(array)), false)};
 }
 
-// Calls `function` for `numOutputs` outputs. Interpreter thread.
-DvArrayVector invoke(const dvArray* function, std::size_t numOutputs,
-                     const DvArrayVector& arguments) {
-    std::vector<dvArray*> inputs;
-    inputs.reserve(arguments.size());
-    for (const auto& argument : arguments) {
-        inputs.push_back(argument.get());
-    }
-    std::vector<dvArray*> results(std::max<std::size_t>(numOutputs, 1), nullptr);
-    dvInvokeFunctionHandle(function, numOutputs, results.data(), inputs.size(), inputs.data());
-    DvArrayVector outputs;
-    outputs.reserve(numOutputs);
-    for (std::size_t i = 0; i < numOutputs; ++i) {
-        outputs.emplace_back(results[i], false);
-    }
-    return outputs;
-}
-
 } // namespace
 
 // The work item of a continuation, run by the command distributor on the
@@ -244,12 +226,15 @@ struct ContinuationWork {
             task->inputArguments_ = arguments;
         }
         task->doNotifyRunning();
-        DvArrayVector outputs = invoke(function->get(), numOutputs, arguments);
+        // Nothing is sized by the requested count before the function has
+        // given that many outputs: a count from the language allocates nothing.
+        DvArrayVector outputs = dvInvokeFunctionHandle(function->get(), numOutputs, arguments);
+        const std::size_t produced = outputs.size();
         {
             std::lock_guard lock(task->mutex_);
             task->outputs_ = std::move(outputs);
         }
-        return ContinuationTask::RequestResult(numOutputs);
+        return ContinuationTask::RequestResult(produced);
     }
 };
 
