@@ -6,7 +6,6 @@
 
 #include "ContinuationCallbacks.hpp"
 #include "MultiTaskFolding.hpp"
-#include "WaitUntil.hpp"
 
 namespace parallel::language::future {
 
@@ -81,15 +80,7 @@ bool AfterEachFuture::doWait(FutureState state, SteadyTimePoint deadline) {
 }
 
 bool AfterEachFuture::doWaitForRunning(SteadyTimePoint deadline) {
-    boost::shared_future<void> running;
-    {
-        std::lock_guard lock(runningMutex_);
-        if (!runningFuture_.valid()) {
-            runningFuture_ = detail::makeAnyRunningFuture(*tasks_);
-        }
-        running = runningFuture_;
-    }
-    return detail::waitUntil(running, deadline);
+    return detail::waitUntilAnyRuns(*tasks_, runningMutex_, runningFuture_, deadline);
 }
 
 void AfterEachFuture::doAfterFinishThen(boost::launch policy, std::function<void()> callback) {

@@ -4,7 +4,6 @@
 
 #include "DiagnosticLogging.hpp"
 #include "MultiTaskFolding.hpp"
-#include "WaitUntil.hpp"
 
 namespace parallel::language::future {
 
@@ -54,15 +53,7 @@ bool FevalOnAllFuture::doWait(FutureState state, SteadyTimePoint deadline) {
 }
 
 bool FevalOnAllFuture::doWaitForRunning(SteadyTimePoint deadline) {
-    boost::shared_future<void> running;
-    {
-        std::lock_guard lock(runningMutex_);
-        if (!runningFuture_.valid()) {
-            runningFuture_ = detail::makeAnyRunningFuture(*tasks_);
-        }
-        running = runningFuture_;
-    }
-    return detail::waitUntil(running, deadline);
+    return detail::waitUntilAnyRuns(*tasks_, runningMutex_, runningFuture_, deadline);
 }
 
 void FevalOnAllFuture::doAfterFinishThen(boost::launch policy, std::function<void()> callback) {

@@ -1,4 +1,5 @@
 #include "MultiTaskFolding.hpp"
+#include "WaitUntil.hpp"
 
 #include <parallel/language/future/MultiEventPromise.hpp>
 
@@ -112,6 +113,19 @@ boost::shared_future<void> makeAnyRunningFuture(MultiTask& tasks) {
                                            [anyRunning] { anyRunning->setOne(); });
     }
     return anyRunning->getFuture().share();
+}
+
+bool waitUntilAnyRuns(MultiTask& tasks, std::mutex& mutex, boost::shared_future<void>& running,
+                      const SteadyTimePoint& deadline) {
+    boost::shared_future<void> future;
+    {
+        std::lock_guard lock(mutex);
+        if (!running.valid()) {
+            running = makeAnyRunningFuture(tasks);
+        }
+        future = running;
+    }
+    return waitUntil(future, deadline);
 }
 
 void afterAllFinishedThen(MultiTask& tasks, boost::launch policy, std::function<void()> callback) {

@@ -9,6 +9,7 @@
 #include <parallel/language/future/PerTaskVariant.hpp>
 
 #include <functional>
+#include <mutex>
 
 namespace parallel::language::future::detail {
 
@@ -31,6 +32,11 @@ void cancelEach(MultiTask& tasks);
 bool waitForEachFinished(MultiTask& tasks, const SteadyTimePoint& deadline);
 // Ready once any task runs (at once when there are none).
 boost::shared_future<void> makeAnyRunningFuture(MultiTask& tasks);
+// Waits until any task runs or `deadline` passes; true when one runs. The
+// future it waits on is made once into `running` (guarded by `mutex`) and
+// reused by later waits.
+bool waitUntilAnyRuns(MultiTask& tasks, std::mutex& mutex, boost::shared_future<void>& running,
+                      const SteadyTimePoint& deadline);
 // Runs `callback` under `policy` once every task has finished.
 void afterAllFinishedThen(MultiTask& tasks, boost::launch policy, std::function<void()> callback);
 
