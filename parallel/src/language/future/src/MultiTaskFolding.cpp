@@ -38,6 +38,17 @@ WallClockTimePoint foldTime(MultiTask& tasks, Get get, Prefer prefer) {
     return folded;
 }
 
+// Ready once any task runs (at once when there are none).
+boost::shared_future<void> makeAnyRunningFuture(MultiTask& tasks) {
+    const unsigned long long count = tasks.maybeResizeAndGetNumTasks();
+    auto anyRunning = std::make_shared<MultiEventPromise>(MultiEventPromise::Any, count);
+    for (unsigned long long i = 0; i < count; ++i) {
+        tasks.getTask(i)->afterRunningThen(boost::launch::sync,
+                                           [anyRunning] { anyRunning->setOne(); });
+    }
+    return anyRunning->getFuture().share();
+}
+
 } // namespace
 
 FutureState foldState(MultiTask& tasks) {
@@ -103,16 +114,6 @@ bool waitForEachFinished(MultiTask& tasks, const SteadyTimePoint& deadline) {
         }
     }
     return true;
-}
-
-boost::shared_future<void> makeAnyRunningFuture(MultiTask& tasks) {
-    const unsigned long long count = tasks.maybeResizeAndGetNumTasks();
-    auto anyRunning = std::make_shared<MultiEventPromise>(MultiEventPromise::Any, count);
-    for (unsigned long long i = 0; i < count; ++i) {
-        tasks.getTask(i)->afterRunningThen(boost::launch::sync,
-                                           [anyRunning] { anyRunning->setOne(); });
-    }
-    return anyRunning->getFuture().share();
 }
 
 bool waitUntilAnyRuns(MultiTask& tasks, std::mutex& mutex, boost::shared_future<void>& running,

@@ -30,8 +30,6 @@ void cancelEach(MultiTask& tasks);
 // Waits for each task to finish in turn, stopping at the first that does not
 // by `deadline`; true when all did.
 bool waitForEachFinished(MultiTask& tasks, const SteadyTimePoint& deadline);
-// Ready once any task runs (at once when there are none).
-boost::shared_future<void> makeAnyRunningFuture(MultiTask& tasks);
 // Waits until any task runs or `deadline` passes; true when one runs. The
 // future it waits on is made once into `running` (guarded by `mutex`) and
 // reused by later waits.
