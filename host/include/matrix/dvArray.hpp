@@ -46,6 +46,7 @@ enum class ClassID : int {
     Double = 6,
     FunctionHandle = 16,
     Object = 18,
+    String = 19,
 };
 
 using Dimensions = std::vector<std::size_t>;
@@ -179,8 +180,8 @@ QZHOST_API matrix::unique_dvArray dvDuplicateArray(const dvArray* array);
 QZHOST_API std::size_t dvGetNumberOfElements(const dvArray* array) noexcept;
 QZHOST_API const matrix::Dimensions& dvGetDimensions(const dvArray* array) noexcept;
 QZHOST_API matrix::ClassID dvGetClassID(const dvArray* array) noexcept;
-// "cell", "struct", "logical", "char", "double", "function_handle", or the
-// class name of an object array.
+// "cell", "struct", "logical", "char", "double", "function_handle",
+// "string", or the class name of an object array.
 QZHOST_API const char* dvGetClassName(const dvArray* array) noexcept;
 QZHOST_API bool dvIsEmpty(const dvArray* array) noexcept;
 QZHOST_API bool dvIsLogicalScalar(const dvArray* array) noexcept;

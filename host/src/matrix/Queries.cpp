@@ -44,6 +44,8 @@ const char* dvGetClassName(const dvArray* array) noexcept {
         return "double";
     case ClassID::FunctionHandle:
         return "function_handle";
+    case ClassID::String:
+        return "string";
     case ClassID::Object:
         return std::get<ObjectData>(ArrayAccess::data(array).value).className.c_str();
     default:
@@ -101,7 +103,8 @@ bool dvIsEqual(const dvArray* a, const dvArray* b) {
         ArrayAccess::dims(a) != ArrayAccess::dims(b)) {
         return false;
     }
-    if (ArrayAccess::sharedData(a) == ArrayAccess::sharedData(b)) {
+    if (ArrayAccess::sharedData(a) == ArrayAccess::sharedData(b) &&
+        ArrayAccess::classID(a) != ClassID::String) { // a missing string equals nothing
         return true;
     }
     const StorageValue& vb = ArrayAccess::data(b).value;

@@ -5,10 +5,12 @@
 
 #include <matrix/dvArray.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <variant>
 #include <vector>
@@ -31,15 +33,26 @@ struct FunctionData {
     std::shared_ptr<const FunctionBody> body; // shared by every copy
 };
 
+// A string array: each element a text, or missing (nullopt). A missing
+// string equals nothing, itself included.
+struct StringData {
+    std::vector<std::optional<std::u16string>> elements;
+    bool operator==(const StringData& other) const {
+        return std::equal(elements.begin(), elements.end(), other.elements.begin(),
+                          other.elements.end(),
+                          [](const auto& a, const auto& b) { return a && b && *a == *b; });
+    }
+};
+
 struct ObjectData {
     std::string className;
     std::vector<std::shared_ptr<dvObject>> objects;
 };
 
 // One alternative per class: Double, Logical (0/1), Char (UTF-16), Cell,
-// Struct, FunctionHandle, Object.
+// Struct, FunctionHandle, Object, String.
 using StorageValue = std::variant<std::vector<double>, std::vector<std::uint8_t>, std::u16string,
-                                  CellData, StructData, FunctionData, ObjectData>;
+                                  CellData, StructData, FunctionData, ObjectData, StringData>;
 
 struct Storage {
     explicit Storage(StorageValue v) : value(std::move(v)) {}

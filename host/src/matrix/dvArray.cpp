@@ -102,6 +102,12 @@ std::size_t approximateBytes(const StorageValue& value) noexcept {
                 return v.name.size() + sizeof(FunctionBody);
             } else if constexpr (std::is_same_v<T, ObjectData>) {
                 return v.objects.size() * sizeof(std::shared_ptr<dvObject>);
+            } else if constexpr (std::is_same_v<T, StringData>) {
+                std::size_t bytes = v.elements.size() * sizeof(std::optional<std::u16string>);
+                for (const auto& element : v.elements) {
+                    bytes += element ? element->size() * sizeof(char16_t) : 0;
+                }
+                return bytes;
             } else {
                 return v.size() * sizeof(typename T::value_type);
             }

@@ -2,6 +2,7 @@
 
 #include <parallel/language/future/FutureErrors.hpp>
 
+#include <Veldspire/String/String.hpp>
 #include <interpreter/Kdispatcher.hpp>
 #include <kcos/Errors.hpp>
 #include <matrix/Errors.hpp>
@@ -234,6 +235,14 @@ TEST_F(FutureClass, ClassAndIsaAnswerFromTheAliasNames) {
     EXPECT_TRUE(isa(feval.get(), "parallel.FevalFuture"));
     EXPECT_FALSE(isa(mixed.get(), "parallel.FevalFuture"));
     EXPECT_THROW(call("isa", 1, {feval.get(), scalar(1).get()}),
+                 errors::MustBeStringScalarOrCharacterVector);
+
+    namespace str = Veldspire::String;
+    const auto named = str::createScalar(u"parallel.FevalFuture");
+    EXPECT_TRUE(dvGetLogicals(call("isa", 1, {feval.get(), named.get()}).at(0).get())[0]);
+    EXPECT_THROW(call("isa", 1, {feval.get(), str::createScalar(std::nullopt).get()}),
+                 errors::MissingNotSupported);
+    EXPECT_THROW(call("isa", 1, {feval.get(), str::create({1, 2}, {u"a", u"b"}).get()}),
                  errors::MustBeStringScalarOrCharacterVector);
     EXPECT_THROW(call("class", 2, {feval.get()}), Exception<KORVEX::maxlhs>);
 }

@@ -7,6 +7,7 @@
 #include <localpool/LanguageClasses.hpp>
 
 #include <Veldspire/KException/KExceptionEnvelope.hpp>
+#include <Veldspire/String/String.hpp>
 
 #include <cmath>
 #include <limits>
@@ -218,6 +219,42 @@ TEST_F(FutureMethods, WaitTellsWhetherTheFuturesReachedTheStateAndRefusesOthers)
     EXPECT_EQ(raised("wait", 2, {f.get()}).id, "KORVEX:maxlhs");
     EXPECT_EQ(raised("wait", 1, {f.get(), finished.get(), one.get(), one.get()}).id,
               "KORVEX:maxrhs");
+}
+
+// Option names and state words may be string scalars; a missing string, a
+// string array of two, or text outside ASCII is no name at all.
+TEST_F(FutureMethods, StringScalarsAreTextWhereOptionsAndStatesAreRead) {
+    namespace str = Veldspire::String;
+    TestFuture done;
+    done.finishedWith({scalar(1)});
+    const auto f = objects({done.future});
+    const Array uni{matrix::to_korvex(str::createScalar(u"uni")), false};
+    const Array running{matrix::to_korvex(str::createScalar(u"Running")), false};
+    const Array missing{matrix::to_korvex(str::createScalar(std::nullopt)), false};
+    const Array pair{matrix::to_korvex(str::create({1, 2}, {u"uni", u"uni"})), false};
+    const Array accented{matrix::to_korvex(str::createScalar(u"uni\u00e9")), false};
+    const Array bogus{matrix::to_korvex(str::createScalar(u"Bogus")), false};
+
+    EXPECT_EQ(doublesOf(call("fetchOutputs", 1, {f.get(), uni.get(), yes.get()}).at(0)),
+              std::vector<double>{1});
+    EXPECT_TRUE(truth(call("wait", 1, {f.get(), running.get(), zero.get()}).at(0)));
+    for (const Array& notText : {missing, pair, accented}) {
+        EXPECT_EQ(raised("fetchOutputs", 1, {f.get(), notText.get(), yes.get()}).id,
+                  kFuture + "FetchOutputsSyntax");
+        EXPECT_EQ(raised("wait", 1, {f.get(), notText.get()}).id,
+                  kFuture + "FailedToInterpretState");
+    }
+
+    const RecordingFunction fn;
+    const Array h = fn.handle;
+    EXPECT_EQ(raised("afterEach", 1, {f.get(), h.get(), one.get(), missing.get(), yes.get()}).id,
+              "KORVEX:InputParser:ParamMustBeChar");
+    const Raised unmatched =
+        raised("afterEach", 1, {f.get(), h.get(), one.get(), bogus.get(), yes.get()});
+    EXPECT_EQ(unmatched.id, "KORVEX:InputParser:UnmatchedParameter");
+    ASSERT_FALSE(unmatched.arguments.empty());
+    EXPECT_EQ(unmatched.arguments[0], texts(u"Bogus")[0]);
+    EXPECT_TRUE(fn.calls->empty());
 }
 
 TEST_F(FutureMethods, CancelGoesFromTheLargestIDAndTakesNoFurtherInputs) {

@@ -205,21 +205,6 @@ private:
     }
 };
 
-// A class name given as a char row or a 0-by-0 char array.
-std::string classNameArgument(const kcos::COSValue& value) {
-    const dvArray* array = value.getArray();
-    if (array == nullptr || dvGetClassID(array) != matrix::ClassID::Char) {
-        throw errors::MustBeStringScalarOrCharacterVector();
-    }
-    const matrix::Dimensions& dims = dvGetDimensions(array);
-    const bool row = dims.size() == 2 && dims[0] == 1;
-    const bool empty = dims.size() == 2 && dims[0] == 0 && dims[1] == 0;
-    if (!row && !empty) {
-        throw errors::MustBeStringScalarOrCharacterVector();
-    }
-    return foundation::core::str::toUtf8(std::u16string(dvGetChars(array)));
-}
-
 bool isAliasOf(const dvArray* futures, kcos::InternedName classKey, const std::string& name) {
     if (name == defaultClassName() || name == "handle") {
         return true;
@@ -240,7 +225,7 @@ private:
     void doInvoke(int& numOutputs, kcos::COSValue* outputs,
                   std::span<const kcos::COSValue> inputs) const override {
         checkCounts(numOutputs, 1, inputs.size(), 2, 2);
-        const std::string name = classNameArgument(inputs.back());
+        const std::string name = parseClassName(inputs.back().getArray());
         numOutputs = 1;
         outputs[0].setArray(dvCreateLogicalScalar(isAliasOf(arrayOf(inputs[0]), classKey(), name)));
     }

@@ -2,6 +2,7 @@
 
 #include <parallel/language/future/FutureErrors.hpp>
 
+#include <Veldspire/String/String.hpp>
 #include <fl/i18n/MessageCatalog.hpp>
 #include <foundation/core/str/Utf.hpp>
 
@@ -24,28 +25,63 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b) {
            });
 }
 
+// The text of a char array of any shape or of a string scalar that is not
+// missing; nothing for any other value (null included).
+std::optional<std::u16string_view> textOf(const dvArray* array) {
+    if (array == nullptr) {
+        return std::nullopt;
+    }
+    if (dvGetClassID(array) == matrix::ClassID::Char) {
+        return dvGetChars(array);
+    }
+    if (Veldspire::String::isString(array) && dvGetNumberOfElements(array) == 1) {
+        if (const Veldspire::String::Element& element = Veldspire::String::getString(array)) {
+            return std::u16string_view(*element);
+        }
+    }
+    return std::nullopt;
+}
+
 // The text of `array` as the caller wrote it; empty when it is no text.
 std::u16string textAsPassed(const dvArray* array) {
-    if (array == nullptr || dvGetClassID(array) != matrix::ClassID::Char) {
-        return {};
-    }
-    return std::u16string(dvGetChars(array));
+    return std::u16string(textOf(array).value_or(std::u16string_view()));
 }
 
 } // namespace
 
 std::optional<std::string> asciiText(const dvArray* array) {
-    if (array == nullptr || dvGetClassID(array) != matrix::ClassID::Char) {
+    const std::optional<std::u16string_view> wide = textOf(array);
+    if (!wide) {
         return std::nullopt;
     }
     std::string text;
-    for (const char16_t c : dvGetChars(array)) {
+    for (const char16_t c : *wide) {
         if (c >= 128) {
             return std::nullopt;
         }
         text.push_back(static_cast<char>(c));
     }
     return text;
+}
+
+std::string parseClassName(const dvArray* name) {
+    if (Veldspire::String::isString(name) && dvGetNumberOfElements(name) == 1) {
+        const Veldspire::String::Element& element = Veldspire::String::getString(name);
+        if (!element) {
+            throw errors::MissingNotSupported();
+        }
+        return foundation::core::str::toUtf8(*element);
+    }
+    if (name == nullptr || dvGetClassID(name) != matrix::ClassID::Char) {
+        throw errors::MustBeStringScalarOrCharacterVector();
+    }
+    const matrix::Dimensions& dims = dvGetDimensions(name);
+    const bool row = dims.size() == 2 && dims[0] == 1;
+    const bool empty = dims.size() == 2 && dims[0] == 0 && dims[1] == 0;
+    if (!row && !empty) {
+        throw errors::MustBeStringScalarOrCharacterVector();
+    }
+    return foundation::core::str::toUtf8(std::u16string(dvGetChars(name)));
 }
 
 bool matchesOption(const dvArray* name, std::string_view option) {

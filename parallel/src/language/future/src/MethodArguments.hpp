@@ -14,9 +14,15 @@
 
 namespace parallel::language::future::binding {
 
-// `array` as ASCII text: a char array of any shape, every character below
-// 128. Empty for anything else (null included).
+// `array` as ASCII text: a char array of any shape or a string scalar that
+// is not missing, every character below 128. Empty for anything else (null
+// included).
 std::optional<std::string> asciiText(const dvArray* array);
+
+// A class name: a char row, a 0-by-0 char array or a string scalar, as
+// UTF-8. Raises MissingNotSupported for a missing string,
+// MustBeStringScalarOrCharacterVector for anything else.
+std::string parseClassName(const dvArray* name);
 
 // Whether `name` names `option`: as ASCII text, at most as long as the
 // option and equal to its first characters, letters compared without case.
