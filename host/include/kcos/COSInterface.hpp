@@ -69,9 +69,11 @@ public:
 private:
     void releaseInstanceData() noexcept;
 
+    // Read on every visit of an object array's elements: kept next to the
+    // object's start (and its reference counts).
+    bool destroyed_ = false;
     std::string className_;
     COSClass* class_ = nullptr;
-    bool destroyed_ = false;
     matrix::RootRecordPtr root_;
     std::vector<std::pair<InternedName, void*>> data_;
     std::vector<std::pair<InternedName, boost::intrusive_ptr<dvArray>>> stored_;

@@ -54,6 +54,8 @@ QZHOST_API kcos::COSInterface* omGetLiveArrayElement(dvArray* array, std::size_t
 // Every element as omGetLiveArrayElement gives it, in element order; the
 // objects stay alive while the array is neither written nor released.
 QZHOST_API std::vector<kcos::COSInterface*> omGetLiveArrayElements(const dvArray* array);
+// One element of dvGetObjects as omGetLiveArrayElement gives it.
+QZHOST_API kcos::COSInterface* omLiveObjectOf(matrix::dvObject* element) noexcept;
 // Stores the handle's object (an empty handle stores null). The array's
 // storage is detached first when shared.
 QZHOST_API void omSetArrayElement(dvArray* array, std::size_t index,

@@ -60,16 +60,20 @@ kcos::COSInterface* omGetLiveArrayElement(dvArray* array, std::size_t index) {
     return dynamic_cast<kcos::COSInterface*>(dvGetObject(array, index).get());
 }
 
+kcos::COSInterface* omLiveObjectOf(matrix::dvObject* element) noexcept {
+    // Class objects are never subclassed: the exact type tells them from
+    // error objects without a cast through the hierarchy.
+    return element != nullptr && typeid(*element) == typeid(kcos::COSInterface)
+               ? static_cast<kcos::COSInterface*>(element)
+               : nullptr;
+}
+
 std::vector<kcos::COSInterface*> omGetLiveArrayElements(const dvArray* array) {
     const auto elements = dvGetObjects(array);
     std::vector<kcos::COSInterface*> objects;
     objects.reserve(elements.size());
     for (const std::shared_ptr<matrix::dvObject>& element : elements) {
-        // Class objects are never subclassed: the exact type tells them from
-        // error objects without a cast through the hierarchy.
-        objects.push_back(element && typeid(*element) == typeid(kcos::COSInterface)
-                              ? static_cast<kcos::COSInterface*>(element.get())
-                              : nullptr);
+        objects.push_back(omLiveObjectOf(element.get()));
     }
     return objects;
 }

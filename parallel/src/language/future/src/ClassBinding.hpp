@@ -10,6 +10,7 @@
 
 #include <concepts>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -18,6 +19,10 @@ namespace parallel::language::future {
 // The class binding's access to what FutureBase keeps private.
 struct FutureBaseAccess {
     static void setCosi(FutureBase& future, kcos::COSInterface* object) { future.setCosi(object); }
+    static auto fetchNextBorrowed(std::span<FutureBase* const> futures, unsigned int numOutputs,
+                                  Seconds timeout) {
+        return FutureBase::fetchNextBorrowed(futures, numOutputs, timeout);
+    }
 };
 
 namespace binding {

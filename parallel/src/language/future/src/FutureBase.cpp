@@ -143,10 +143,11 @@ void raiseExecutionErrors(const PerTaskVariant<std::exception_ptr>& errors,
     throw failure;
 }
 
-// One future waiting in fetchNext.
+// One future waiting in fetchNext, owned while it waits.
 struct FetchNextWaitableFuture {
     std::size_t index;
     boost::shared_future<void> future;
+    std::shared_ptr<FutureBase> owner;
 };
 using Candidates = std::vector<FetchNextWaitableFuture>;
 
@@ -516,16 +517,18 @@ DvArrayVector FutureBase::fetchOutputs(std::vector<std::shared_ptr<FutureBase>> 
     return concatenateEach(std::move(perFuture), numOutputs);
 }
 
+// Every future is reached through futures[i], an owning or a borrowed
+// pointer. Before running any queued work (which may run language code that
+// deletes future objects) the futures still needed are owned here.
+template <class Futures>
 std::tuple<FetchNextState, std::size_t, DvArrayVector>
-FutureBase::fetchNext(std::vector<std::shared_ptr<FutureBase>> futures, unsigned int numOutputs,
-                      Seconds timeout) {
-    const auto fetch = [&](std::size_t index) {
+FutureBase::fetchNextAmong(const Futures& futures, unsigned int numOutputs, Seconds timeout) {
+    const auto fetch = [numOutputs](std::size_t index, const std::shared_ptr<FutureBase>& future) {
         runParallelQueue();
-        return std::tuple(FetchNextState::Fetched, index, futures[index]->doFetchNext(numOutputs));
+        return std::tuple(FetchNextState::Fetched, index, future->doFetchNext(numOutputs));
     };
     bool someSubmitted = false;
     Candidates candidates;
-    candidates.reserve(futures.size());
     for (std::size_t i = 0; i < futures.size(); ++i) {
         FutureBase& future = *futures[i];
         if (future.isMultiFuture()) {
@@ -547,9 +550,9 @@ FutureBase::fetchNext(std::vector<std::shared_ptr<FutureBase>> futures, unsigned
         someSubmitted = true;
         boost::shared_future<void> waitable = future.doGetWaitableFuture();
         if (waitable.is_ready()) {
-            return fetch(i);
+            return fetch(i, future.shared_from_this());
         }
-        candidates.push_back({i, std::move(waitable)});
+        candidates.push_back({i, std::move(waitable), future.shared_from_this()});
     }
     if (candidates.empty()) {
         return {
@@ -560,7 +563,19 @@ FutureBase::fetchNext(std::vector<std::shared_ptr<FutureBase>> futures, unsigned
     if (ready == candidates.cend()) {
         return {FetchNextState::TimedOut, 0, {}};
     }
-    return fetch(ready->index);
+    return fetch(ready->index, ready->owner);
+}
+
+std::tuple<FetchNextState, std::size_t, DvArrayVector>
+FutureBase::fetchNext(std::vector<std::shared_ptr<FutureBase>> futures, unsigned int numOutputs,
+                      Seconds timeout) {
+    return fetchNextAmong(futures, numOutputs, timeout);
+}
+
+std::tuple<FetchNextState, std::size_t, DvArrayVector>
+FutureBase::fetchNextBorrowed(std::span<FutureBase* const> futures, unsigned int numOutputs,
+                              Seconds timeout) {
+    return fetchNextAmong(futures, numOutputs, timeout);
 }
 
 bool FutureBase::isEqual(const std::vector<std::shared_ptr<FutureBase>>& a,

@@ -16,6 +16,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <tuple>
 #include <vector>
 
@@ -186,6 +187,14 @@ private:
     void initOutputsOrErrorIfNeeded();
     bool isOutputsOrErrorCached() const;
     DvArrayVector doFetchNext(unsigned int numOutputs);
+    // fetchNext over futures the caller holds alive for the call without
+    // owning them; what must outlive a wait is owned inside.
+    static std::tuple<FetchNextState, std::size_t, DvArrayVector>
+    fetchNextBorrowed(std::span<FutureBase* const> futures, unsigned int numOutputs,
+                      Seconds timeout);
+    template <class Futures>
+    static std::tuple<FetchNextState, std::size_t, DvArrayVector>
+    fetchNextAmong(const Futures& futures, unsigned int numOutputs, Seconds timeout);
     void setRead(bool read) noexcept { read_ = read; }
     // Remembers `object` as the own language object and accounts every owned
     // array's memory to it.
@@ -198,11 +207,11 @@ private:
     PropertyDvArray function_;
     long long id_ = invalidID;
     unsigned int numOutputs_ = 0;
+    bool read_ = false; // next to id_: both read on every fetchNext visit
     kcos::COSInterfacePtr parent_;
     PropertyDvArray predecessors_;
     PerTaskVariant<PropertyDvArray> inputs_;
     PerTaskVariant<OutputsOrErrorPropertyDvArray> outputsOrError_;
-    bool read_ = false;
     kcos::COSInterfacePtr cosi_;
 };
 
