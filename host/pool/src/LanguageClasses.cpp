@@ -23,7 +23,7 @@ namespace {
 using parallel::language::future::FutureBase;
 
 std::mutex gPoolMutex;
-std::shared_ptr<LocalPool> gPool; // guarded by gPoolMutex
+std::shared_ptr<executor::Executor> gPool; // guarded by gPoolMutex
 
 kcos::InternedName intern(const char* name) {
     return kcos::internal::makeInterned(name);
@@ -33,8 +33,8 @@ kcos::COSDataTypePtr typeNamed(const char* name) {
     return kcos::COSTypeRepository::getType(intern(name));
 }
 
-std::shared_ptr<LocalPool> requirePool() {
-    std::shared_ptr<LocalPool> pool = getLanguagePool();
+std::shared_ptr<executor::Executor> requirePool() {
+    std::shared_ptr<executor::Executor> pool = getLanguagePool();
     if (!pool) {
         throw errors::NoPool();
     }
@@ -89,7 +89,7 @@ public:
             }
             arguments.emplace_back(matrix::to_korvex(matrix::detail::do_shared_copy(input)), false);
         }
-        const std::shared_ptr<LocalPool> pool = requirePool();
+        const std::shared_ptr<executor::Executor> pool = requirePool();
         std::shared_ptr<FutureBase> future;
         if (kind_ == Kind::OneWorker) {
             future = pool->submit(std::move(function), count, std::move(arguments));
@@ -149,6 +149,9 @@ public:
         if (numInputs < 2) {
             matrix::detail::error_minrhs();
         }
+        if (inputs[0].getArray() == nullptr || dvGetNumberOfElements(inputs[0].getArray()) != 1) {
+            throw errors::InvalidArgument(); // one queue object, not an empty array
+        }
         kcos::COSInterface* queue = omGetLiveArrayElement(inputs[0].getArray(), 0);
         const dvArray* submitted = inputs[1].getArray();
         if (queue == nullptr || queue->isDestroyed()) {
@@ -205,12 +208,12 @@ void registerLanguageClasses() {
     });
 }
 
-void setLanguagePool(std::shared_ptr<LocalPool> pool) {
+void setLanguagePool(std::shared_ptr<executor::Executor> pool) {
     const std::lock_guard lock(gPoolMutex);
     gPool = std::move(pool);
 }
 
-std::shared_ptr<LocalPool> getLanguagePool() {
+std::shared_ptr<executor::Executor> getLanguagePool() {
     const std::lock_guard lock(gPoolMutex);
     return gPool;
 }

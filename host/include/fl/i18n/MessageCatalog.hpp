@@ -24,9 +24,10 @@ class QZHOST_API MessageCatalog {
 public:
     // The text of `id` with the arguments filled in. An identifier the
     // catalogue lacks gives the identifier itself, followed by the arguments.
-    static std::u16string get_message(const foundation::core::except::MessageID& id,
-                                      const foundation::core::except::MessageArguments& arguments = {},
-                                      const QzLocale& locale = QzLocale::global());
+    static std::u16string
+    get_message(const foundation::core::except::MessageID& id,
+                const foundation::core::except::MessageArguments& arguments = {},
+                const QzLocale& locale = QzLocale::global());
     static bool has_message(const foundation::core::except::MessageID& id);
 };
 

@@ -15,9 +15,10 @@
 //       "submitFutures"(queue, futures): hands futures to the queue; its
 //       property "Futures" lists every future handed to it, in order.
 //
-// The evaluations run on the pool set with setLanguagePool. Interpreter
-// thread, except where noted.
+// The evaluations run on the pool set with setLanguagePool: any executor,
+// the local pool or a cluster pool. Interpreter thread, except where noted.
 
+#include <executor/Executor.hpp>
 #include <localpool/LocalPool.hpp>
 
 #include <memory>
@@ -29,8 +30,9 @@ namespace localpool {
 void registerLanguageClasses();
 
 // The pool that language code runs evaluations on; null stops evaluations
-// ("KORVEX:localpool:NoPool"). Any thread.
-void setLanguagePool(std::shared_ptr<LocalPool> pool);
-std::shared_ptr<LocalPool> getLanguagePool();
+// ("KORVEX:localpool:NoPool"). A std::shared_ptr to any pool converts.
+// Any thread.
+void setLanguagePool(std::shared_ptr<executor::Executor> pool);
+std::shared_ptr<executor::Executor> getLanguagePool();
 
 } // namespace localpool

@@ -115,10 +115,32 @@ const std::unordered_map<std::string_view, std::u16string_view>& catalogue() {
         {"KORVEX:UndefinedFunction", u"Undefined function '{0}'."},
         // The local pool's language classes.
         {"KORVEX:localpool:NoPool", u"No pool is open to run the evaluation on."},
-        {"KORVEX:localpool:InvalidFunction", u"The function to evaluate must be a function handle."},
+        {"KORVEX:localpool:InvalidFunction",
+         u"The function to evaluate must be a function handle."},
         {"KORVEX:localpool:InvalidNumOutputs",
          u"The number of outputs must be a whole, non-negative double scalar."},
         {"KORVEX:localpool:InvalidArgument", u"Invalid argument to the pool's queue."},
+        // The cluster pool.
+        {"KORVEX:mpipool:UnregisteredFunction",
+         u"The function '{0}' is not registered for the cluster. Register it with "
+         u"mpipool::registerFunction, the same way on every process."},
+        {"KORVEX:mpipool:DuplicateFunction", u"A function named '{0}' is registered already."},
+        {"KORVEX:mpipool:UnsupportedArray",
+         u"Arrays of class '{0}' cannot be sent to another process. Send double, logical, char, "
+         u"cell or struct arrays, or handles of registered functions."},
+        {"KORVEX:mpipool:InvalidFunction", u"The function to evaluate must be a function handle."},
+        {"KORVEX:mpipool:InvalidNumWorkers",
+         u"A cluster pool needs between 1 and {1} workers; {0} were asked for."},
+        {"KORVEX:mpipool:NoWorkers",
+         u"The cluster has no worker processes. Start the program with mpirun -n 2 or more."},
+        {"KORVEX:mpipool:PoolShutDown", u"The cluster pool is shut down and takes no more work."},
+        {"KORVEX:mpipool:PoolAlreadyOpen",
+         u"A cluster pool is open already. Shut it down before opening another."},
+        {"KORVEX:mpipool:NotClient",
+         u"Only the client process (rank 0) opens cluster pools; worker processes serve."},
+        {"KORVEX:mpipool:ClusterExists", u"The cluster is started once per process."},
+        {"KORVEX:mpipool:UnreadableMessage",
+         u"A message from another process of the cluster could not be read: {0}"},
         // The class-object system.
         {"KORVEX:kcos:UndefinedClass", u"Unable to find the class '{0}'."},
         {"KORVEX:kcos:NoSuchProperty", u"Unrecognised property '{0}' of class '{1}'."},
@@ -130,8 +152,7 @@ const std::unordered_map<std::string_view, std::u16string_view>& catalogue() {
         {"KORVEX:kcos:InvalidHandle", u"Invalid or deleted object."},
         {"KORVEX:kcos:ScalarObjectRequired",
          u"Properties can be read and set on a single object only."},
-        {"KORVEX:kcos:InvalidInputType",
-         u"Input {1} of the method '{0}' must be of type '{2}'."},
+        {"KORVEX:kcos:InvalidInputType", u"Input {1} of the method '{0}' must be of type '{2}'."},
         // Host classes (datetime, duration, displayer, queues).
         {"KORVEX:datetime:InvalidInput",
          u"Invalid datetime arguments. Use datetime(X, 'ConvertFrom', 'epochtime', "

@@ -1,0 +1,76 @@
+#pragma once
+
+// Encoding of the messages of Protocol.hpp with Boost.Serialization binary
+// archives. Arrays cross as values: double, logical and char arrays with
+// their elements, cell and struct arrays element by element, function
+// handles by registered name; any dimensions, empty ones included. Errors
+// cross as envelopes: identifiers, message arguments and text, call stack and
+// causes. Every process of a cluster runs the same build on the same kind of
+// machine, so the archives' binary layout is shared.
+//
+// Threads: any thread; the functions share no state.
+
+#include "Protocol.hpp"
+
+#include <parallel/language/future/OutputsOrErrorPropertyDvArray.hpp>
+
+#include <Veldspire/KException/KExceptionEnvelope.hpp>
+#include <matrix/dvArray.hpp>
+
+#include <cstdint>
+#include <exception>
+#include <optional>
+#include <string>
+
+namespace mpipool::codec {
+
+using parallel::language::future::DvArrayVector;
+using parallel::language::future::OutputsOrError;
+using TaskId = std::uint64_t;
+
+// kTask. Throws KORVEX:mpipool:UnregisteredFunction (the function, or a
+// function handle among the inputs, is not registered) and
+// KORVEX:mpipool:UnsupportedArray (an input cannot be sent).
+protocol::Bytes encodeTask(TaskId id, const dvArray* function, unsigned int numOutputs,
+                           const DvArrayVector& inputs);
+
+struct TaskMessage {
+    TaskId id = 0;
+    std::string function;
+    unsigned int numOutputs = 0;
+    DvArrayVector inputs;
+    // Set when the inputs could not be rebuilt here (say, a function handle
+    // whose name this process does not know): the evaluation fails with it.
+    std::exception_ptr inputError;
+};
+// Throws KORVEX:mpipool:UnreadableMessage when not even the id can be read.
+TaskMessage decodeTask(const protocol::Bytes& bytes);
+
+// kStop and kStarted carry a task id only.
+protocol::Bytes encodeTaskId(TaskId id);
+TaskId decodeTaskId(const protocol::Bytes& bytes);
+
+// What became of an evaluation on its worker.
+enum class Outcome : std::uint8_t { Outputs, Error };
+
+// kResult. Outputs that cannot be sent turn into the error that says so; an
+// error is sent as the envelope the language would see locally.
+protocol::Bytes encodeResult(TaskId id, Outcome outcome, const OutputsOrError& result,
+                             const std::u16string& diary);
+
+struct ResultMessage {
+    TaskId id = 0;
+    Outcome outcome = Outcome::Outputs;
+    // Outputs, or the error as a Veldspire::KException::KExceptionEnvelope.
+    OutputsOrError result{std::optional<DvArrayVector>()};
+    std::u16string diary;
+};
+// Outputs that cannot be rebuilt here become the error that says so. Throws
+// KORVEX:mpipool:UnreadableMessage when not even the id can be read.
+ResultMessage decodeResult(const protocol::Bytes& bytes);
+
+// The envelope the language would make of `error` (the same conversion the
+// futures library applies to the errors of local work).
+Veldspire::KException::KExceptionEnvelope toEnvelope(const std::exception_ptr& error);
+
+} // namespace mpipool::codec

@@ -1,0 +1,144 @@
+// The cluster pool's tests run under mpirun: every process registers the
+// same functions; rank 0 runs the tests, the other ranks serve until rank 0
+// ends the cluster.
+#include "ClusterTestSupport.hpp"
+
+#include <mpipool/FunctionRegistry.hpp>
+
+#include <localpool/LanguageClasses.hpp>
+#include <localpool/LocalPool.hpp>
+#include <parallel/language/future/FutureErrors.hpp>
+#include <parallel/language/future/Module.hpp>
+
+#include <Veldspire/KException/KExceptionEnvelope.hpp>
+#include <kcos/array.hpp>
+#include <kvm/KVM.hpp>
+
+#include <atomic>
+#include <stdexcept>
+#include <thread>
+
+namespace mpipool::testing {
+
+Cluster* gCluster = nullptr; // set by main on rank 0
+
+namespace {
+
+std::atomic<int> gTally{0};
+
+DvArrayVector one(Array value) {
+    return DvArrayVector{std::move(value)};
+}
+
+double firstValue(const DvArrayVector& in) {
+    return in.empty() ? 0.0 : valueOf(in[0].get());
+}
+
+[[noreturn]] void fail(double how) {
+    using Veldspire::KException::KExceptionEnvelope;
+    if (how == 1) {
+        throw std::runtime_error("boom");
+    }
+    if (how == 2) {
+        KExceptionEnvelope outer("test:outer", u"outer failed");
+        outer.AddCause(KExceptionEnvelope("test:first", u"first cause"));
+        outer.AddCause(KExceptionEnvelope(future::errors::StdException(u"second cause"),
+                                          matrix::dvCreateStackStruct(0)));
+        throw outer;
+    }
+    if (how == 3) {
+        matrix::detail::error_minrhs();
+    }
+    throw 42;
+}
+
+} // namespace
+
+void registerFunctions() {
+    registerFunction("plusOne", [](std::size_t, const DvArrayVector& in) {
+        kvm::print(u"adding one\n");
+        return one(scalar(firstValue(in) + 1));
+    });
+    registerFunction("identity", [](std::size_t, const DvArrayVector& in) { return in; });
+    registerFunction("callFirst", [](std::size_t numOutputs, const DvArrayVector& in) {
+        return dvInvokeFunctionHandle(in.at(0).get(), numOutputs,
+                                      DvArrayVector(in.begin() + 1, in.end()));
+    });
+    registerFunction("fail", [](std::size_t, const DvArrayVector& in) -> DvArrayVector {
+        fail(firstValue(in));
+    });
+    registerFunction("untilStopped", [](std::size_t, const DvArrayVector&) {
+        while (!stopRequested() && !localpool::stopRequested()) {
+            std::this_thread::yield();
+        }
+        return one(scalar(1));
+    });
+    registerFunction("tally",
+                     [](std::size_t, const DvArrayVector&) { return one(scalar(++gTally)); });
+    registerFunction("tallySoFar",
+                     [](std::size_t, const DvArrayVector&) { return one(scalar(gTally)); });
+    registerFunction("rank",
+                     [](std::size_t, const DvArrayVector&) { return one(scalar(thisRank())); });
+    registerFunction("giveObject", [](std::size_t, const DvArrayVector&) {
+        const Veldspire::KException::KExceptionEnvelope error("test:object", u"an object");
+        return one(
+            Array(matrix::to_korvex(kcos::array::create(error.GetExceptionObject())), false));
+    });
+}
+
+Cluster& cluster() {
+    return *gCluster;
+}
+
+Array scalar(double value) {
+    return Array(matrix::to_korvex(dvCreateDoubleScalar(value)), false);
+}
+
+Array text(const char* utf8) {
+    return Array(matrix::to_korvex(matrix::create(utf8, std::char_traits<char>::length(utf8))),
+                 false);
+}
+
+Array handle(const char* registeredName) {
+    return functionHandle(registeredName);
+}
+
+double valueOf(const dvArray* array) {
+    return dvGetDoubles(array)[0];
+}
+
+bool reaches(const std::shared_ptr<future::FevalFuture>& f, FutureState state) {
+    return f->getTask()->wait(state, future::clock::getCurrentSteadyTime() + future::Seconds(60));
+}
+
+double outputOf(const std::shared_ptr<future::FevalFuture>& f) {
+    EXPECT_TRUE(reaches(f, FutureState::Finished));
+    const auto result = f->getTask()->getOutputsOrError();
+    if (result.hasError() || !result.value() || result.value()->empty()) {
+        ADD_FAILURE() << "no output; error: " << errorOf(f);
+        return -1;
+    }
+    return valueOf(result.value()->at(0).get());
+}
+
+std::string errorOf(const std::shared_ptr<future::FevalFuture>& f) {
+    EXPECT_TRUE(reaches(f, FutureState::Finished));
+    const matrix::unique_dvArray error = f->getErrorAsDvArray();
+    return error ? Veldspire::KException::KExceptionEnvelope(error.get()).GetMessageID().str() : "";
+}
+
+} // namespace mpipool::testing
+
+int main(int argc, char** argv) {
+    ::testing::InitGoogleTest(&argc, argv);
+    mpipool::testing::registerFunctions();
+    mpipool::Cluster cluster(argc, argv);
+    if (!cluster.isClient()) {
+        return cluster.serve();
+    }
+    mpipool::testing::gCluster = &cluster;
+    KVInitialize_libqzparallellanguagefuture();
+    localpool::registerLanguageClasses();
+    const auto interpreter = kvm::KVM::create();
+    return RUN_ALL_TESTS();
+}

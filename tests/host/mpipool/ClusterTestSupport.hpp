@@ -1,0 +1,71 @@
+#pragma once
+
+// Shared by the cluster pool's tests, which run under mpirun: the functions
+// every process registers, and short ways to build arrays and read futures.
+// Rank 0 runs the tests with an interpreter on its main thread; the other
+// ranks serve (see ClusterTestMain.cpp).
+
+#include <mpipool/Cluster.hpp>
+#include <mpipool/MpiPool.hpp>
+
+#include <parallel/language/future/FutureBase.hpp>
+
+#include <Veldspire/KException/KExceptionEnvelope.hpp>
+#include <foundation/core/except/Exception.hpp>
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace mpipool::testing {
+
+namespace future = parallel::language::future;
+using future::FutureState;
+using Array = boost::intrusive_ptr<dvArray>;
+
+// The registered functions (see ClusterTestMain.cpp):
+//   "plusOne"      x + 1 (1 without inputs); prints "adding one"
+//   "identity"     its inputs as its outputs
+//   "callFirst"    calls its first input (a function handle) on the others
+//   "fail"         fails as its input says: 1 std::runtime_error, 2 an
+//                  envelope with two causes, 3 a host typed error, 4 a non-exception
+//   "untilStopped" waits until its task is asked to stop, then gives 1
+//   "tally"        counts its calls in the process; gives the count so far
+//   "tallySoFar"   the count so far, without counting
+//   "rank"         the rank of the process that runs it
+//   "giveObject"   gives an error object, which cannot be sent
+void registerFunctions();
+
+// The cluster of this process (rank 0 while tests run).
+Cluster& cluster();
+extern Cluster* gCluster;
+
+Array scalar(double value);
+Array text(const char* utf8);
+Array handle(const char* registeredName);
+double valueOf(const dvArray* array);
+
+// Waits (generously, so that a fault fails rather than hangs) for the task
+// of `f` to reach `state`.
+bool reaches(const std::shared_ptr<future::FevalFuture>& f, FutureState state);
+// The first output of `f`, once finished.
+double outputOf(const std::shared_ptr<future::FevalFuture>& f);
+// The message identifier of the error of `f` ("" without one).
+std::string errorOf(const std::shared_ptr<future::FevalFuture>& f);
+// The message identifier of a host typed error or error envelope thrown by
+// `call` ("" when none).
+template <class Call>
+std::string thrownBy(Call call) {
+    try {
+        call();
+    } catch (const foundation::core::except::IMsgIDException& e) {
+        return e.get_message_id().str();
+    } catch (const Veldspire::KException::KExceptionEnvelope& e) {
+        return e.GetMessageID().str();
+    }
+    return "";
+}
+
+inline constexpr const char* kCancelled = "KORVEX:parallel:future:ExecutionCancelled";
+
+} // namespace mpipool::testing

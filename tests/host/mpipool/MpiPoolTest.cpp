@@ -1,0 +1,239 @@
+// The cluster pool on its own: evaluations on worker processes read like
+// evaluations on worker threads, cancellation and shutdown reach the workers,
+// and bad input is refused without losing anything.
+#include "ClusterTestSupport.hpp"
+
+#include <mpipool/FunctionRegistry.hpp>
+
+#include <localpool/LocalPool.hpp>
+
+#include <Veldspire/KException/KExceptionEnvelope.hpp>
+#include <foundation/core/str/Utf.hpp>
+#include <kcos/array.hpp>
+
+#include <set>
+
+namespace mpipool::testing {
+namespace {
+
+using Envelope = Veldspire::KException::KExceptionEnvelope;
+using FuturePtr = std::shared_ptr<future::FevalFuture>;
+
+std::string messageOf(const FuturePtr& f) {
+    EXPECT_TRUE(reaches(f, FutureState::Finished));
+    const matrix::unique_dvArray error = f->getErrorAsDvArray();
+    return error ? foundation::core::str::toUtf8(Envelope(error.get()).GetMessage()) : "";
+}
+
+// Arrays of every kind that crosses processes, nested and empty ones included.
+DvArrayVector everyKind() {
+    matrix::unique_dvArray matrix23 =
+        matrix::detail::do_create_numeric({2, 3}, matrix::ClassID::Double);
+    for (std::size_t i = 0; i < 6; ++i) {
+        dvGetMutableDoubles(matrix23.get())[i] = 0.5 * static_cast<double>(i) - 1;
+    }
+    matrix::unique_dvArray flags =
+        matrix::detail::do_create_numeric({1, 3}, matrix::ClassID::Logical);
+    dvGetMutableLogicals(flags.get())[1] = 1;
+    matrix::unique_dvArray record = matrix::detail::do_create_struct({1, 2}, {"name", "value"});
+    dvSetField(record.get(), 0, "name", matrix::create(u"\u00e9t\u00e9", 3));
+    dvSetField(record.get(), 1, "value", dvCreateDoubleScalar(7));
+    matrix::unique_dvArray cell = matrix::detail::do_create_cell({2, 2});
+    dvSetCell(cell.get(), 0, std::move(record));
+    dvSetCell(cell.get(), 1, matrix::from_korvex(handle("plusOne").detach()));
+    dvSetCell(cell.get(), 3, dvCreateLogicalScalar(true)); // element 2 stays empty
+    auto array = [](matrix::unique_dvArray a) {
+        return Array(matrix::to_korvex(std::move(a)), false);
+    };
+    return {array(std::move(matrix23)),
+            array(std::move(flags)),
+            array(matrix::createChars({2, 2}, u"abcd")),
+            array(std::move(cell)),
+            array(matrix::detail::do_create_numeric({0, 0}, matrix::ClassID::Double)),
+            array(matrix::createChars({1, 0}, u"")),
+            array(matrix::detail::do_create_struct({0, 1}, {"field"})),
+            handle("identity")};
+}
+
+TEST(MpiPool, RoundTripKeepsOutputsStatesTimesAndDiary) {
+    MpiPool pool(cluster());
+    EXPECT_EQ(pool.getNumWorkers(), static_cast<std::size_t>(cluster().getSize() - 1));
+    const FuturePtr f = pool.submit(handle("plusOne"), 1, {scalar(41)});
+    EXPECT_EQ(outputOf(f), 42);
+    EXPECT_EQ(f->getState(), FutureState::Finished);
+    EXPECT_EQ(f->getTask()->getDiary(), u"adding one\n");
+    EXPECT_GT(f->getStartTime().time_since_epoch().count(), 0.0);
+    EXPECT_LE(f->getStartTime(), f->getFinishTime());
+}
+
+// The same functions on the same inputs, on worker threads and on worker
+// processes: equal outputs, equal errors (identifiers, texts, arguments and
+// causes), equal diaries.
+TEST(MpiPool, FuturesReadTheSameAsOnTheLocalPool) {
+    struct Case {
+        const char* function;
+        unsigned int numOutputs;
+        DvArrayVector inputs;
+    };
+    const DvArrayVector kinds = everyKind();
+    const std::vector<Case> cases = {
+        {"identity", static_cast<unsigned int>(kinds.size()), kinds},
+        {"callFirst", 1, {handle("plusOne"), scalar(2)}},
+        {"plusOne", 0, {}},
+        {"plusOne", 3, {scalar(1)}}, // too many outputs asked for
+        {"fail", 1, {scalar(1)}},
+        {"fail", 1, {scalar(2)}},
+        {"fail", 1, {scalar(3)}},
+        {"fail", 1, {scalar(4)}},
+    };
+    localpool::LocalPool local(2);
+    MpiPool remote(cluster());
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.function);
+        const FuturePtr here = local.submit(handle(c.function), c.numOutputs, c.inputs);
+        const FuturePtr there = remote.submit(handle(c.function), c.numOutputs, c.inputs);
+        ASSERT_TRUE(reaches(here, FutureState::Finished));
+        ASSERT_TRUE(reaches(there, FutureState::Finished));
+        EXPECT_EQ(here->getTask()->getDiary(), there->getTask()->getDiary());
+        const matrix::unique_dvArray hereError = here->getErrorAsDvArray();
+        const matrix::unique_dvArray thereError = there->getErrorAsDvArray();
+        ASSERT_EQ(hereError == nullptr, thereError == nullptr);
+        if (hereError) {
+            EXPECT_EQ(Envelope(hereError.get()), Envelope(thereError.get()))
+                << Envelope(hereError.get()).what() << " / " << Envelope(thereError.get()).what();
+        } else {
+            EXPECT_TRUE(
+                dvIsEqual(here->getOutputsAsDvArray().get(), there->getOutputsAsDvArray().get()));
+        }
+    }
+}
+
+TEST(MpiPool, AnErrorComesBackWithItsCausesAndTheWorkerCarriesOn) {
+    MpiPool pool(cluster(), 1);
+    const FuturePtr failed = pool.submit(handle("fail"), 1, {scalar(2)});
+    ASSERT_TRUE(reaches(failed, FutureState::Finished));
+    const Envelope error(failed->getErrorAsDvArray().get());
+    EXPECT_EQ(error.GetID(), "test:outer");
+    EXPECT_EQ(error.GetMessage(), u"outer failed");
+    ASSERT_EQ(error.GetCauses().size(), 2u);
+    EXPECT_EQ(error.GetCauses()[0].GetID(), "test:first");
+    EXPECT_EQ(error.GetCauses()[1].GetID(), "KORVEX:parallel:future:StdException");
+    EXPECT_EQ(error.GetCauses()[1].GetMessage(), u"An error occurred: second cause");
+    // The one worker survived the error, and a non-exception failure too.
+    EXPECT_EQ(errorOf(pool.submit(handle("fail"), 1, {scalar(4)})),
+              "KORVEX:parallel:future:UnknownGetErrors");
+    EXPECT_EQ(outputOf(pool.submit(handle("plusOne"), 1, {scalar(1)})), 2);
+}
+
+TEST(MpiPool, CancelSkipsQueuedWorkAndStopsRunningWork) {
+    MpiPool pool(cluster());
+    std::vector<FuturePtr> running;
+    for (std::size_t i = 0; i < pool.getNumWorkers(); ++i) {
+        running.push_back(pool.submit(handle("untilStopped"), 1, {}));
+    }
+    for (const auto& f : running) {
+        ASSERT_TRUE(reaches(f, FutureState::Running));
+    }
+    const FuturePtr queued = pool.submit(handle("tally"), 1, {});
+    EXPECT_EQ(queued->getState(), FutureState::Queued);
+    queued->cancel();
+    EXPECT_EQ(errorOf(queued), kCancelled);
+    for (const auto& f : running) {
+        f->cancel();
+        EXPECT_EQ(errorOf(f), kCancelled);
+    }
+    // Every worker is free again, and none ever ran the cancelled tally.
+    const auto counts = pool.submitOnAll(handle("tallySoFar"), 1, {});
+    const DvArrayVector all = future::FutureBase::fetchOutputs({counts}, true, 1);
+    for (const double count : dvGetDoubles(all.at(0).get())) {
+        EXPECT_EQ(count, 0);
+    }
+}
+
+TEST(MpiPool, EvaluatesOnceOnEveryWorker) {
+    MpiPool pool(cluster());
+    const auto f = pool.submitOnAll(handle("rank"), 1, {});
+    const DvArrayVector ranks = future::FutureBase::fetchOutputs({f}, true, 1);
+    const auto values = dvGetDoubles(ranks.at(0).get());
+    const std::set<double> distinct(values.begin(), values.end());
+    EXPECT_EQ(values.size(), pool.getNumWorkers());
+    EXPECT_EQ(distinct.size(), pool.getNumWorkers());
+    EXPECT_EQ(*distinct.begin(), 1); // workers are ranks 1, 2, ...
+}
+
+TEST(MpiPool, ShutdownStopsRunningWorkCancelsQueuedWorkAndFreesTheWorkers) {
+    std::vector<FuturePtr> running;
+    FuturePtr queued;
+    {
+        MpiPool pool(cluster());
+        for (std::size_t i = 0; i < pool.getNumWorkers(); ++i) {
+            running.push_back(pool.submit(handle("untilStopped"), 1, {}));
+        }
+        for (const auto& f : running) {
+            ASSERT_TRUE(reaches(f, FutureState::Running));
+        }
+        queued = pool.submit(handle("plusOne"), 1, {});
+        EXPECT_EQ(thrownBy([] { MpiPool{cluster()}; }), "KORVEX:mpipool:PoolAlreadyOpen");
+    }
+    // Asked to stop by the shutdown, the running functions return normally.
+    for (const auto& f : running) {
+        EXPECT_EQ(outputOf(f), 1);
+    }
+    EXPECT_EQ(errorOf(queued), kCancelled);
+    MpiPool next(cluster());
+    EXPECT_EQ(outputOf(next.submit(handle("plusOne"), 1, {scalar(9)})), 10);
+}
+
+TEST(MpiPool, RefusesWhatCannotBeSentAndLosesNothing) {
+    MpiPool pool(cluster());
+    const FuturePtr before = pool.submit(handle("plusOne"), 1, {scalar(1)});
+    const Array unregistered(matrix::to_korvex(matrix::createFunctionHandle("notRegistered", {})),
+                             false);
+    EXPECT_EQ(thrownBy([&] { pool.submit(unregistered, 1, {}); }),
+              "KORVEX:mpipool:UnregisteredFunction");
+    try {
+        pool.submitOnAll(handle("identity"), 1, {unregistered});
+        ADD_FAILURE() << "an unregistered function handle was sent";
+    } catch (const std::exception& e) {
+        EXPECT_NE(std::string(e.what()).find("'notRegistered'"), std::string::npos) << e.what();
+    }
+    const Array object(
+        matrix::to_korvex(kcos::array::create(Envelope("a:b", u"c").GetExceptionObject())), false);
+    EXPECT_EQ(thrownBy([&] {
+                  pool.submit(handle("identity"), 1, {scalar(1), object});
+              }),
+              "KORVEX:mpipool:UnsupportedArray");
+    EXPECT_EQ(thrownBy([&] { pool.submit(nullptr, 1, {}); }), "KORVEX:mpipool:InvalidFunction");
+    EXPECT_EQ(thrownBy([&] { pool.submit(scalar(1), 1, {}); }), "KORVEX:mpipool:InvalidFunction");
+    EXPECT_EQ(thrownBy([&] { registerFunction("plusOne", {}); }),
+              "KORVEX:mpipool:DuplicateFunction");
+
+    // Failures on the worker become the future's error.
+    const FuturePtr object_out = pool.submit(handle("giveObject"), 1, {});
+    EXPECT_EQ(errorOf(object_out), "KORVEX:mpipool:UnsupportedArray");
+    EXPECT_NE(messageOf(object_out).find("'KException'"), std::string::npos);
+    EXPECT_EQ(errorOf(pool.submit(handle("plusOne"), 4000000000u, {})), "KORVEX:maxlhs");
+
+    EXPECT_EQ(outputOf(before), 2);
+    EXPECT_EQ(outputOf(pool.submit(handle("plusOne"), 1, {scalar(2)})), 3);
+
+    pool.shutdown();
+    EXPECT_EQ(thrownBy([&] { pool.submit(handle("plusOne"), 1, {}); }),
+              "KORVEX:mpipool:PoolShutDown");
+    EXPECT_EQ(thrownBy([&] { pool.submitOnAll(handle("plusOne"), 1, {}); }),
+              "KORVEX:mpipool:PoolShutDown");
+}
+
+TEST(MpiPool, RefusesWorkerCountsTheClusterCannotGive) {
+    const auto available = static_cast<std::size_t>(cluster().getSize() - 1);
+    EXPECT_EQ(thrownBy([] { MpiPool{cluster(), 0}; }), "KORVEX:mpipool:InvalidNumWorkers");
+    EXPECT_EQ(thrownBy([&] {
+                  MpiPool{cluster(), available + 1};
+              }),
+              "KORVEX:mpipool:InvalidNumWorkers");
+    MpiPool one(cluster(), 1);
+    EXPECT_EQ(one.getNumWorkers(), 1u);
+}
+
+} // namespace
+} // namespace mpipool::testing
