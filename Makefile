@@ -7,6 +7,7 @@
 #                   'concurrency' tests under TSan         (build/tsan)
 #   make bench      build and run the benchmarks           (build/bench)
 #   make format     clang-format the sources in place
+#   make format-check  fail when a source is not clang-formatted
 #   make clean      remove build/
 
 SHELL := bash
@@ -36,7 +37,7 @@ FORMAT_DIRS := host parallel tests bench examples
 # The targets share build folders and the machine's cores: run them one at a time.
 .NOTPARALLEL:
 
-.PHONY: demo test sanitize sanitize-address sanitize-thread bench format clean bootstrap
+.PHONY: demo test sanitize sanitize-address sanitize-thread bench format format-check clean bootstrap
 
 bootstrap:
 	@bash scripts/bootstrap
@@ -75,10 +76,15 @@ bench: bootstrap
 	  "$$executable" $(BENCH_ARGS); \
 	done < build/bench/benchmarks.list
 
+FORMAT_SOURCES := find $(FORMAT_DIRS) -type f \( -name '*.cpp' -o -name '*.hpp' -o -name '*.h' \) -print0
+
 format:
 	@bash scripts/bootstrap clang-format
-	find $(FORMAT_DIRS) -type f \( -name '*.cpp' -o -name '*.hpp' -o -name '*.h' \) -print0 \
-	  | xargs -0 -r clang-format -i
+	$(FORMAT_SOURCES) | xargs -0 -r clang-format -i
+
+format-check:
+	@bash scripts/bootstrap clang-format
+	$(FORMAT_SOURCES) | xargs -0 -r clang-format --dry-run -Werror
 
 clean:
 	rm -rf build

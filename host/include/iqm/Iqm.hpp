@@ -52,7 +52,10 @@ public:
     // Runs queued work of the named queues until `stop` answers true. `stop`
     // is asked before the first sleep, after every piece of work and after
     // every wake-up. Sleeps without polling while there is nothing to run,
-    // until work is posted, wakeUp is called, or `wakeBy` passes.
+    // until work is posted, wakeUp is called, or `wakeBy` passes. A user
+    // interrupt of the calling thread's interpreter (kvm::KVM::requestInterrupt,
+    // which wakes the manager) is looked at before each question to `stop`:
+    // it is taken and thrown as the host's interrupt error (KORVEX:interrupted).
     void processUntil(const QueueNames& queues, const std::function<bool()>& stop,
                       std::optional<SteadyTimePoint> wakeBy = std::nullopt);
 

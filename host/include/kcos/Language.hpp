@@ -20,6 +20,13 @@
 
 namespace kcos {
 
+// The most outputs one call may ask for. Counts come from the language and
+// size the buffers that receive the outputs, so every entry point that takes
+// one (omCallMethod, omInvokeMethod, the executors' evaluations) refuses a
+// larger count with the host's too-many-outputs error (maxlhs) before it
+// allocates anything.
+inline constexpr unsigned int kMaxNumOutputs = 1u << 16;
+
 // One saved object: its class name and the value its class info saved.
 struct SavedObject {
     std::string className;
@@ -52,8 +59,11 @@ QZHOST_API dvArray* omConstructObjectWithClient(kcos::InternedName className, in
 // whose class is `className` or derives from it (the method is found through
 // that array's class). The inputs and outputs are checked against the
 // method's signature and access (maxrhs, maxlhs, NoSuchMethod,
-// MethodProhibited). Fills outputs[0 .. numOutputs); an output the method did
-// not produce raises maxlhs. Outputs of declared type "logical scalar" given
+// MethodProhibited); more than kcos::kMaxNumOutputs outputs raise maxlhs. A
+// class's constructor runs only through omConstructObjectWithClient: called
+// here, with or without `isStatic`, it raises MethodProhibited. Fills
+// outputs[0 .. numOutputs); an output the method did not produce raises
+// maxlhs. Outputs of declared type "logical scalar" given
 // as bare logical values become logical scalars.
 QZHOST_API void omCallMethod(kcos::InternedName className, kcos::InternedName methodName,
                              const kcos::COSClient* client, int numOutputs, dvArray** outputs,
@@ -62,7 +72,8 @@ QZHOST_API void omCallMethod(kcos::InternedName className, kcos::InternedName me
 // As omCallMethod, for callers that want what the method produced: calls the
 // method of the class of `inputs[0]` (an object array) with `numOutputs`
 // requested and returns every output it produced (at least one slot is
-// offered when none is requested, as for the language's "ans").
+// offered when none is requested, as for the language's "ans"). Checks and
+// errors as for omCallMethod.
 QZHOST_API std::vector<matrix::unique_dvArray>
 omInvokeMethod(std::string_view methodName, int numOutputs,
                const std::vector<const dvArray*>& inputs, const kcos::COSClient* client);

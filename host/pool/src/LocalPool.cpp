@@ -8,7 +8,12 @@
 #include <boost/exception/diagnostic_information.hpp>
 
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
 #include <iostream>
+#include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -42,11 +47,52 @@ void execute(PoolTask& task) noexcept {
     notifySafely("Finished", [&] { task.markFinished(); });
 }
 
-void workerLoop(const std::shared_ptr<TaskQueue>& queue, std::size_t worker) noexcept {
+// Which workers have left their loop. Shared by the pool and its workers:
+// a worker the pool stopped waiting for still reports here after the pool
+// is gone. Any thread.
+class WorkerExits {
+public:
+    explicit WorkerExits(std::size_t numWorkers) : exited_(numWorkers, false) {}
+
+    // The worker's last action. Worker thread.
+    void markExited(std::size_t worker) {
+        {
+            std::lock_guard lock(mutex_);
+            exited_.at(worker) = true;
+        }
+        changed_.notify_all();
+    }
+
+    // Waits until workers 0 .. count-1, except `skipped`, have exited or
+    // `deadline` passes; which of them have exited by then.
+    std::vector<bool> waitForExits(std::size_t count, std::optional<std::size_t> skipped,
+                                   std::chrono::steady_clock::time_point deadline) {
+        std::unique_lock lock(mutex_);
+        changed_.wait_until(lock, deadline, [&] {
+            for (std::size_t i = 0; i < count; ++i) {
+                if (!exited_[i] && i != skipped) {
+                    return false;
+                }
+            }
+            return true;
+        });
+        return {exited_.begin(), exited_.begin() + static_cast<std::ptrdiff_t>(count)};
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<bool> exited_; // guarded by mutex_
+};
+
+// Worker thread. Holds only shared state, so it may outlive the pool.
+void workerLoop(const std::shared_ptr<TaskQueue>& queue, const std::shared_ptr<WorkerExits>& exits,
+                std::size_t worker) noexcept {
     while (const auto task = queue->takeNext(worker)) {
         execute(*task);
         queue->markDone(*task);
     }
+    exits->markExited(worker);
 }
 
 std::size_t resolveNumWorkers(std::size_t requested) noexcept {
@@ -62,43 +108,71 @@ void checkFunction(const boost::intrusive_ptr<dvArray>& function) {
     }
 }
 
+// Longer grace periods are cut to this, which keeps the deadline representable.
+constexpr std::chrono::milliseconds kLongestGrace = std::chrono::hours(24 * 365);
+
 [[noreturn]] void refuseWork() {
     throw std::logic_error("The pool is shutting down and takes no more work.");
 }
 
 } // namespace
 
+// Owned by the pool; the workers share only `queue` and `exits`.
 struct LocalPool::Impl {
-    explicit Impl(std::size_t numWorkers) : queue(std::make_shared<TaskQueue>(numWorkers)) {}
+    Impl(std::size_t numWorkers, std::chrono::milliseconds grace)
+        : queue(std::make_shared<TaskQueue>(numWorkers)),
+          exits(std::make_shared<WorkerExits>(numWorkers)), shutdownGrace(grace) {}
 
     std::shared_ptr<TaskQueue> queue;
+    std::shared_ptr<WorkerExits> exits;
     std::vector<std::thread> workers;
+    const std::chrono::milliseconds shutdownGrace;
 
-    // Cancels the waiting work (shared and pinned), stops the running work and
-    // joins the workers.
-    // A worker that destroys its own pool (from a finished callback) is left
-    // to end by itself: it holds the queue, which is closed.
+    // Cancels the waiting work (shared and pinned), asks the running work to
+    // stop and waits up to the grace period for the workers to leave. The
+    // tasks still running then are cancelled, and their workers detached: they
+    // end by themselves once their functions return, finding the queue closed.
+    // A worker that destroys its own pool (from a finished callback) is not
+    // waited for; it is detached likewise. Pool owner's thread.
     void shutDown() noexcept {
         for (const auto& task : queue->close()) {
             task->cancel();
         }
-        for (std::thread& worker : workers) {
-            if (worker.get_id() == std::this_thread::get_id()) {
-                worker.detach();
+        std::optional<std::size_t> self;
+        for (std::size_t i = 0; i < workers.size(); ++i) {
+            if (workers[i].get_id() == std::this_thread::get_id()) {
+                self = i;
+            }
+        }
+        const std::vector<bool> exited = exits->waitForExits(
+            workers.size(), self,
+            std::chrono::steady_clock::now() + std::min(shutdownGrace, kLongestGrace));
+        bool abandoned = false;
+        for (std::size_t i = 0; i < workers.size(); ++i) {
+            abandoned = abandoned || (!exited[i] && i != self);
+        }
+        if (abandoned) {
+            for (const auto& task : queue->running()) {
+                task->cancel(); // no effect on a task that has just finished
+            }
+        }
+        for (std::size_t i = 0; i < workers.size(); ++i) {
+            if (exited[i]) {
+                workers[i].join();
             } else {
-                worker.join();
+                workers[i].detach();
             }
         }
     }
 };
 
-LocalPool::LocalPool(std::size_t numWorkers)
-    : impl_(std::make_unique<Impl>(resolveNumWorkers(numWorkers))) {
+LocalPool::LocalPool(std::size_t numWorkers, std::chrono::milliseconds shutdownGrace)
+    : impl_(std::make_unique<Impl>(resolveNumWorkers(numWorkers), shutdownGrace)) {
     const std::size_t count = impl_->queue->getNumWorkers();
     impl_->workers.reserve(count);
     try {
         for (std::size_t i = 0; i < count; ++i) {
-            impl_->workers.emplace_back(workerLoop, impl_->queue, i);
+            impl_->workers.emplace_back(workerLoop, impl_->queue, impl_->exits, i);
         }
     } catch (...) {
         impl_->shutDown();

@@ -4,6 +4,7 @@
 
 #include <localpool/LocalPool.hpp>
 
+#include <kcos/Language.hpp>
 #include <kvm/KVM.hpp>
 
 #include <vector>
@@ -69,6 +70,10 @@ PoolTask::PoolTask(boost::intrusive_ptr<dvArray> function, unsigned int numOutpu
                    std::optional<std::size_t> pinnedWorker)
     : function_(std::move(function)), numOutputs_(numOutputs), queue_(std::move(queue)),
       pinnedWorker_(pinnedWorker) {
+    // The worker sizes the function's output buffer by the count.
+    if (numOutputs_ > kcos::kMaxNumOutputs) {
+        matrix::detail::error_maxlhs();
+    }
     inputs_.reserve(inputs.size());
     for (const auto& input : inputs) {
         inputs_.push_back(sharedCopy(input));

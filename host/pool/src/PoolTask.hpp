@@ -29,6 +29,7 @@ class PoolTask final : public parallel::language::future::TaskBase {
 public:
     // Takes shared copies of `inputs` (null entries stay null). A task with
     // a `pinnedWorker` is run by that worker only; without, by any worker.
+    // More than kcos::kMaxNumOutputs outputs raise the host's maxlhs error.
     PoolTask(boost::intrusive_ptr<dvArray> function, unsigned int numOutputs,
              const DvArrayVector& inputs, std::weak_ptr<TaskQueue> queue,
              std::optional<std::size_t> pinnedWorker = std::nullopt);

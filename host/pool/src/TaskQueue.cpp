@@ -97,4 +97,9 @@ std::vector<TaskQueue::TaskPtr> TaskQueue::close() {
     return abandoned;
 }
 
+std::vector<TaskQueue::TaskPtr> TaskQueue::running() const {
+    std::lock_guard lock(mutex_);
+    return running_;
+}
+
 } // namespace localpool

@@ -46,9 +46,11 @@ public:
     // Refuses further tasks, asks the running ones to stop, wakes every
     // worker and returns the tasks that were still waiting, shared and pinned.
     std::vector<TaskPtr> close();
+    // The tasks that workers are running now.
+    std::vector<TaskPtr> running() const;
 
 private:
-    std::mutex mutex_;
+    mutable std::mutex mutex_;
     std::condition_variable wakeWorker_;
     std::deque<TaskPtr> waiting_;
     std::vector<std::deque<TaskPtr>> pinned_; // fixed size, one per worker

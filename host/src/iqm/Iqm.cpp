@@ -258,6 +258,9 @@ void Iqm::processUntil(const QueueNames& queues, const std::function<bool()>& st
         // Read before asking the predicate: a wake-up that arrives after the
         // predicate answered false then ends the sleep below at once.
         const std::uint64_t seen = impl_->wakeUpsNow();
+        // A user interrupt ends the call whatever it waits for; requesting one
+        // wakes the manager, so a sleeping caller sees it at once.
+        utInterruptState::ThrowIfInterruptPending();
         if (stop()) {
             return;
         }

@@ -71,16 +71,33 @@ dvArray* toArray(kcos::COSValue& value) {
     return matrix::to_korvex(value.releaseArray());
 }
 
-// Checks and calls `method`; returns the outputs it produced.
+// Whether `method` is the constructor of `cls` or of one of its
+// superclasses: named after the short name of the class that declares it.
+bool isConstructor(const kcos::COSClass& cls, const kcos::COSMethodBase& method) {
+    const auto& own = cls.getMethods();
+    if (std::any_of(own.begin(), own.end(), [&](const auto& m) { return m.get() == &method; })) {
+        return method.getName().view() ==
+               kcos::detail::splitClassName(cls.getInternedName().view()).second;
+    }
+    const auto& superclasses = cls.getSuperclasses();
+    return std::any_of(
+        superclasses.begin(), superclasses.end(),
+        [&](const kcos::COSClass* superclass) { return isConstructor(*superclass, method); });
+}
+
+// Checks and calls `method`; returns the outputs it produced. A constructor
+// needs the object under construction, which only omConstructObjectWithClient
+// hands over: called as a method it is prohibited.
 std::vector<kcos::COSValue> invoke(kcos::COSMethodBase& method, const kcos::COSClass& cls,
                                    const kcos::COSClient* client, int numOutputs,
                                    std::vector<kcos::COSValue> inputs) {
-    if (!client->mayAccess(method.getAccess())) {
+    if (!client->mayAccess(method.getAccess()) || isConstructor(cls, method)) {
         throw Exception<KORVEX::kcos::MethodProhibited>(toUtf16(method.getName().str()),
                                                         toUtf16(cls.getInternedName().str()));
     }
     const kcos::COSMethodSignature& signature = method.getSignature();
-    if (numOutputs < 0 ||
+    // The count sizes the output buffer below: an absurd one is refused first.
+    if (numOutputs < 0 || static_cast<unsigned int>(numOutputs) > kcos::kMaxNumOutputs ||
         (static_cast<std::size_t>(numOutputs) > signature.getOutputTypes().size() &&
          !signature.hasVariableOutputs())) {
         matrix::detail::error_maxlhs();

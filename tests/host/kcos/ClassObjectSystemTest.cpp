@@ -12,6 +12,8 @@
 
 #include <foundation/core/str/Utf.hpp>
 
+#include <climits>
+
 namespace {
 
 using foundation::core::except::Exception;
@@ -256,6 +258,25 @@ TEST_F(ClassObjectSystem, MethodCallsAreCheckedAgainstTheirSignature) {
     EXPECT_EQ(valueOf(made[1]), 8);
     matrix::destroyArray(made[0]);
     matrix::destroyArray(made[1]);
+    // Variable outputs still have a bound, checked before any buffer is sized.
+    for (int absurd : {static_cast<int>(kcos::kMaxNumOutputs) + 1, INT_MAX}) {
+        EXPECT_THROW(
+            omCallMethod(className, makeInterned("make"), client, absurd, made, 0, nullptr, true),
+            Exception<KORVEX::maxlhs>);
+    }
+
+    // The constructor needs an object under construction: as a method, under
+    // any name of the class, it is refused.
+    for (const char* name : {"test.Counter", "test.Tally"}) {
+        for (const auto& [isStatic, numInputs] : {std::pair{true, 0}, {true, 1}, {false, 1}}) {
+            EXPECT_THROW(omCallMethod(makeInterned(name), makeInterned("Counter"), client, 1,
+                                      &result, numInputs, inputs, isStatic),
+                         Exception<KORVEX::kcos::MethodProhibited>)
+                << name << isStatic << numInputs;
+        }
+    }
+    EXPECT_THROW(omInvokeMethod("Counter", 1, {counter.get(), five.get()}, client),
+                 Exception<KORVEX::kcos::MethodProhibited>);
 }
 
 TEST_F(ClassObjectSystem, ObjectArraysShareObjectsAndCopyOnWrite) {

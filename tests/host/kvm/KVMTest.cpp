@@ -31,19 +31,27 @@ bool interruptThrown() {
     return false;
 }
 
-// Sleeps in the interpreter's queue manager, at most 60 s, until the
-// interrupt is thrown; true when it was. `onAsleep` runs once the predicate
-// has first answered false.
+// Sleeps in the interpreter's queue manager, at most 60 s, until it throws
+// the interrupt; true when it did. `onAsleep` runs once the predicate has
+// first answered false.
 bool waitForInterrupt(KVM& kvm, const std::function<void()>& onAsleep) {
-    bool first = true, thrown = false;
-    kvm.getIqm()->processUntil(
-        {},
-        [&] {
-            return std::exchange(first, false) ? (onAsleep(), false) : (thrown = interruptThrown());
-        },
-        std::chrono::time_point_cast<std::chrono::duration<double>>(
-            std::chrono::steady_clock::now() + std::chrono::seconds(60)));
-    return thrown;
+    bool first = true;
+    try {
+        kvm.getIqm()->processUntil(
+            {},
+            [&] {
+                if (std::exchange(first, false)) {
+                    onAsleep();
+                }
+                return false;
+            },
+            std::chrono::time_point_cast<std::chrono::duration<double>>(
+                std::chrono::steady_clock::now() + std::chrono::seconds(60)));
+    } catch (const foundation::core::except::Exception<KORVEX::interrupted>& e) {
+        EXPECT_EQ(e.get_message(), u"Operation terminated by user.");
+        return true;
+    }
+    return false;
 }
 
 } // namespace

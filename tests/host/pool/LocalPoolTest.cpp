@@ -4,12 +4,17 @@
 #include <parallel/language/future/ScopedTaskFinishedListener.hpp>
 
 #include <foundation/core/except/Exception.hpp>
+#include <kcos/Language.hpp>
 #include <kvm/KVM.hpp>
+#include <matrix/Errors.hpp>
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <functional>
+#include <future>
 #include <latch>
+#include <memory>
 #include <thread>
 
 namespace localpool {
@@ -90,6 +95,10 @@ TEST(LocalPool, ErrorsBecomeTheTaskErrorAndWorkersSurviveFailingNotifications) {
     LocalPool pool(1);
     EXPECT_THROW(pool.submit(nullptr, 0, {}), std::invalid_argument);
     EXPECT_THROW(pool.submit(scalar(1), 0, {}), std::invalid_argument);
+    // Refused before a worker sizes anything by the count.
+    using TooManyOutputs = foundation::core::except::Exception<KORVEX::maxlhs>;
+    EXPECT_THROW(pool.submit(plusOne(), 4294967295u, {}), TooManyOutputs);
+    EXPECT_THROW(pool.submitOnAll(plusOne(), kcos::kMaxNumOutputs + 1, {}), TooManyOutputs);
     auto throwing = pool.submit(plusOne([] { throw std::runtime_error("boom"); }), 1, {});
     auto tooManyOutputs = pool.submit(plusOne(), 3, {scalar(1)});
     auto fine = pool.submit(plusOne(), 1, {scalar(2)});
@@ -120,6 +129,47 @@ TEST(LocalPool, CancelAndShutdownSkipQueuedWorkAndStopRunningWork) {
         // Asked to stop by the shutdown, the running function returns normally.
         EXPECT_EQ(errorOf(running), shutdown ? "" : kCancelled);
     }
+}
+
+// Sets `exited` when the thread that first used it ends: thread-local objects
+// are destroyed after everything else the thread runs.
+struct ThreadExit {
+    std::promise<void>* exited = nullptr;
+    ~ThreadExit() {
+        if (exited != nullptr) {
+            exited->set_value();
+        }
+    }
+};
+thread_local ThreadExit tThreadExit;
+
+TEST(LocalPool, ShutdownGivesUpOnAFunctionThatIgnoresStopAfterTheGracePeriod) {
+    std::latch started(1);
+    std::promise<void> release;
+    std::promise<void> workerExited;
+    auto pool = std::make_unique<LocalPool>(1, std::chrono::milliseconds(100));
+    const FuturePtr stuck = pool->submit(plusOne([&, released = release.get_future().share()] {
+                                             tThreadExit.exited = &workerExited;
+                                             started.count_down();
+                                             released.wait(); // never looks at stopRequested()
+                                         }),
+                                         1, {});
+    const FuturePtr queued = pool->submit(plusOne(), 1, {});
+    started.wait();
+
+    std::promise<void> destroyed;
+    std::jthread destroyer([&] {
+        pool.reset();
+        destroyed.set_value();
+    });
+    // Far beyond the grace period; a destructor that waits for the function never returns.
+    EXPECT_EQ(destroyed.get_future().wait_for(std::chrono::seconds(60)), std::future_status::ready);
+    EXPECT_EQ(errorOf(stuck), kCancelled);
+    EXPECT_EQ(errorOf(queued), kCancelled);
+
+    release.set_value(); // the left-behind worker finishes alone
+    workerExited.get_future().wait();
+    EXPECT_EQ(errorOf(stuck), kCancelled); // its late result changes nothing
 }
 
 TEST(LocalPool, SubmissionsFromManyThreadsAllFinish) {

@@ -5,7 +5,13 @@
 //
 // Threads: submit from any thread. Workers call the task notifications.
 // Destroying the pool cancels the work still queued, asks running work to
-// stop and joins the workers; futures stay valid afterwards.
+// stop and waits for the workers, at most for the pool's shutdown grace
+// period. A worker whose function is still running then is left to finish
+// alone (detached): its task is cancelled at once, and the worker touches
+// only state it shares (the work list, its task), never the pool. Futures
+// stay valid afterwards.
+
+#include <executor/Executor.hpp>
 
 #include <parallel/language/future/FevalFuture.hpp>
 #include <parallel/language/future/FevalOnAllFuture.hpp>
@@ -13,6 +19,7 @@
 #include <kcos/COSInterface.hpp>
 #include <matrix/dvArray.hpp>
 
+#include <chrono>
 #include <cstddef>
 #include <memory>
 
@@ -22,32 +29,41 @@ using parallel::language::future::DvArrayVector;
 using parallel::language::future::FevalFuture;
 using parallel::language::future::FevalOnAllFuture;
 
-class LocalPool {
+class LocalPool : public executor::Executor {
 public:
-    // `numWorkers` 0 means one worker per hardware thread.
-    explicit LocalPool(std::size_t numWorkers = 0);
-    ~LocalPool();
+    // How long the destructor waits for running functions to return.
+    static constexpr std::chrono::milliseconds kDefaultShutdownGrace{5000};
+
+    // `numWorkers` 0 means one worker per hardware thread. `shutdownGrace`:
+    // how long destruction waits for the running functions, once asked to
+    // stop, before it cancels their tasks and leaves their workers behind
+    // (zero: no wait; longer than a year: a year).
+    explicit LocalPool(std::size_t numWorkers = 0,
+                       std::chrono::milliseconds shutdownGrace = kDefaultShutdownGrace);
+    ~LocalPool() override;
     LocalPool(const LocalPool&) = delete;
     LocalPool& operator=(const LocalPool&) = delete;
 
-    std::size_t getNumWorkers() const noexcept;
+    std::size_t getNumWorkers() const noexcept override;
 
     // Queues the evaluation of `function` (a function-handle array) on
     // `inputs` for `numOutputs` outputs. The worker sees its own copies of
     // the inputs; what the function prints goes into the task's diary; an
-    // error of the function becomes the task's error. Throws
-    // std::invalid_argument for a null or non-function `function` and
-    // std::logic_error once the pool is shutting down. Any thread.
+    // error of the function becomes the task's error. Throws the host's
+    // maxlhs error for more than kcos::kMaxNumOutputs outputs (before
+    // anything is sized by the count), std::invalid_argument for a null or
+    // non-function `function` and std::logic_error once the pool is shutting
+    // down. Any thread.
     std::shared_ptr<FevalFuture> submit(boost::intrusive_ptr<dvArray> function,
                                         unsigned int numOutputs, DvArrayVector inputs,
-                                        kcos::COSInterface* parent = nullptr);
+                                        kcos::COSInterface* parent = nullptr) override;
 
     // Queues the evaluation of `function` once on every worker: one task per
     // worker, each run by that worker only, gathered in a FevalOnAllFuture
     // (task i runs on worker i). Errors as for submit. Any thread.
     std::shared_ptr<FevalOnAllFuture> submitOnAll(boost::intrusive_ptr<dvArray> function,
                                                   unsigned int numOutputs, DvArrayVector inputs,
-                                                  kcos::COSInterface* parent = nullptr);
+                                                  kcos::COSInterface* parent = nullptr) override;
 
 private:
     struct Impl;

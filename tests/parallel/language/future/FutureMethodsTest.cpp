@@ -10,6 +10,8 @@
 #include <Veldspire/String/String.hpp>
 
 #include <cmath>
+#include <future>
+#include <latch>
 #include <limits>
 #include <map>
 #include <thread>
@@ -141,6 +143,53 @@ TEST_F(FutureMethods, FetchNextRefusesBadTimeoutsAndFuturesItCannotFetch) {
     const Raised errored = raised("fetchNext", 2, {objects({failed.future}).get()});
     EXPECT_EQ(errored.id, kFuture + "FetchNextFutureErrored");
     EXPECT_EQ(errored.causes, std::vector<std::string>{"user:oops"});
+}
+
+TEST_F(FutureMethods, FetchNextEndsOnAUserInterruptAndTakesIt) {
+    TestFuture never;
+    never.running();
+    const auto futures = objects({never.future});
+    // Requested from another thread once fetchNext waits: the queued work it
+    // runs while waiting lets that thread go.
+    std::latch waiting(1);
+    std::promise<SteadyTimePoint> requested;
+    std::jthread interrupter([&] {
+        waiting.wait();
+        requested.set_value(clock::getCurrentSteadyTime());
+        interpreter->requestInterrupt();
+    });
+    interpreter->getIqm()->postDetached(u"parallel", [&] { waiting.count_down(); });
+    EXPECT_EQ(raised("fetchNext", 2, {futures.get(), generous.get()}).id, "KORVEX:interrupted");
+    // Far below the 60 s timeout that an ignored interrupt would run into.
+    EXPECT_LT((clock::getCurrentSteadyTime() - requested.get_future().get()).count(), 10.0);
+    EXPECT_FALSE(interpreter->consumeInterrupt()); // taken, not left for the next call
+    never.task->doNotifyFinished();
+}
+
+TEST_F(FutureMethods, CallsWithoutTheFuturesAndConstructorCallsRaiseHostErrors) {
+    const auto* client = COSGetPublicClient();
+    const auto done = objects({TestFuture().finishedWith({scalar(1)}).future});
+    for (const char* className : {"parallel.Future", "parallel.AfterAllFuture"}) {
+        for (const char* method : {"afterAll", "afterEach", "cancel", "class", "disp", "fetchNext",
+                                   "fetchOutputs", "isa", "isequal", "submit", "wait"}) {
+            EXPECT_EQ(raisedBy([&] {
+                          omCallMethod(testing::interned(className), testing::interned(method),
+                                       client, 0, nullptr, 0, nullptr, true);
+                      }).id,
+                      "KORVEX:minrhs")
+                << className << "." << method;
+        }
+        dvArray* result = nullptr;
+        dvArray* const inputs[] = {done.get()};
+        for (bool isStatic : {true, false}) {
+            EXPECT_EQ(raisedBy([&] {
+                          omCallMethod(testing::interned(className), testing::interned("Future"),
+                                       client, 1, &result, 1, inputs, isStatic);
+                      }).id,
+                      "KORVEX:kcos:MethodProhibited");
+        }
+    }
+    EXPECT_EQ(raised("Future", 1, {done.get()}).id, "KORVEX:kcos:MethodProhibited");
 }
 
 TEST_F(FutureMethods, FetchOutputsTakesAnyPrefixOfItsOptionAndRefusesEverythingElse) {

@@ -9,6 +9,7 @@
 #include <parallel/language/future/AfterEachFuture.hpp>
 #include <parallel/language/future/FetchNextState.hpp>
 
+#include "BorrowedFutures.hpp"
 #include "ClassBinding.hpp"
 #include "DiagnosticLogging.hpp"
 #include "FutureClassNames.hpp"
@@ -17,6 +18,7 @@
 #include <foundation/core/str/Utf.hpp>
 #include <interpreter/Kdispatcher.hpp>
 #include <kcos/COSClass.hpp>
+#include <kcos/Errors.hpp>
 #include <kcos/Language.hpp>
 #include <kcos/array.hpp>
 
@@ -70,7 +72,7 @@ public:
         kcos::COSInterface* object =
             underConstruction != nullptr ? omGetLiveArrayElement(underConstruction, 0) : nullptr;
         if (object == nullptr || object->getObjectClass() == nullptr) {
-            throw std::logic_error("No object under construction.");
+            refuseCallAsMethod(); // only construction hands over an object
         }
         const kcos::InternedName classKey = object->getObjectClass()->getInternedName();
         const std::string calledName = calledClassName();
@@ -78,7 +80,7 @@ public:
         if (numInputs == 0) {
             FutureCell* cell = findFutureCell(object, classKey);
             if (cell == nullptr) {
-                throw std::logic_error("The object under construction has no future cell.");
+                refuseCallAsMethod(); // an object of another class
             }
             *cell = std::make_shared<UnavailableFuture>(calledName);
             FutureBaseAccess::setCosi(**cell, object);
@@ -105,6 +107,12 @@ public:
         outputs[0].setRawArray(result); // drops the array under construction
         numOutputs = 1;
     }
+
+private:
+    [[noreturn]] static void refuseCallAsMethod() {
+        throw foundation::core::except::Exception<KORVEX::kcos::MethodProhibited>(
+            std::u16string(u"Future"), std::u16string(u"parallel.Future"));
+    }
 };
 
 // A method called on an array of futures (its first input).
@@ -115,8 +123,13 @@ public:
         getSignature().addInputType(typeNamed("parallel.Future"));
     }
 
+    // A static call may come without the futures: refused (minrhs) before
+    // any method reads them.
     void invoke(const kcos::COSClient*, int& numOutputs, kcos::COSValue* outputs, int numInputs,
                 const kcos::COSValue* inputs) override {
+        if (numInputs < 1) {
+            matrix::detail::error_minrhs();
+        }
         doInvoke(numOutputs, outputs,
                  std::span<const kcos::COSValue>(inputs, static_cast<std::size_t>(numInputs)));
     }
@@ -337,9 +350,16 @@ public:
 private:
     void doInvoke(int& numOutputs, kcos::COSValue* outputs,
                   std::span<const kcos::COSValue> inputs) const override {
-        // Moved into the call below: a copy nobody could observe.
-        std::vector<std::shared_ptr<FutureBase>> futures =
-            readableFuturesOf<errors::NoUnreadFutures, errors::FetchNextInvalidFuture>(inputs[0]);
+        // Walked whole on every call of a drain: borrowed, not owned.
+        const BorrowedFutures borrowed(arrayOf(inputs[0]));
+        const std::span<FutureBase* const> futures = borrowed.get();
+        if (futures.empty()) {
+            throw errors::NoUnreadFutures();
+        }
+        if (std::any_of(futures.begin(), futures.end(),
+                        [](const FutureBase* future) { return future->isInvalid(); })) {
+            throw errors::FetchNextInvalidFuture();
+        }
         numOutputs = std::max(numOutputs, 1);
         checkCounts(0, 0, inputs.size(), 1, 2);
         const auto wanted = static_cast<unsigned int>(numOutputs - 1);
@@ -350,7 +370,8 @@ private:
             }
             timeout = timeoutOf(inputs[1]);
         }
-        auto [state, index, fetched] = FutureBase::fetchNext(std::move(futures), wanted, timeout);
+        auto [state, index, fetched] =
+            FutureBaseAccess::fetchNextBorrowed(futures, wanted, timeout);
         switch (state) {
         case FetchNextState::Fetched:
             outputs[0].setArray(dvCreateDoubleScalar(static_cast<double>(index) + 1.0));
