@@ -1,25 +1,29 @@
-// A handful of evaluations on a local pool of four workers, started from the
-// language: each is an object of the class "parallel.Future" made by the
-// constructor "parallel.FevalFuture". The array of them is displayed, then
-// collected on the interpreter thread in the order they finish. One of them
-// fails; its error shows up through fetchNext, through fetchOutputs and in
-// its "Error" property. Finally "parallel.FevalOnAllFuture" runs one
-// evaluation on every worker: its outputs and diaries come back per worker.
-// Last, continuations: "afterEach" post-processes each evaluation's result on
-// the interpreter thread as it arrives, and "afterAll" combines them; one
-// failing evaluation turns the combination into PrecedingExecutionErrors.
+// Futures as language code uses them: every step is a constructor or a
+// method of the class "parallel.Future", called through the host's
+// class-object interface as the interpreter calls it; the comment above each
+// section gives the language statements it stands for. Only what an executor
+// does is native: the interpreter, the module and the pool's classes, a local
+// pool of four workers handed to the language, and the function-handle
+// values.
+//
+// In order:
+//   - parallel.FevalFuture starts five evaluations; disp shows them;
+//   - fetchNext in a loop prints each result as it arrives; one evaluation
+//     fails, and fetchNext raises its error;
+//   - fetchOutputs gathers the outputs; over the failed evaluation it raises
+//     one error whose cause is the failure;
+//   - wait with a timeout that expires answers false; cancel stops the work;
+//   - afterEach and afterAll continue on the results, on this thread;
+//   - parallel.FevalOnAllFuture runs one evaluation on every worker.
 //
 // Nothing is traced unless KORVEX_LOG names channels, for example
 //   KORVEX_LOG="parallel::language::future::FutureBase=96" ./demo
 // which writes the traces to standard error.
 
-#include <parallel/language/future/AfterAllFuture.hpp>
-#include <parallel/language/future/AfterEachFuture.hpp>
-#include <parallel/language/future/FetchNextState.hpp>
-#include <parallel/language/future/FutureBase.hpp>
 #include <parallel/language/future/Module.hpp>
 
 #include <Veldspire/KException/KExceptionEnvelope.hpp>
+#include <foundation/core/except/Exception.hpp>
 #include <foundation/core/str/Utf.hpp>
 #include <foundation/log/configuration.hpp>
 #include <kcos/Language.hpp>
@@ -35,7 +39,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
-#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -44,217 +47,367 @@
 
 namespace {
 
-namespace pf = parallel::language::future;
-using Arrays = std::vector<boost::intrusive_ptr<dvArray>>;
+using Value = boost::intrusive_ptr<dvArray>;
+using Values = std::vector<Value>;
 using Veldspire::KException::KExceptionEnvelope;
 using namespace std::chrono_literals;
 
-boost::intrusive_ptr<dvArray> scalar(double value) {
-    return {matrix::to_korvex(dvCreateDoubleScalar(value)), false};
+// ---- Values -----------------------------------------------------------------
+
+Value adopt(matrix::unique_dvArray array) {
+    return {matrix::to_korvex(std::move(array)), false};
 }
 
-double valueOf(const Arrays& arrays) {
-    return dvGetDoubles(arrays.at(0).get())[0];
+Value number(double value) {
+    return adopt(dvCreateDoubleScalar(value));
 }
 
-boost::intrusive_ptr<dvArray> function(std::string name, matrix::FunctionBody body) {
-    return {matrix::to_korvex(matrix::createFunctionHandle(std::move(name), std::move(body))),
-            false};
+Value word(const std::string& text) {
+    return adopt(matrix::create(text.data(), text.size()));
 }
+
+double numberOf(const Value& array) {
+    return dvGetDoubles(array.get())[0];
+}
+
+std::string textOf(const dvArray* array) {
+    return foundation::core::str::toUtf8(std::u16string(dvGetChars(array)));
+}
+
+std::size_t numel(const Value& array) {
+    return dvGetNumberOfElements(array.get());
+}
+
+// A language function: what `body` does with its inputs.
+Value function(std::string name, matrix::FunctionBody body) {
+    return adopt(matrix::createFunctionHandle(std::move(name), std::move(body)));
+}
+
+// ---- The language's ways in -------------------------------------------------
+
+// obj = className(args...)
+Value construct(const char* className, const Values& args) {
+    std::vector<dvArray*> raw;
+    for (const Value& arg : args) {
+        raw.push_back(arg.get());
+    }
+    return Value(omConstructObjectWithClient(kcos::internal::makeInterned(className),
+                                             static_cast<int>(raw.size()), raw.data(),
+                                             COSGetPublicClient()),
+                 false);
+}
+
+// [out1, ..., outN] = name(inputs...), N being `numOutputs`.
+template <class... Inputs>
+Values callMethod(const char* name, int numOutputs, const Inputs&... inputs) {
+    Values outputs;
+    for (auto& output : omInvokeMethod(name, numOutputs, {inputs.get()...}, COSGetPublicClient())) {
+        outputs.push_back(adopt(std::move(output)));
+    }
+    return outputs;
+}
+
+// obj.name
+Value property(const Value& object, const char* name) {
+    return adopt(omGetProperty(object.get(), name, COSGetPublicClient()));
+}
+
+// objects(index), index counted from 0.
+Value element(const Value& objects, std::size_t index) {
+    return Value(omCreateKCOSScalar(omGetArrayElement(objects.get(), index)), false);
+}
+
+// [parts{1}, parts{2}, ...] for object arrays of one class.
+Value horzcat(const Values& parts) {
+    std::size_t count = 0;
+    for (const Value& part : parts) {
+        count += numel(part);
+    }
+    const Value whole(
+        omCreateKCOSArray(kcos::internal::makeInterned(dvGetClassName(parts.at(0).get())),
+                          {1, count}),
+        false);
+    std::size_t next = 0;
+    for (const Value& part : parts) {
+        for (std::size_t i = 0; i < numel(part); ++i) {
+            omSetArrayElement(whole.get(), next++, omGetArrayElement(part.get(), i));
+        }
+    }
+    return whole;
+}
+
+// try, statement; catch err, ... end: the error the catch would see, if any.
+template <class Statement>
+std::optional<KExceptionEnvelope> tryCatch(Statement&& statement) {
+    try {
+        statement();
+    } catch (const KExceptionEnvelope& error) {
+        return error;
+    } catch (const foundation::core::except::IUserException& error) {
+        return KExceptionEnvelope(error, matrix::unique_dvArray());
+    }
+    return std::nullopt;
+}
+
+// ---- Printing ---------------------------------------------------------------
+
+void section(const char* title) {
+    std::cout << "\n== " << title << " ==\n";
+}
+
+// err.identifier: err.message, then err.cause{:}, each a step further in.
+void printError(const KExceptionEnvelope& error, const std::string& indent = "  ",
+                const char* lead = "") {
+    std::cout << indent << lead << error.GetID() << ": "
+              << foundation::core::str::toUtf8(error.GetMessage()) << '\n';
+    for (const KExceptionEnvelope& cause : error.GetCauses()) {
+        printError(cause, indent + "  ", "caused by ");
+    }
+}
+
+const char* truth(const Value& logical) {
+    return dvGetLogicals(logical.get())[0] ? "true" : "false";
+}
+
+void printLines(const std::string& prefix, const std::string& text) {
+    for (std::size_t start = 0; start < text.size();) {
+        const std::size_t end = std::min(text.find('\n', start), text.size());
+        std::cout << prefix << text.substr(start, end - start) << '\n';
+        start = end + 1;
+    }
+}
+
+// ---- The evaluated functions ------------------------------------------------
 
 // x -> x * x after `delay`.
-boost::intrusive_ptr<dvArray> slowSquare(std::chrono::milliseconds delay) {
-    return function("slowSquare", [delay](std::size_t, const Arrays& inputs) -> Arrays {
+Value slowSquare(std::chrono::milliseconds delay) {
+    return function("slowSquare", [delay](std::size_t, const Values& in) -> Values {
         std::this_thread::sleep_for(delay);
-        const double x = valueOf(inputs);
-        return {scalar(x * x)};
+        return {number(numberOf(in.at(0)) * numberOf(in.at(0)))};
     });
 }
 
-// Gives up on its matrix after a while, as a solver would on a singular one.
-boost::intrusive_ptr<dvArray> invertMatrix() {
-    return function("invertMatrix", [](std::size_t, const Arrays&) -> Arrays {
+// Gives up on its matrix after a while, as a solver does on a singular one.
+Value invertMatrix() {
+    return function("invertMatrix", [](std::size_t, const Values&) -> Values {
         std::this_thread::sleep_for(300ms);
         throw KExceptionEnvelope("demo:invertMatrix:singular",
                                  u"Matrix is singular to working precision.");
     });
 }
 
-// Tells what it does into its diary.
-boost::intrusive_ptr<dvArray> chattyHalf() {
-    return function("chattyHalf", [](std::size_t, const Arrays& inputs) -> Arrays {
-        const double x = valueOf(inputs);
+// x -> x / 2, telling what it does into its diary.
+Value chattyHalf() {
+    return function("chattyHalf", [](std::size_t, const Values& in) -> Values {
+        const double x = numberOf(in.at(0));
         char line[64];
         std::snprintf(line, sizeof line, "halving %g\n", x);
         kvm::print(foundation::core::str::toUtf16(line));
         std::this_thread::sleep_for(200ms);
-        kvm::print(u"done\n");
-        return {scalar(x / 2)};
+        return {number(x / 2)};
     });
 }
 
-std::string text(const std::u16string& utf16) {
-    return foundation::core::str::toUtf8(utf16);
-}
-
-// Meant to run once on every worker: takes the next number, counting up from
-// its input in the order the workers get to it, reports it in its diary and
-// gives it back.
-boost::intrusive_ptr<dvArray> rollCall(std::shared_ptr<std::atomic<int>> next) {
-    return function("rollCall", [next](std::size_t, const Arrays& inputs) -> Arrays {
-        const int number = static_cast<int>(valueOf(inputs)) + next->fetch_add(1);
-        kvm::print(
-            foundation::core::str::toUtf16("reporting as number " + std::to_string(number) + "\n"));
-        return {scalar(number)};
-    });
-}
-
-void printCauses(const KExceptionEnvelope& error, const std::string& indent) {
-    for (const KExceptionEnvelope& cause : error.GetCauses()) {
-        std::cout << indent << "caused by " << cause.GetID() << ": " << text(cause.GetMessage())
-                  << '\n';
-        printCauses(cause, indent + "  ");
-    }
-}
-
-void printError(const char* what, const KExceptionEnvelope& error) {
-    std::cout << "  " << what << ": " << error.GetID() << "\n    " << text(error.GetMessage())
-              << '\n';
-    printCauses(error, "    ");
-}
-
-// The lines of a diary, one by one.
-void printDiary(const std::string& diary) {
-    for (std::size_t start = 0; start < diary.size();) {
-        const std::size_t end = std::min(diary.find('\n', start), diary.size());
-        std::cout << "      diary: " << diary.substr(start, end - start) << '\n';
-        start = end + 1;
-    }
-}
-
-// One line per fetched future: index, ID, value (none when it failed) and
-// how long it ran, then its diary, if it printed anything, line by line.
-void printFetched(std::size_t index, const pf::FutureBase& future, std::optional<double> value) {
-    char shown[32] = "failed";
-    if (value) {
-        std::snprintf(shown, sizeof shown, "value %g", *value);
-    }
-    char line[128];
-    std::snprintf(line, sizeof line, "  index %zu  ID %lld  %-12s ran %.3f s", index,
-                  future.getID(), shown, future.getRunningDuration().count());
-    std::cout << line << '\n';
-    printDiary(text(future.getDiary().getAsSingle()));
-}
-
-// The language's ways in: construct an object, read a property, call a method.
-matrix::unique_dvArray construct(const char* className, const Arrays& args) {
-    std::vector<dvArray*> raw;
-    for (const auto& arg : args) {
-        raw.push_back(arg.get());
-    }
-    return matrix::unique_dvArray(omConstructObjectWithClient(
-        kcos::internal::makeInterned(className), static_cast<int>(raw.size()), raw.data(),
-        COSGetPublicClient()));
-}
-
-matrix::unique_dvArray property(const dvArray* object, const char* name) {
-    return omGetProperty(object, name, COSGetPublicClient());
-}
-
-std::string charsOf(const dvArray* array) {
-    return text(std::u16string(dvGetChars(array)));
-}
-
-void disp(const dvArray* futures) {
-    omInvokeMethod("disp", 0, {futures}, COSGetPublicClient());
-}
-
-// "parallel.FevalOnAllFuture": one evaluation on every worker (task i runs on
-// worker i); the outputs as a cell, one row per worker, each with what that
-// worker wrote into its diary (the "Diary" property, a cell per worker).
-void showOnAll() {
-    const auto object =
-        construct("parallel.FevalOnAllFuture",
-                  {rollCall(std::make_shared<std::atomic<int>>(0)), scalar(1), scalar(1.0)});
-    const auto future = pf::FutureBase::fromKorvexArray(object.get()).at(0);
-    std::cout << "\nOne evaluation on every worker (ID " << future->getID() << ", class "
-              << charsOf(
-                     omInvokeMethod("class", 1, {object.get()}, COSGetPublicClient()).at(0).get())
-              << "):\n";
-    const auto cell = pf::FutureBase::fetchOutputs({future}, false, 1).at(0);
-    const auto diaries = property(object.get(), "Diary");
-    for (std::size_t i = 0; i < dvGetNumberOfElements(cell.get()); ++i) {
-        std::cout << "  worker " << i << "  value " << dvGetDoubles(dvGetCell(cell.get(), i))[0]
-                  << '\n';
-        printDiary(charsOf(dvGetCell(diaries.get(), i)));
-    }
-}
-
-// Continuations of evaluations on `pool`: "afterEach" runs `postProcess` on
-// the interpreter thread for each result as it arrives; "afterAll" runs
-// `combine` once all are in, with the results concatenated into a column.
-// Waiting in fetchNext keeps the interpreter thread running them promptly.
-void showContinuations(localpool::LocalPool& pool) {
-    const std::thread::id interpreterThread = std::this_thread::get_id();
-    const auto postProcess =
-        function("postProcess", [interpreterThread](std::size_t, const Arrays& in) -> Arrays {
-            std::cout << "  afterEach: got " << valueOf(in) << " on the "
-                      << (std::this_thread::get_id() == interpreterThread ? "interpreter" : "wrong")
-                      << " thread\n";
-            return {scalar(valueOf(in) + 0.5)};
-        });
-    const auto combine = function("combine", [](std::size_t, const Arrays& in) -> Arrays {
-        const auto column = dvGetDoubles(in.at(0).get());
-        double sum = 0;
-        for (const double x : column) {
-            sum += x;
+// Works until asked to stop, at most five seconds.
+Value longSolve() {
+    return function("longSolve", [](std::size_t, const Values& in) -> Values {
+        const auto giveUp = std::chrono::steady_clock::now() + 5s;
+        while (!localpool::stopRequested() && std::chrono::steady_clock::now() < giveUp) {
+            std::this_thread::sleep_for(10ms);
         }
-        std::cout << "  afterAll: the sum of " << column.size() << " results is " << sum << '\n';
-        return {scalar(sum)};
+        return {in.at(0)};
     });
+}
 
-    std::vector<std::shared_ptr<pf::FutureBase>> squares;
-    for (const double x : {1.0, 2.0, 3.0}) {
-        squares.push_back(pool.submit(slowSquare(100ms * static_cast<int>(x)), 1, {scalar(x)}));
-    }
-    auto withFailure = squares;
-    withFailure.push_back(pool.submit(invertMatrix(), 1, {scalar(0.0)}));
-    std::cout << "\nContinuations of " << squares.size()
-              << " squares and one evaluation that fails "
-              << "(ID " << withFailure.back()->getID() << "):\n";
+// ---- The sections -----------------------------------------------------------
 
-    const auto each = pf::AfterEachFuture::build(nullptr, postProcess, 1, withFailure, {}, false);
-    const std::vector<std::shared_ptr<pf::FutureBase>> combined{
-        pf::AfterAllFuture::build(nullptr, combine, 1, squares, {}, false),
-        pf::AfterAllFuture::build(nullptr, combine, 1, withFailure, {}, false)};
+// f = [parallel.FevalFuture(@slowSquare, 1, 3), ...]
+// class(f), isa(f, "parallel.Future"), disp(f)
+Value startEvaluations() {
+    section("Five evaluations on four workers");
+    const Value f = horzcat({
+        construct("parallel.FevalFuture", {slowSquare(600ms), number(1), number(3)}),
+        construct("parallel.FevalFuture", {invertMatrix(), number(1), number(0)}),
+        construct("parallel.FevalFuture", {slowSquare(100ms), number(1), number(4)}),
+        construct("parallel.FevalFuture", {chattyHalf(), number(1), number(10)}),
+        construct("parallel.FevalFuture", {slowSquare(400ms), number(1), number(5)}),
+    });
+    std::cout << "class(f) is " << textOf(callMethod("class", 1, f).at(0).get())
+              << ", isa(f, \"parallel.Future\") is "
+              << truth(callMethod("isa", 1, f, word("parallel.Future")).at(0)) << '\n';
+    callMethod("disp", 0, f);
+    return f;
+}
 
-    const pf::Seconds timeout(60.0);
-    for (;;) {
-        try {
-            const auto [state, index, outputs] = pf::FutureBase::fetchNext(combined, 1, timeout);
-            if (state != pf::FetchNextState::Fetched) {
-                break;
+// for k = 1:numel(f)
+//     try, [i, x] = fetchNext(f); ... catch err, ... end
+// end
+void fetchAsTheyArrive(const Value& f) {
+    section("fetchNext: each result as it arrives");
+    const auto start = std::chrono::steady_clock::now();
+    std::vector<bool> reported(numel(f), false);
+    for (std::size_t k = 0; k < numel(f); ++k) {
+        Values out;
+        const auto error = tryCatch([&] { out = callMethod("fetchNext", 2, f); });
+        const double at =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        // The future fetched now is the one read but not reported yet:
+        // f(i).Read, since on an error fetchNext gives no index.
+        std::size_t i = 0;
+        if (error) {
+            while (!dvGetLogicals(property(element(f, i), "Read").get())[0] || reported[i]) {
+                ++i;
             }
-            std::cout << "  fetchNext: combination " << index << " gave " << valueOf(outputs)
-                      << '\n';
-        } catch (const KExceptionEnvelope& error) {
-            printError("fetchNext raised", error);
+        } else {
+            i = static_cast<std::size_t>(numberOf(out.at(0))) - 1;
+        }
+        reported[i] = true;
+        const Value one = element(f, i);
+        char line[128];
+        std::snprintf(line, sizeof line, "  after %.2f s: f(%zu), ID %g, ", at, i + 1,
+                      numberOf(property(one, "ID")));
+        std::cout << line;
+        if (error) {
+            std::cout << "raised\n";
+            printError(*error, "    ");
+        } else {
+            std::cout << "gave " << numberOf(out.at(1)) << '\n';
+        }
+        printLines("    diary: ", textOf(property(one, "Diary").get()));
+    }
+}
+
+// ok = arrayfun(@(g) isempty(g.Error), f); x = fetchOutputs(f(ok))
+// try, fetchOutputs(f); catch err, ... end
+void fetchAll(const Value& f) {
+    section("fetchOutputs: all outputs, or one error");
+    Values succeeded;
+    for (std::size_t i = 0; i < numel(f); ++i) {
+        if (dvIsEmpty(property(element(f, i), "Error").get())) {
+            succeeded.push_back(element(f, i));
         }
     }
-    pf::FutureBase::wait({each}, pf::FutureState::Finished, timeout);
-    const auto errors = each->getError();
-    std::cout << "  afterEach entries with an error: ";
-    for (std::size_t i = 0; i < errors.size(); ++i) {
-        if (errors[i]) {
-            std::cout << i << ' ';
-        }
+    const Value column = callMethod("fetchOutputs", 1, horzcat(succeeded)).at(0);
+    std::cout << "  the " << succeeded.size() << " without an error gave";
+    for (const double x : dvGetDoubles(column.get())) {
+        std::cout << ' ' << x;
     }
     std::cout << '\n';
+    if (const auto error = tryCatch([&] { callMethod("fetchOutputs", 1, f); })) {
+        std::cout << "  all " << numel(f) << " raised\n";
+        printError(*error, "    ");
+    }
+    std::cout << "\nAll of them now:\n";
+    callMethod("disp", 0, f);
+}
+
+// ok = wait(g, "running", 5); ok = wait(g, "finished", 0.25)
+// cancel(g); wait(g); g.State, g.Error
+Value waitAndCancel() {
+    section("wait with a timeout, then cancel");
+    const Value g = construct("parallel.FevalFuture", {longSolve(), number(1), number(7)});
+    const Value running = callMethod("wait", 1, g, word("running"), number(5)).at(0);
+    const Value finished = callMethod("wait", 1, g, word("finished"), number(0.25)).at(0);
+    std::cout << "  wait(g, \"running\", 5) gave " << truth(running)
+              << ", wait(g, \"finished\", 0.25) gave " << truth(finished) << '\n';
+    callMethod("cancel", 0, g);
+    callMethod("wait", 0, g);
+    std::cout << "  after cancel(g) and wait(g), g.State is " << textOf(property(g, "State").get())
+              << " and g.Error is\n";
+    printError(KExceptionEnvelope(property(g, "Error").get()), "    ");
+    return g;
+}
+
+// e = afterEach(s, @report, 1); a = afterAll(s, @total, 1)
+// [~, sum] = fetchNext(a, 10); wait(e); fetchOutputs(e)
+// b = afterAll(f, @total, 1); wait(b); b.Error
+Values continuations(const Value& f) {
+    section("afterEach and afterAll");
+    const std::thread::id interpreter = std::this_thread::get_id();
+    const Value report = function("report", [interpreter](std::size_t, const Values& in) -> Values {
+        std::cout << "  afterEach: got " << numberOf(in.at(0)) << " on the "
+                  << (std::this_thread::get_id() == interpreter ? "interpreter" : "wrong")
+                  << " thread\n";
+        return {number(numberOf(in.at(0)) + 0.5)};
+    });
+    const Value total = function("total", [](std::size_t, const Values& in) -> Values {
+        double sum = 0;
+        for (const double x : dvGetDoubles(in.at(0).get())) {
+            sum += x;
+        }
+        std::cout << "  afterAll: " << numel(in.at(0)) << " results, sum " << sum << '\n';
+        return {number(sum)};
+    });
+
+    const Value s = horzcat({
+        construct("parallel.FevalFuture", {slowSquare(300ms), number(1), number(3)}),
+        construct("parallel.FevalFuture", {slowSquare(100ms), number(1), number(1)}),
+        construct("parallel.FevalFuture", {slowSquare(200ms), number(1), number(2)}),
+    });
+    const Value e = callMethod("afterEach", 1, s, report, number(1)).at(0);
+    const Value a = callMethod("afterAll", 1, s, total, number(1)).at(0);
+    // Waiting in fetchNext runs the continuations on this thread as soon as
+    // they are due.
+    const Values fetched = callMethod("fetchNext", 2, a, number(10));
+    std::cout << "  [~, sum] = fetchNext(a, 10) gave " << numberOf(fetched.at(1)) << '\n';
+    callMethod("wait", 0, e);
+    const Value column = callMethod("fetchOutputs", 1, e).at(0);
+    std::cout << "  fetchOutputs(e) gave";
+    for (const double x : dvGetDoubles(column.get())) {
+        std::cout << ' ' << x;
+    }
+    std::cout << '\n';
+
+    // Over the five of the start, one of which failed: the continuation does
+    // not run, and the failure becomes its error.
+    const Value b = callMethod("afterAll", 1, f, total, number(1)).at(0);
+    callMethod("wait", 0, b);
+    std::cout << "  afterAll(f, @total, 1) failed:\n";
+    printError(KExceptionEnvelope(property(b, "Error").get()), "    ");
+    return {s, e, a, b};
+}
+
+// w = parallel.FevalOnAllFuture(@rollCall, 1); class(w); fetchOutputs(w); w.Diary
+Value onEveryWorker() {
+    section("One evaluation on every worker");
+    // Each worker takes the next number, in the order the workers get to it.
+    const auto next = std::make_shared<std::atomic<int>>(1);
+    const Value rollCall = function("rollCall", [next](std::size_t, const Values&) -> Values {
+        const int mine = next->fetch_add(1);
+        kvm::print(foundation::core::str::toUtf16("number " + std::to_string(mine) + " here\n"));
+        return {number(mine)};
+    });
+    const Value w = construct("parallel.FevalOnAllFuture", {rollCall, number(1)});
+    const Value x = callMethod("fetchOutputs", 1, w).at(0);
+    std::cout << "  class(w) is " << textOf(callMethod("class", 1, w).at(0).get())
+              << "; fetchOutputs(w), one per worker, gave";
+    for (const double value : dvGetDoubles(x.get())) {
+        std::cout << ' ' << value;
+    }
+    std::cout << '\n';
+    const Value diaries = property(w, "Diary");
+    for (std::size_t i = 0; i < numel(diaries); ++i) {
+        printLines("  w.Diary{" + std::to_string(i + 1) + "}: ",
+                   textOf(dvGetCell(diaries.get(), i)));
+    }
+    return w;
+}
+
+// The end of the run, with every future the demo made, in the order made.
+// A timeline of their runs is to be written from here.
+void finishRun(const Values& made) {
+    std::size_t count = 0;
+    for (const Value& futures : made) {
+        count += numel(futures);
+    }
+    std::cout << "\n" << count << " futures made in all.\n";
 }
 
 } // namespace
 
 int main() {
+    // What an executor does: the interpreter of this thread, the module and
+    // its classes, and the pool that runs the language's evaluations.
     const auto interpreter = kvm::KVM::create();
     interpreter->handleInterruptSignal();
     foundation::log::configure_from_environment();
@@ -262,78 +415,28 @@ int main() {
     if (std::getenv("KORVEX_LOG") != nullptr) {
         traces.emplace(std::cerr);
     }
-
-    // The module registers "parallel.Future"; the pool's classes let the
-    // constructor "parallel.FevalFuture" start evaluations on it.
     KVInitialize_libqzparallellanguagefuture();
     localpool::registerLanguageClasses();
-    const auto pool = std::make_shared<localpool::LocalPool>(4);
-    localpool::setLanguagePool(pool);
+    localpool::setLanguagePool(std::make_shared<localpool::LocalPool>(4));
 
-    // Each: the function, the number of outputs, the input.
-    const std::vector<Arrays> evaluations{
-        {slowSquare(600ms), scalar(1), scalar(3.0)}, {invertMatrix(), scalar(1), scalar(0.0)},
-        {slowSquare(100ms), scalar(1), scalar(4.0)}, {chattyHalf(), scalar(1), scalar(10.0)},
-        {slowSquare(400ms), scalar(1), scalar(5.0)},
-    };
-    std::vector<std::shared_ptr<pf::FutureBase>> futures;
-    for (const Arrays& args : evaluations) {
-        const auto object = construct("parallel.FevalFuture", args);
-        futures.push_back(pf::FutureBase::fromKorvexArray(object.get()).at(0));
-    }
-    // The same language objects, gathered into one array.
-    const auto array = pf::FutureBase::toKorvexArray(futures, {});
-    std::cout << "Started " << futures.size() << " evaluations on " << pool->getNumWorkers()
-              << " workers:\n";
-    disp(array.get());
-    std::cout << "\nFetching them as they finish:\n";
-
-    const pf::Seconds noTimeout(std::numeric_limits<double>::max());
-    std::vector<bool> reported(futures.size(), false);
-    std::shared_ptr<pf::FutureBase> failed;
-    std::size_t failedIndex = 0;
-    for (;;) {
-        try {
-            const auto [state, index, outputs] = pf::FutureBase::fetchNext(futures, 1, noTimeout);
-            if (state != pf::FetchNextState::Fetched) {
-                break; // NoUnreadFutures: all of them are in
-            }
-            reported[index] = true;
-            printFetched(index, *futures[index], valueOf(outputs));
-        } catch (const KExceptionEnvelope& error) {
-            // The failed future is the one read now but not reported yet.
-            for (std::size_t i = 0; i < futures.size(); ++i) {
-                if (futures[i]->getRead() && !reported[i]) {
-                    reported[i] = true;
-                    failed = futures[i];
-                    failedIndex = i;
-                    printFetched(i, *futures[i], std::nullopt);
-                }
-            }
-            printError("fetchNext raised", error);
+    // What the language does.
+    const auto error = tryCatch([] {
+        const Value f = startEvaluations();
+        fetchAsTheyArrive(f);
+        fetchAll(f);
+        const Value g = waitAndCancel();
+        Values made{f, g};
+        for (const Value& futures : continuations(f)) {
+            made.push_back(futures);
         }
-    }
-
-    std::cout << "\nAll of them now:\n";
-    disp(array.get());
-
-    if (failed) {
-        std::cout << "\nfetchOutputs on the failed future (ID " << failed->getID() << "):\n";
-        try {
-            pf::FutureBase::fetchOutputs({failed}, true, 1);
-            std::cout << "  no error?\n";
-        } catch (const KExceptionEnvelope& error) {
-            printError("fetchOutputs raised", error);
-        }
-        const matrix::unique_dvArray object(
-            omCreateKCOSScalar(omGetArrayElement(array.get(), failedIndex)));
-        std::cout << "  its State property: " << charsOf(property(object.get(), "State").get())
-                  << "\n";
-        printError("its Error property", KExceptionEnvelope(property(object.get(), "Error").get()));
-    }
-
-    showOnAll();
-    showContinuations(*pool);
+        made.push_back(onEveryWorker());
+        finishRun(made);
+    });
     localpool::setLanguagePool(nullptr);
+    if (error) {
+        std::cout << "The demo stopped on an error:\n";
+        printError(*error);
+        return 1;
+    }
     return 0;
 }
