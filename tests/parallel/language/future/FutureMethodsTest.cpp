@@ -306,6 +306,26 @@ TEST_F(FutureMethods, StringScalarsAreTextWhereOptionsAndStatesAreRead) {
     EXPECT_TRUE(fn.calls->empty());
 }
 
+// A drain calls fetchNext on one array again and again; each call must see
+// the array as it is now: another array of as many futures, or a future
+// deleted since the last call.
+TEST_F(FutureMethods, FetchNextSeesEachArrayAsItIsNow) {
+    TestFuture a, b, c, d;
+    a.finishedWith({scalar(1)});
+    b.finishedWith({scalar(2)});
+    c.finishedWith({scalar(3)});
+    d.finishedWith({scalar(4)});
+    const auto first = objects({a.future, b.future});
+    const auto second = objects({c.future, d.future});
+
+    EXPECT_EQ(valueOf(call("fetchNext", 2, {first.get()}).at(1).get()), 1.0);
+    EXPECT_EQ(valueOf(call("fetchNext", 2, {second.get()}).at(1).get()), 3.0);
+    EXPECT_EQ(valueOf(call("fetchNext", 2, {first.get()}).at(1).get()), 2.0);
+    omGetLiveArrayElement(second.get(), 1)->destroy();
+    EXPECT_EQ(raised("fetchNext", 1, {second.get()}).id, kFuture + "FetchNextInvalidFuture");
+    EXPECT_EQ(raised("fetchNext", 1, {first.get()}).id, kFuture + "NoUnreadFutures");
+}
+
 TEST_F(FutureMethods, CancelGoesFromTheLargestIDAndTakesNoFurtherInputs) {
     std::vector<long long> cancelled;
     std::vector<std::shared_ptr<FutureBase>> futures;

@@ -180,7 +180,7 @@ void remember(std::span<const std::shared_ptr<matrix::dvObject>> elements, Borro
     into.elements.reserve(elements.size());
     for (const std::shared_ptr<matrix::dvObject>& element : elements) {
         kcos::COSInterface* object = omLiveObjectOf(element.get());
-        FutureBase* future = object ? futureCellOf(*object).get() : unavailableStandIn();
+        FutureBase* future = isGone(object) ? unavailableStandIn() : futureCellOf(*object).get();
         into.elements.push_back({element.get(), element, object, future});
     }
 }
