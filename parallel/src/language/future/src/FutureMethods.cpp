@@ -249,11 +249,10 @@ std::vector<std::shared_ptr<FutureBase>> futuresOf(const kcos::COSValue& value) 
     return FutureBase::fromKorvexArray(arrayOf(value));
 }
 
-// The futures of `value` for a method that reads them: none raises Empty,
-// an unavailable one raises Unavailable.
-template <class Empty, class Unavailable>
-std::vector<std::shared_ptr<FutureBase>> readableFuturesOf(const kcos::COSValue& value) {
-    std::vector<std::shared_ptr<FutureBase>> futures = futuresOf(value);
+// Refuses futures a method cannot read: none raises Empty, an unavailable
+// one raises Unavailable.
+template <class Empty, class Unavailable, class Futures>
+void refuseUnreadable(const Futures& futures) {
     if (futures.empty()) {
         throw Empty();
     }
@@ -261,6 +260,13 @@ std::vector<std::shared_ptr<FutureBase>> readableFuturesOf(const kcos::COSValue&
                     [](const auto& future) { return future->isInvalid(); })) {
         throw Unavailable();
     }
+}
+
+// The futures of `value` for a method that reads them (refuseUnreadable).
+template <class Empty, class Unavailable>
+std::vector<std::shared_ptr<FutureBase>> readableFuturesOf(const kcos::COSValue& value) {
+    std::vector<std::shared_ptr<FutureBase>> futures = futuresOf(value);
+    refuseUnreadable<Empty, Unavailable>(futures);
     return futures;
 }
 
@@ -353,13 +359,7 @@ private:
         // Walked whole on every call of a drain: borrowed, not owned.
         const BorrowedFutures borrowed(arrayOf(inputs[0]));
         const std::span<FutureBase* const> futures = borrowed.get();
-        if (futures.empty()) {
-            throw errors::NoUnreadFutures();
-        }
-        if (std::any_of(futures.begin(), futures.end(),
-                        [](const FutureBase* future) { return future->isInvalid(); })) {
-            throw errors::FetchNextInvalidFuture();
-        }
+        refuseUnreadable<errors::NoUnreadFutures, errors::FetchNextInvalidFuture>(futures);
         numOutputs = std::max(numOutputs, 1);
         checkCounts(0, 0, inputs.size(), 1, 2);
         const auto wanted = static_cast<unsigned int>(numOutputs - 1);
