@@ -1,7 +1,8 @@
 # Entry points. Each target installs missing Debian packages (scripts/bootstrap),
 # configures its own build folder and builds what it needs.
 #
-#   make demo       build and run examples/demo            (build/release)
+#   make demo       build and run examples/demo; it writes its timeline
+#                   to build/release/demo-timeline.{json,svg}  (build/release)
 #   make test       build and run the unit tests           (build/release)
 #   make sanitize   all tests under ASan+UBSan             (build/asan)
 #                   'concurrency' tests under TSan         (build/tsan)
@@ -45,7 +46,7 @@ bootstrap:
 demo: bootstrap
 	$(CMAKE_CONFIGURE) -B build/release $(RELEASE_FLAGS)
 	cmake --build build/release --target demo -j$(JOBS)
-	build/release/examples/demo
+	build/release/examples/demo build/release
 
 test: bootstrap
 	$(CMAKE_CONFIGURE) -B build/release $(RELEASE_FLAGS)

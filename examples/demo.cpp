@@ -14,13 +14,17 @@
 //     one error whose cause is the failure;
 //   - wait with a timeout that expires answers false; cancel stops the work;
 //   - afterEach and afterAll continue on the results, on this thread;
-//   - parallel.FevalOnAllFuture runs one evaluation on every worker.
+//   - parallel.FevalOnAllFuture runs one evaluation on every worker;
+//   - a timeline of every future is written as trace-event JSON and as SVG,
+//     into the folder given as the first argument (the current one without).
 //
 // Nothing is traced unless KORVEX_LOG names channels, for example
-//   KORVEX_LOG="parallel::language::future::FutureBase=96" ./demo
-// which writes the traces to standard error.
+//   KORVEX_LOG="parallel::language::future::FutureBase=56" ./demo
+// which writes messages (8), caught exceptions (16) and function traces (32)
+// to standard error.
 
 #include <parallel/language/future/Module.hpp>
+#include <parallel/language/future/TimelineRecorder.hpp>
 
 #include <Veldspire/KException/KExceptionEnvelope.hpp>
 #include <foundation/core/except/Exception.hpp>
@@ -38,9 +42,11 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -393,19 +399,40 @@ Value onEveryWorker() {
     return w;
 }
 
-// The end of the run, with every future the demo made, in the order made.
-// A timeline of their runs is to be written from here.
-void finishRun(const Values& made) {
+// The end of the run, with every future the demo made: the timeline of
+// their runs, written into `folder`.
+void finishRun(const Values& made, const parallel::language::future::TimelineRecorder& timeline,
+               const std::filesystem::path& folder) {
     std::size_t count = 0;
     for (const Value& futures : made) {
         count += numel(futures);
     }
-    std::cout << "\n" << count << " futures made in all.\n";
+    section("The timeline");
+    const std::filesystem::path trace = std::filesystem::absolute(folder / "demo-timeline.json");
+    const std::filesystem::path picture = std::filesystem::absolute(folder / "demo-timeline.svg");
+    try {
+        timeline.writeTraceEvents(trace);
+        timeline.writeSvg(picture);
+    } catch (const std::runtime_error& error) {
+        std::cout << "  " << error.what() << '\n';
+        return;
+    }
+    std::cout << "  " << count << " futures made in all, " << timeline.entries().size()
+              << " tasks run.\n"
+              << "  Trace events (open in https://ui.perfetto.dev or chrome://tracing):\n    "
+              << trace.string() << "\n  Picture (open in a browser):\n    " << picture.string()
+              << '\n';
 }
 
 } // namespace
 
-int main() {
+int main(int argc, char** argv) {
+    const std::filesystem::path timelineFolder = argc > 1 ? argv[1] : ".";
+    // Every future from here on goes on the timeline; this thread's lane is
+    // the interpreter's, where the continuations run.
+    parallel::language::future::TimelineRecorder timeline;
+    parallel::language::future::TimelineRecorder::nameThisThread("interpreter");
+
     // What an executor does: the interpreter of this thread, the module and
     // its classes, and the pool that runs the language's evaluations.
     const auto interpreter = kvm::KVM::create();
@@ -420,7 +447,7 @@ int main() {
     localpool::setLanguagePool(std::make_shared<localpool::LocalPool>(4));
 
     // What the language does.
-    const auto error = tryCatch([] {
+    const auto error = tryCatch([&] {
         const Value f = startEvaluations();
         fetchAsTheyArrive(f);
         fetchAll(f);
@@ -430,7 +457,7 @@ int main() {
             made.push_back(futures);
         }
         made.push_back(onEveryWorker());
-        finishRun(made);
+        finishRun(made, timeline, timelineFolder);
     });
     localpool::setLanguagePool(nullptr);
     if (error) {

@@ -2,11 +2,14 @@
 
 #include "Codec.hpp"
 
+#include <parallel/language/future/TimelineRecorder.hpp>
+
 #include <boost/exception/diagnostic_information.hpp>
 #include <boost/mpi/environment.hpp>
 #include <boost/mpi/status.hpp>
 
 #include <iostream>
+#include <string>
 
 namespace mpipool {
 
@@ -125,7 +128,7 @@ std::optional<ClientLink::Event> ClientLink::receive(const boost::mpi::status& s
     const auto worker = static_cast<std::size_t>(rank - 1);
     if (status.tag() == protocol::kStarted) {
         if (auto task = work_->inHand(worker, codec::decodeTaskId(bytes))) {
-            return Event{std::move(task), std::nullopt};
+            return Event{std::move(task), std::nullopt, worker};
         }
         return std::nullopt;
     }
@@ -133,7 +136,7 @@ std::optional<ClientLink::Event> ClientLink::receive(const boost::mpi::status& s
         // An unreadable id throws: the link cannot tell whose result it is.
         codec::ResultMessage result = codec::decodeResult(bytes);
         if (auto task = work_->finish(worker, result.id)) {
-            return Event{std::move(task), std::move(result)};
+            return Event{std::move(task), std::move(result), worker};
         }
         std::cerr << "mpipool: ignored the result of task " << result.id << " from worker "
                   << worker << ", which did not have it" << std::endl;
@@ -146,6 +149,9 @@ std::optional<ClientLink::Event> ClientLink::receive(const boost::mpi::status& s
 void ClientLink::deliver(Event& event) {
     ClusterTask& task = *event.task;
     if (!event.result) {
+        // The timeline puts the task on the lane of the rank that runs it.
+        parallel::language::future::TimelineRecorder::nameThisThread(
+            "rank " + std::to_string(event.worker + 1));
         notifySafely("Running", [&] { task.markRunning(); });
         return;
     }

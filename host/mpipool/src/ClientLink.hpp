@@ -53,6 +53,7 @@ private:
     struct Event {
         std::shared_ptr<ClusterTask> task;
         std::optional<codec::ResultMessage> result;
+        std::size_t worker; // 0-based: rank - 1
     };
 
     ClientLink(boost::mpi::communicator comm, std::size_t numWorkers);

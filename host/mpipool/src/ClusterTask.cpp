@@ -2,6 +2,8 @@
 
 #include "WorkList.hpp"
 
+#include <parallel/language/future/TimelineRecorder.hpp>
+
 namespace mpipool {
 
 ClusterTask::ClusterTask(codec::TaskId id, protocol::Bytes payload, std::weak_ptr<WorkList> work,
@@ -14,6 +16,9 @@ protocol::Bytes ClusterTask::takePayload() noexcept {
 
 void ClusterTask::setResult(parallel::language::future::OutputsOrError result,
                             std::u16string diary) {
+    if (result.hasError()) {
+        parallel::language::future::TimelineRecorder::recordFailure(*this);
+    }
     const std::lock_guard lock(resultMutex_);
     result_ = std::move(result);
     diary_ = std::move(diary);

@@ -3,6 +3,7 @@
 #include "PoolTask.hpp"
 #include "TaskQueue.hpp"
 
+#include <parallel/language/future/TimelineRecorder.hpp>
 #include <parallel/language/future/VectorMultiTask.hpp>
 
 #include <boost/exception/diagnostic_information.hpp>
@@ -15,6 +16,7 @@
 #include <mutex>
 #include <optional>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -88,6 +90,8 @@ private:
 // Worker thread. Holds only shared state, so it may outlive the pool.
 void workerLoop(const std::shared_ptr<TaskQueue>& queue, const std::shared_ptr<WorkerExits>& exits,
                 std::size_t worker) noexcept {
+    parallel::language::future::TimelineRecorder::nameThisThread("worker " +
+                                                                 std::to_string(worker + 1));
     while (const auto task = queue->takeNext(worker)) {
         execute(*task);
         queue->markDone(*task);

@@ -4,6 +4,8 @@
 
 #include <localpool/LocalPool.hpp>
 
+#include <parallel/language/future/TimelineRecorder.hpp>
+
 #include <kcos/Language.hpp>
 #include <kvm/KVM.hpp>
 
@@ -90,6 +92,7 @@ void PoolTask::run() noexcept {
             result = OutputsOrError(invoke(function_.get(), numOutputs_, inputs_));
         } catch (...) {
             result = OutputsOrError(std::current_exception());
+            parallel::language::future::TimelineRecorder::recordFailure(*this);
         }
     }
     function_.reset();

@@ -1,6 +1,7 @@
 #include <parallel/language/future/AfterAllFuture.hpp>
 
 #include "ContinuationCallbacks.hpp"
+#include "TimelineEvents.hpp"
 
 namespace parallel::language::future {
 
@@ -29,7 +30,9 @@ AfterAllFuture::AfterAllFuture(Token, kcos::COSInterface* parent,
                                const std::vector<std::shared_ptr<FutureBase>>& predecessors,
                                std::shared_ptr<ContinuationTask> task)
     : FutureBase(parent, std::move(function), numOutputs, predecessors, std::nullopt),
-      task_(std::move(task)) {}
+      task_(std::move(task)) {
+    detail::timeline::onFutureCreated(task_.get(), *this, "AfterAllFuture");
+}
 
 AfterAllFuture::~AfterAllFuture() = default;
 

@@ -6,6 +6,7 @@
 
 #include "ContinuationCallbacks.hpp"
 #include "MultiTaskFolding.hpp"
+#include "TimelineEvents.hpp"
 
 namespace parallel::language::future {
 
@@ -54,6 +55,7 @@ AfterEachFuture::AfterEachFuture(Token, kcos::COSInterface* parent,
     const unsigned long long count = tasks_->maybeResizeAndGetNumTasks();
     initMultiTaskInputs(count);
     initMultiTaskOutputsOrError(count);
+    detail::timeline::onFutureCreated(*tasks_, count, *this, "AfterEachFuture");
 }
 
 AfterEachFuture::~AfterEachFuture() = default;

@@ -9,6 +9,7 @@
 #include "ErrorConversion.hpp"
 #include "FutureClassNames.hpp"
 #include "InterpreterSubmission.hpp"
+#include "TimelineEvents.hpp"
 
 #include <foundation/usm/Detail.hpp>
 #include <kcos/array.hpp>
@@ -217,6 +218,16 @@ struct ContinuationWork {
             function->reset();
             predecessors->reset();
         });
+        try {
+            return run();
+        } catch (...) {
+            detail::timeline::onFailed(task.get());
+            throw;
+        }
+    }
+
+private:
+    ContinuationTask::RequestResult run() const {
         const std::vector<std::shared_ptr<FutureBase>> futures =
             FutureBase::fromKorvexArray(predecessors->get());
         DvArrayVector arguments = passFuture ? argumentOfFutures(futures, predecessorSize)

@@ -1,6 +1,7 @@
 #include <parallel/language/future/FevalFuture.hpp>
 
 #include "DiagnosticLogging.hpp"
+#include "TimelineEvents.hpp"
 
 namespace parallel::language::future {
 
@@ -9,7 +10,9 @@ FevalFuture::FevalFuture(kcos::COSInterface* parent, boost::intrusive_ptr<dvArra
                          std::shared_ptr<TaskBase> task, std::optional<long long> id)
     : FutureBase(parent, std::move(function), numOutputs,
                  PerTaskVariant<DvArrayVector>(std::move(inputs)), id),
-      task_(std::move(task)) {}
+      task_(std::move(task)) {
+    detail::timeline::onFutureCreated(task_.get(), *this, "FevalFuture");
+}
 
 FevalFuture::~FevalFuture() = default;
 

@@ -4,6 +4,7 @@
 
 #include "DiagnosticLogging.hpp"
 #include "MultiTaskFolding.hpp"
+#include "TimelineEvents.hpp"
 
 namespace parallel::language::future {
 
@@ -22,7 +23,9 @@ FevalOnAllFuture::FevalOnAllFuture(kcos::COSInterface* parent,
     : FutureBase(parent, std::move(function), numOutputs,
                  PerTaskVariant<DvArrayVector>(std::move(inputs)), id),
       tasks_(std::move(tasks)) {
-    initMultiTaskOutputsOrError(tasks_->maybeResizeAndGetNumTasks());
+    const unsigned long long count = tasks_->maybeResizeAndGetNumTasks();
+    initMultiTaskOutputsOrError(count);
+    detail::timeline::onFutureCreated(*tasks_, count, *this, "FevalOnAllFuture");
 }
 
 FevalOnAllFuture::~FevalOnAllFuture() = default;

@@ -4,6 +4,7 @@
 
 #include "DiagnosticLogging.hpp"
 #include "TaskFinishedListeners.hpp"
+#include "TimelineEvents.hpp"
 #include "WaitUntil.hpp"
 
 #include <boost/exception/diagnostic_information.hpp>
@@ -31,7 +32,9 @@ TaskBase::TaskBase()
       finishedPromise_(MultiEventPromise::Any, 2),
       finishedFuture_(finishedPromise_.getFuture().share()) {}
 
-TaskBase::~TaskBase() = default;
+TaskBase::~TaskBase() {
+    detail::timeline::onDestroyed(this);
+}
 
 void TaskBase::cancel() noexcept {
     if (getState() == FutureState::Finished) {
@@ -128,7 +131,11 @@ OutputsOrError TaskBase::getOutputsOrError() {
         return OutputsOrError(std::make_exception_ptr(errors::ExecutionCancelled()));
     }
     if (state == FutureState::Finished) {
-        return doGetOutputsOrError();
+        OutputsOrError outputsOrError = doGetOutputsOrError();
+        if (outputsOrError.hasError()) {
+            detail::timeline::onFailed(this);
+        }
+        return outputsOrError;
     }
     return OutputsOrError(std::optional<DvArrayVector>());
 }
@@ -147,26 +154,34 @@ void TaskBase::doNotifyPending() {
 
 void TaskBase::doNotifyQueued() {
     QZ_FUTURE_TRACE(logger());
-    std::lock_guard lock(mutex_);
-    if (state_ == FutureState::Running) {
-        // Back to a queue: the next run gets a running promise of its own.
-        // The old one is ready already, so dropping it breaks nothing.
-        runningPromise_ = boost::promise<void>();
-        runningFuture_ = runningPromise_.get_future().share();
-    }
-    if (!cancelled_) {
+    {
+        std::lock_guard lock(mutex_);
+        if (state_ == FutureState::Running) {
+            // Back to a queue: the next run gets a running promise of its own.
+            // The old one is ready already, so dropping it breaks nothing.
+            runningPromise_ = boost::promise<void>();
+            runningFuture_ = runningPromise_.get_future().share();
+        }
+        if (cancelled_) {
+            return;
+        }
         setState(FutureState::Queued);
     }
+    detail::timeline::onQueued(this);
 }
 
 void TaskBase::doNotifyRunning() {
     QZ_FUTURE_TRACE(logger());
-    std::lock_guard lock(mutex_);
-    if (!cancelled_) {
+    {
+        std::lock_guard lock(mutex_);
+        if (cancelled_) {
+            return;
+        }
         setStartTime();
         setState(FutureState::Running);
         runningPromise_.set_value();
     }
+    detail::timeline::onRunning(this);
 }
 
 void TaskBase::doNotifyFinished() {
@@ -178,6 +193,7 @@ void TaskBase::doNotifyFinished() {
             setState(FutureState::Finished);
         }
     }
+    detail::timeline::onFinished(this);
     finishedPromise_.setOne();
     detail::notifyTaskFinished();
 }
@@ -190,6 +206,7 @@ void TaskBase::doNotifyCancelled() {
         setState(FutureState::Finished);
         cancelled_ = true;
     }
+    detail::timeline::onCancelled(this);
     finishedPromise_.setOne();
 }
 

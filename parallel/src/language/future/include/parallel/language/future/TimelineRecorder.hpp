@@ -1,0 +1,96 @@
+#pragma once
+
+#include <parallel/language/future/Export.hpp>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace parallel::language::future {
+
+class TaskBase;
+
+// What a timeline knows of one task. Times are microseconds since the
+// recorder started; a negative time is an event not seen while recording.
+struct TimelineEntry {
+    enum class Outcome { Unfinished, Completed, Failed, Cancelled };
+
+    long long futureId = -1;   // -1 when no future was made for it while recording
+    std::string futureKind;    // "FevalFuture", "AfterEachFuture", ...; empty as futureId
+    std::string function;      // the function handle's name, when it has one
+    std::string worker;        // the lane of the thread that ran it; empty when it never ran
+    double createdUs = -1.0;   // its future was made
+    double queuedUs = -1.0;    // the executor queued it (the last time, after a re-queue)
+    double startedUs = -1.0;   // it started running (the last time)
+    double finishedUs = -1.0;  // the executor reported it finished
+    double cancelledUs = -1.0; // it was cancelled (at most once)
+    Outcome outcome = Outcome::Unfinished;
+};
+
+// Records the life of every task, whatever its executor, while it exists:
+// when each future is made, and when its tasks are queued, start, finish or
+// are cancelled, and which thread ran them. Turned on by constructing one and
+// off by destroying it; at most one records at a time.
+//
+// A finished task counts as completed unless its failure is recorded: by its
+// executor (recordFailure), or when its error is handed out through
+// TaskBase::getOutputsOrError. The recorder itself never asks a task for its
+// outputs, which some tasks hand out once only.
+//
+// Cost: with no recorder, each task notification and each new future pays one
+// relaxed atomic load. While recording, each event takes one process-wide
+// mutex and a hash lookup on the notifying thread.
+//
+// A task's events are matched by the task's address until the task is
+// destroyed, so a task made after another one died at the same address gets
+// an entry of its own.
+//
+// Threads: any thread constructs, reads and destroys a recorder; events come
+// from every thread. Destruction waits for an event being recorded, and no
+// event touches the recorder afterwards.
+class QZ_FUTURE_API TimelineRecorder {
+public:
+    // Throws std::logic_error when another recorder is recording.
+    TimelineRecorder();
+    ~TimelineRecorder();
+    TimelineRecorder(const TimelineRecorder&) = delete;
+    TimelineRecorder& operator=(const TimelineRecorder&) = delete;
+
+    // One entry per task seen, in the order first seen. Any thread.
+    std::vector<TimelineEntry> entries() const;
+
+    // The entries so far as trace-event JSON (for trace viewers such as
+    // Perfetto or chrome://tracing) or as an SVG picture. Throws
+    // std::runtime_error naming the file when it can't be written.
+    void writeTraceEvents(const std::filesystem::path& file) const;
+    void writeSvg(const std::filesystem::path& file) const;
+
+    // For executors: the work of `task` failed. Call it before notifying
+    // Finished. Costs one relaxed atomic load while nothing records. Any
+    // thread.
+    static void recordFailure(const TaskBase& task) noexcept;
+
+    // Names the lane of the calling thread ("worker 3", "interpreter") for
+    // the tasks it runs from now on. An unnamed thread's lane is "thread N",
+    // numbered as threads first run a task. Works with or without a recorder;
+    // costs a thread-local string assignment. Any thread.
+    static void nameThisThread(std::string name);
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+// The writers behind writeTraceEvents and writeSvg, for entries from anywhere.
+// The trace has one thread per lane: a bar per run ("X" events, with the
+// future, its kind, outcome and times as arguments), the wait between queued
+// (or made) and start as an async span, and an instant event per cancel.
+QZ_FUTURE_API std::string toTraceEventJson(const std::vector<TimelineEntry>& entries);
+// One lane per worker, a bar per run coloured by outcome (completed, failed,
+// cancelled, unfinished), a thin line for the wait before it, a cross for a
+// cancel, a "not run" lane for tasks cancelled before they ran, a time axis
+// and a legend. Each bar's tooltip gives its future, function and times.
+QZ_FUTURE_API std::string toSvg(const std::vector<TimelineEntry>& entries);
+
+} // namespace parallel::language::future

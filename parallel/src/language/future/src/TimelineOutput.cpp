@@ -1,0 +1,459 @@
+// The timeline's two pictures: trace-event JSON and SVG. Both lay the entries
+// out the same way (TimelineLayout): one lane per worker, in natural order of
+// the names, plus a "not started" lane for tasks that never ran.
+
+#include <parallel/language/future/TimelineRecorder.hpp>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cmath>
+#include <cstdio>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string_view>
+
+namespace parallel::language::future {
+
+namespace {
+
+using Outcome = TimelineEntry::Outcome;
+
+constexpr const char* kNotStartedLane = "not started";
+
+const char* outcomeName(Outcome outcome) {
+    switch (outcome) {
+    case Outcome::Completed:
+        return "completed";
+    case Outcome::Failed:
+        return "failed";
+    case Outcome::Cancelled:
+        return "cancelled";
+    case Outcome::Unfinished:
+        break;
+    }
+    return "unfinished";
+}
+
+bool seen(double time) {
+    return time >= 0.0;
+}
+
+// "worker 2" before "worker 10": digit runs compare as numbers.
+bool naturalLess(std::string_view a, std::string_view b) {
+    std::size_t i = 0;
+    std::size_t j = 0;
+    while (i < a.size() && j < b.size()) {
+        if (std::isdigit(static_cast<unsigned char>(a[i])) &&
+            std::isdigit(static_cast<unsigned char>(b[j]))) {
+            const std::size_t startA = i;
+            const std::size_t startB = j;
+            while (i < a.size() && std::isdigit(static_cast<unsigned char>(a[i]))) {
+                ++i;
+            }
+            while (j < b.size() && std::isdigit(static_cast<unsigned char>(b[j]))) {
+                ++j;
+            }
+            const std::string_view numberA = a.substr(startA, i - startA);
+            const std::string_view numberB = b.substr(startB, j - startB);
+            if (numberA.size() != numberB.size()) {
+                return numberA.size() < numberB.size();
+            }
+            if (numberA != numberB) {
+                return numberA < numberB;
+            }
+        } else {
+            if (a[i] != b[j]) {
+                return a[i] < b[j];
+            }
+            ++i;
+            ++j;
+        }
+    }
+    return a.size() - i < b.size() - j;
+}
+
+// Where each entry goes and over which times, shared by both writers.
+struct TimelineLayout {
+    struct Item {
+        const TimelineEntry* entry;
+        std::size_t lane;
+        double waitBegin; // made or queued; negative when neither was seen
+        double runBegin;  // negative when it never started
+        double end;       // of the run, or of the wait for one never started
+    };
+
+    std::vector<std::string> lanes;
+    std::vector<Item> items;
+    double horizon = 0.0; // the latest time of any entry
+
+    explicit TimelineLayout(const std::vector<TimelineEntry>& entries) {
+        for (const TimelineEntry& entry : entries) {
+            for (const double time : {entry.createdUs, entry.queuedUs, entry.startedUs,
+                                      entry.finishedUs, entry.cancelledUs}) {
+                horizon = std::max(horizon, time);
+            }
+        }
+        std::map<std::string, std::size_t, bool (*)(std::string_view, std::string_view)>
+            laneOfWorker(naturalLess);
+        bool anyNotStarted = false;
+        for (const TimelineEntry& entry : entries) {
+            if (seen(entry.startedUs)) {
+                laneOfWorker.emplace(entry.worker, 0);
+            } else {
+                anyNotStarted = true;
+            }
+        }
+        for (auto& [worker, lane] : laneOfWorker) {
+            lane = lanes.size();
+            lanes.push_back(worker);
+        }
+        if (anyNotStarted) {
+            lanes.emplace_back(kNotStartedLane);
+        }
+        for (const TimelineEntry& entry : entries) {
+            const bool started = seen(entry.startedUs);
+            double end = horizon;
+            if (seen(entry.finishedUs)) {
+                end = entry.finishedUs;
+            } else if (seen(entry.cancelledUs)) {
+                end = entry.cancelledUs;
+            }
+            items.push_back({&entry, started ? laneOfWorker.at(entry.worker) : lanes.size() - 1,
+                             seen(entry.queuedUs) ? entry.queuedUs : entry.createdUs,
+                             entry.startedUs, std::max(end, entry.startedUs)});
+        }
+    }
+};
+
+// "#12 solve": the future's ID and, with `withFunction`, the function's name.
+std::string labelOf(const TimelineEntry& entry, bool withFunction = true) {
+    std::string label = entry.futureId >= 0 ? "#" + std::to_string(entry.futureId) : "task";
+    if (withFunction && !entry.function.empty()) {
+        label += " " + entry.function;
+    }
+    return label;
+}
+
+std::string number(double value) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.3f", value);
+    return text;
+}
+
+std::string jsonString(std::string_view text) {
+    std::string quoted = "\"";
+    for (const char c : text) {
+        switch (c) {
+        case '"':
+            quoted += "\\\"";
+            break;
+        case '\\':
+            quoted += "\\\\";
+            break;
+        case '\n':
+            quoted += "\\n";
+            break;
+        default:
+            if (static_cast<unsigned char>(c) < 0x20) {
+                char escaped[8];
+                std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(c));
+                quoted += escaped;
+            } else {
+                quoted += c;
+            }
+        }
+    }
+    return quoted + "\"";
+}
+
+std::string xmlText(std::string_view text) {
+    std::string escaped;
+    for (const char c : text) {
+        switch (c) {
+        case '&':
+            escaped += "&amp;";
+            break;
+        case '<':
+            escaped += "&lt;";
+            break;
+        case '>':
+            escaped += "&gt;";
+            break;
+        case '"':
+            escaped += "&quot;";
+            break;
+        default:
+            escaped += c;
+        }
+    }
+    return escaped;
+}
+
+// Trace events of one process; a lane is the thread with id lane + 1.
+class TraceEvents {
+public:
+    void add(const std::string& event) {
+        text_ += first_ ? "\n  " : ",\n  ";
+        text_ += event;
+        first_ = false;
+    }
+    std::string finish() && {
+        return "{\"displayTimeUnit\": \"ms\", \"traceEvents\": [" + text_ + "\n]}\n";
+    }
+
+private:
+    std::string text_;
+    bool first_ = true;
+};
+
+std::string common(const char* phase, std::size_t lane, double time) {
+    return "\"ph\": \"" + std::string(phase) +
+           "\", \"pid\": 1, \"tid\": " + std::to_string(lane + 1) + ", \"ts\": " + number(time);
+}
+
+std::string traceArguments(const TimelineEntry& entry) {
+    std::string arguments = "{\"future\": " + std::to_string(entry.futureId) +
+                            ", \"kind\": " + jsonString(entry.futureKind) +
+                            ", \"function\": " + jsonString(entry.function) + ", \"outcome\": \"" +
+                            outcomeName(entry.outcome) + "\"";
+    const std::array<std::pair<const char*, double>, 5> times{
+        {{"created_us", entry.createdUs},
+         {"queued_us", entry.queuedUs},
+         {"started_us", entry.startedUs},
+         {"finished_us", entry.finishedUs},
+         {"cancelled_us", entry.cancelledUs}}};
+    for (const auto& [name, time] : times) {
+        if (seen(time)) {
+            arguments += ", \"" + std::string(name) + "\": " + number(time);
+        }
+    }
+    return arguments + "}";
+}
+
+} // namespace
+
+std::string toTraceEventJson(const std::vector<TimelineEntry>& entries) {
+    const TimelineLayout layout(entries);
+    TraceEvents events;
+    events.add(R"({"name": "process_name", "ph": "M", "pid": 1, "args": {"name": "futures"}})");
+    for (std::size_t lane = 0; lane < layout.lanes.size(); ++lane) {
+        events.add(R"({"name": "thread_name", )" + common("M", lane, 0.0) +
+                   ", \"args\": {\"name\": " + jsonString(layout.lanes[lane]) + "}}");
+        events.add(R"({"name": "thread_sort_index", )" + common("M", lane, 0.0) +
+                   ", \"args\": {\"sort_index\": " + std::to_string(lane) + "}}");
+    }
+    for (std::size_t i = 0; i < layout.items.size(); ++i) {
+        const TimelineLayout::Item& item = layout.items[i];
+        const TimelineEntry& entry = *item.entry;
+        const std::string name = "\"name\": " + jsonString(labelOf(entry)) + ", ";
+        const double waitEnd = seen(item.runBegin) ? item.runBegin : item.end;
+        if (seen(item.waitBegin) && waitEnd > item.waitBegin) {
+            const std::string async = ", \"cat\": \"wait\", \"id\": " + std::to_string(i + 1);
+            events.add("{" + name + common("b", item.lane, item.waitBegin) + async + "}");
+            events.add("{" + name + common("e", item.lane, waitEnd) + async + "}");
+        }
+        if (seen(item.runBegin)) {
+            events.add("{" + name + "\"cat\": \"run\", " + common("X", item.lane, item.runBegin) +
+                       ", \"dur\": " + number(item.end - item.runBegin) +
+                       ", \"args\": " + traceArguments(entry) + "}");
+        }
+        if (seen(entry.cancelledUs)) {
+            events.add("{\"name\": " + jsonString("cancel " + labelOf(entry)) +
+                       ", \"cat\": \"cancel\", \"s\": \"t\", " +
+                       common("i", item.lane, entry.cancelledUs) + "}");
+        }
+    }
+    return std::move(events).finish();
+}
+
+namespace {
+
+// Geometry of the SVG picture, in pixels.
+constexpr double kLabelWidth = 120;
+constexpr double kPlotWidth = 900;
+constexpr double kRightMargin = 30;
+constexpr double kTop = 40;
+constexpr double kLaneHeight = 28;
+constexpr double kBarHeight = 18;
+constexpr double kAxisHeight = 34;
+constexpr double kLegendHeight = 30;
+constexpr double kCharWidth = 6.5; // of the 11px labels, roughly
+
+const char* fillOf(Outcome outcome) {
+    switch (outcome) {
+    case Outcome::Completed:
+        return "#4c9a5f";
+    case Outcome::Failed:
+        return "#d0453c";
+    case Outcome::Cancelled:
+        return "#9a9a9a";
+    case Outcome::Unfinished:
+        break;
+    }
+    return "#8fb8de";
+}
+
+// A tick step of 1, 2 or 5 times a power of ten giving at most ten ticks.
+double tickStep(double span) {
+    const double rough = std::max(span, 1e-9) / 10.0;
+    const double power = std::pow(10.0, std::floor(std::log10(rough)));
+    for (const double factor : {1.0, 2.0, 5.0, 10.0}) {
+        if (factor * power >= rough) {
+            return factor * power;
+        }
+    }
+    return 10.0 * power;
+}
+
+class SvgPicture {
+public:
+    SvgPicture(double width, double height) {
+        out_ << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" << width << "\" height=\""
+             << height << "\" viewBox=\"0 0 " << width << ' ' << height
+             << "\" font-family=\"sans-serif\" font-size=\"11\">\n"
+             << "<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n";
+    }
+    std::ostream& out() { return out_; }
+    void text(double x, double y, std::string_view content, const char* anchor = "start",
+              const char* extra = "") {
+        out_ << "<text x=\"" << x << "\" y=\"" << y << "\" text-anchor=\"" << anchor << "\" "
+             << extra << ">" << xmlText(content) << "</text>\n";
+    }
+    void line(double x1, double y1, double x2, double y2, const char* style) {
+        out_ << "<line x1=\"" << x1 << "\" y1=\"" << y1 << "\" x2=\"" << x2 << "\" y2=\"" << y2
+             << "\" " << style << "/>\n";
+    }
+    void cross(double x, double y) {
+        const char* style = "stroke=\"#222\" stroke-width=\"2\"";
+        line(x - 4, y - 4, x + 4, y + 4, style);
+        line(x - 4, y + 4, x + 4, y - 4, style);
+    }
+    std::string finish() && {
+        out_ << "</svg>\n";
+        return out_.str();
+    }
+
+private:
+    std::ostringstream out_;
+};
+
+std::string tooltipOf(const TimelineEntry& entry) {
+    std::string tip = labelOf(entry);
+    if (!entry.futureKind.empty()) {
+        tip += " (" + entry.futureKind + ")";
+    }
+    tip += ": " + std::string(outcomeName(entry.outcome));
+    const std::array<std::pair<const char*, double>, 5> times{{{"made", entry.createdUs},
+                                                               {"queued", entry.queuedUs},
+                                                               {"started", entry.startedUs},
+                                                               {"finished", entry.finishedUs},
+                                                               {"cancelled", entry.cancelledUs}}};
+    for (const auto& [name, time] : times) {
+        if (seen(time)) {
+            tip += "\n" + std::string(name) + " at " + number(time / 1000.0) + " ms";
+        }
+    }
+    if (!entry.worker.empty()) {
+        tip += "\non " + entry.worker;
+    }
+    return tip;
+}
+
+void drawLegend(SvgPicture& svg, double y) {
+    double x = kLabelWidth;
+    for (const Outcome outcome :
+         {Outcome::Completed, Outcome::Failed, Outcome::Cancelled, Outcome::Unfinished}) {
+        svg.out() << "<rect x=\"" << x << "\" y=\"" << y - 10
+                  << "\" width=\"14\" height=\"12\" fill=\"" << fillOf(outcome) << "\"/>\n";
+        svg.text(x + 18, y, outcomeName(outcome));
+        x += 100;
+    }
+    svg.line(x, y - 4, x + 20, y - 4, "stroke=\"#777\" stroke-width=\"2\"");
+    svg.text(x + 24, y, "waiting");
+    x += 90;
+    svg.cross(x + 5, y - 4);
+    svg.text(x + 14, y, "cancel");
+}
+
+} // namespace
+
+std::string toSvg(const std::vector<TimelineEntry>& entries) {
+    const TimelineLayout layout(entries);
+    const double span = std::max(layout.horizon, 1.0);
+    const double plotHeight = kLaneHeight * static_cast<double>(layout.lanes.size());
+    const double width = kLabelWidth + kPlotWidth + kRightMargin;
+    const double height = kTop + plotHeight + kAxisHeight + kLegendHeight;
+    const auto xOf = [&](double us) { return kLabelWidth + kPlotWidth * us / span; };
+    SvgPicture svg(width, height);
+
+    std::set<long long> futures;
+    for (const TimelineEntry& entry : entries) {
+        if (entry.futureId >= 0) {
+            futures.insert(entry.futureId);
+        }
+    }
+    svg.text(kLabelWidth, 22,
+             std::to_string(entries.size()) + " tasks of " + std::to_string(futures.size()) +
+                 " futures, over " + number(layout.horizon / 1000.0) + " ms",
+             "start", "font-size=\"13\"");
+
+    for (std::size_t lane = 0; lane < layout.lanes.size(); ++lane) {
+        const double top = kTop + kLaneHeight * static_cast<double>(lane);
+        svg.out() << "<rect x=\"" << kLabelWidth << "\" y=\"" << top << "\" width=\"" << kPlotWidth
+                  << "\" height=\"" << kLaneHeight << "\" fill=\""
+                  << (lane % 2 == 0 ? "#f4f4f4" : "#fbfbfb") << "\"/>\n";
+        svg.text(kLabelWidth - 8, top + kLaneHeight / 2 + 4, layout.lanes[lane], "end");
+    }
+
+    const double axisY = kTop + plotHeight;
+    const double stepMs = tickStep(span / 1000.0);
+    for (double ms = 0.0; ms * 1000.0 <= span + 1e-9; ms += stepMs) {
+        const double x = xOf(ms * 1000.0);
+        svg.line(x, kTop, x, axisY + 4, "stroke=\"#ddd\"");
+        char tick[32];
+        std::snprintf(tick, sizeof tick, "%g ms", ms);
+        svg.text(x, axisY + 16, tick, "middle");
+    }
+    svg.line(kLabelWidth, axisY, kLabelWidth + kPlotWidth, axisY, "stroke=\"#555\"");
+
+    for (const TimelineLayout::Item& item : layout.items) {
+        const TimelineEntry& entry = *item.entry;
+        const double middle = kTop + kLaneHeight * (static_cast<double>(item.lane) + 0.5);
+        const double waitEnd = seen(item.runBegin) ? item.runBegin : item.end;
+        svg.out() << "<g>\n<title>" << xmlText(tooltipOf(entry)) << "</title>\n";
+        if (seen(item.waitBegin) && waitEnd > item.waitBegin) {
+            svg.line(xOf(item.waitBegin), middle, xOf(waitEnd), middle,
+                     "stroke=\"#777\" stroke-width=\"2\" stroke-opacity=\"0.5\"");
+        }
+        if (seen(item.runBegin)) {
+            const double x = xOf(item.runBegin);
+            const double barWidth = std::max(xOf(item.end) - x, 1.0);
+            svg.out() << "<rect x=\"" << x << "\" y=\"" << middle - kBarHeight / 2 << "\" width=\""
+                      << barWidth << "\" height=\"" << kBarHeight << "\" rx=\"2\" fill=\""
+                      << fillOf(entry.outcome) << "\" stroke=\"#333\" stroke-width=\"0.5\"/>\n";
+            // The whole label where it fits, else the future's number alone.
+            for (const std::string& label : {labelOf(entry), labelOf(entry, false)}) {
+                if (barWidth > kCharWidth * static_cast<double>(label.size()) + 6) {
+                    svg.text(x + 4, middle + 4, label, "start", "fill=\"white\"");
+                    break;
+                }
+            }
+        } else if (seen(entry.finishedUs) && entry.outcome != Outcome::Cancelled) {
+            // Finished without running, as a continuation whose predecessor failed.
+            svg.out() << "<circle cx=\"" << xOf(entry.finishedUs) << "\" cy=\"" << middle
+                      << "\" r=\"5\" fill=\"" << fillOf(entry.outcome)
+                      << "\" stroke=\"#333\" stroke-width=\"0.5\"/>\n";
+        }
+        if (seen(entry.cancelledUs)) {
+            svg.cross(xOf(entry.cancelledUs), middle);
+        }
+        svg.out() << "</g>\n";
+    }
+
+    drawLegend(svg, axisY + kAxisHeight + 14);
+    return std::move(svg).finish();
+}
+
+} // namespace parallel::language::future

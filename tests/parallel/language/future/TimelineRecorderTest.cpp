@@ -1,0 +1,309 @@
+// qz-test-label: concurrency
+#include "ContinuationSupport.hpp"
+
+#include <parallel/language/future/AfterAllFuture.hpp>
+#include <parallel/language/future/TimelineRecorder.hpp>
+
+#include <localpool/LocalPool.hpp>
+
+#include <boost/property_tree/json_parser.hpp>
+#include <boost/property_tree/xml_parser.hpp>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <latch>
+#include <limits>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include <unistd.h>
+
+namespace parallel::language::future {
+namespace {
+
+using testing::RecordingFunction;
+using testing::runParallelQueue;
+using testing::scalar;
+using testing::TestFuture;
+using Futures = std::vector<std::shared_ptr<FutureBase>>;
+using Outcome = TimelineEntry::Outcome;
+using Tree = boost::property_tree::ptree;
+
+const Seconds kForever(std::numeric_limits<double>::max());
+
+const TimelineEntry& entryOfFuture(const std::vector<TimelineEntry>& entries, long long id) {
+    const auto found =
+        std::find_if(entries.begin(), entries.end(),
+                     [id](const TimelineEntry& entry) { return entry.futureId == id; });
+    if (found == entries.end()) {
+        throw std::out_of_range("no entry of future " + std::to_string(id));
+    }
+    return *found;
+}
+
+Tree parseJson(const std::string& text) {
+    std::istringstream in(text);
+    Tree tree;
+    boost::property_tree::read_json(in, tree);
+    return tree;
+}
+
+// ---- Recording --------------------------------------------------------------
+
+TEST(TimelineRecorder, RecordsOneTaskAtATimeAndOnlyWhileItExists) {
+    TestFuture before;
+    {
+        TimelineRecorder recorder;
+        EXPECT_THROW(TimelineRecorder(), std::logic_error);
+        before.submitted();
+        EXPECT_EQ(recorder.entries().size(), 1u);
+    }
+    before.running();
+    TimelineRecorder again;
+    EXPECT_TRUE(again.entries().empty());
+}
+
+TEST(TimelineRecorder, FollowsATaskThroughItsStatesOnTheThreadThatRanIt) {
+    TimelineRecorder recorder;
+    TestFuture completed;
+    TestFuture failedAsReported;
+    TestFuture failedAsRead;
+    TestFuture cancelledWaiting;
+    completed.submitted();
+    std::thread worker([&] {
+        TimelineRecorder::nameThisThread("worker 7");
+        completed.finishedWith({scalar(1)});
+        TimelineRecorder::recordFailure(*failedAsReported.task);
+        failedAsReported.failedWith(std::make_exception_ptr(std::runtime_error("no")));
+        failedAsRead.failedWith(std::make_exception_ptr(std::runtime_error("no")));
+    });
+    worker.join();
+    EXPECT_EQ(entryOfFuture(recorder.entries(), failedAsRead.future->getID()).outcome,
+              Outcome::Completed)
+        << "not known before it is read";
+    EXPECT_TRUE(failedAsRead.future->hasError());
+    cancelledWaiting.submitted();
+    cancelledWaiting.future->cancel();
+
+    const auto entries = recorder.entries();
+    ASSERT_EQ(entries.size(), 4u);
+    const TimelineEntry& done = entryOfFuture(entries, completed.future->getID());
+    EXPECT_EQ(done.futureKind, "FevalFuture");
+    EXPECT_EQ(done.worker, "worker 7");
+    EXPECT_EQ(done.outcome, Outcome::Completed);
+    EXPECT_LE(0.0, done.createdUs);
+    EXPECT_LE(done.createdUs, done.queuedUs);
+    EXPECT_LE(done.queuedUs, done.startedUs);
+    EXPECT_LE(done.startedUs, done.finishedUs);
+    EXPECT_LT(done.cancelledUs, 0.0);
+
+    EXPECT_EQ(entryOfFuture(entries, failedAsReported.future->getID()).outcome, Outcome::Failed);
+    EXPECT_EQ(entryOfFuture(entries, failedAsRead.future->getID()).outcome, Outcome::Failed);
+
+    const TimelineEntry& cancelled = entryOfFuture(entries, cancelledWaiting.future->getID());
+    EXPECT_EQ(cancelled.outcome, Outcome::Cancelled);
+    EXPECT_TRUE(cancelled.worker.empty());
+    EXPECT_LT(cancelled.startedUs, 0.0);
+    EXPECT_LE(cancelled.queuedUs, cancelled.cancelledUs);
+}
+
+TEST(TimelineRecorder, GivesATaskMadeAfterAnotherDiedAnEntryOfItsOwn) {
+    TimelineRecorder recorder;
+    for (int i = 0; i < 3; ++i) {
+        TestFuture short_lived;
+        short_lived.finishedWith({});
+    }
+    const auto entries = recorder.entries();
+    ASSERT_EQ(entries.size(), 3u);
+    std::set<long long> ids;
+    for (const TimelineEntry& entry : entries) {
+        EXPECT_EQ(entry.outcome, Outcome::Completed);
+        ids.insert(entry.futureId);
+    }
+    EXPECT_EQ(ids.size(), 3u);
+}
+
+class TimelineOfRealWork : public testing::LanguageTest {
+protected:
+    static boost::intrusive_ptr<dvArray> function(const char* name, matrix::FunctionBody body) {
+        return boost::intrusive_ptr<dvArray>(
+            matrix::to_korvex(matrix::createFunctionHandle(name, std::move(body))), false);
+    }
+};
+
+TEST_F(TimelineOfRealWork, NamesPoolWorkersAndTheInterpreterThatRanContinuations) {
+    TimelineRecorder::nameThisThread("interpreter");
+    TimelineRecorder recorder;
+    std::latch gate(1);
+    Futures futures;
+    {
+        localpool::LocalPool pool(2);
+        const auto gated = function("gated", [&gate](std::size_t, const DvArrayVector& in) {
+            gate.wait();
+            return in;
+        });
+        const auto failing =
+            function("failing", [](std::size_t, const DvArrayVector&) -> DvArrayVector {
+                throw std::runtime_error("failing");
+            });
+        for (int i = 0; i < 4; ++i) {
+            futures.push_back(pool.submit(gated, 1, {scalar(i)}));
+        }
+        futures.push_back(pool.submit(failing, 1, {}));
+        futures.push_back(pool.submit(gated, 1, {scalar(9)}));
+        futures.back()->cancel();
+        gate.count_down();
+        FutureBase::wait(futures, FutureState::Finished, kForever);
+    }
+    const RecordingFunction sum;
+    const auto all = AfterAllFuture::build(nullptr, sum.handle, 1,
+                                           {futures.begin(), futures.begin() + 4}, {}, false);
+    while (all->getState() != FutureState::Finished) {
+        runParallelQueue();
+    }
+    EXPECT_EQ(testing::firstOutput(*all), 0.0) << "recording takes no outputs away";
+
+    const auto entries = recorder.entries();
+    ASSERT_EQ(entries.size(), 7u);
+    std::set<std::string> workers;
+    for (std::size_t i = 0; i < 4; ++i) {
+        const TimelineEntry& entry = entryOfFuture(entries, futures[i]->getID());
+        EXPECT_EQ(entry.outcome, Outcome::Completed);
+        EXPECT_EQ(entry.function, "gated");
+        workers.insert(entry.worker);
+    }
+    for (const std::string& worker : workers) {
+        EXPECT_TRUE(worker == "worker 1" || worker == "worker 2") << worker;
+    }
+    EXPECT_EQ(entryOfFuture(entries, futures[4]->getID()).outcome, Outcome::Failed);
+    EXPECT_EQ(entryOfFuture(entries, futures[5]->getID()).outcome, Outcome::Cancelled);
+    const TimelineEntry& continuation = entryOfFuture(entries, all->getID());
+    EXPECT_EQ(continuation.futureKind, "AfterAllFuture");
+    EXPECT_EQ(continuation.function, "recorded");
+    EXPECT_EQ(continuation.worker, "interpreter");
+    EXPECT_EQ(continuation.outcome, Outcome::Completed);
+}
+
+// ---- Pictures ---------------------------------------------------------------
+
+std::vector<TimelineEntry> sampleEntries() {
+    TimelineEntry completed;
+    completed.futureId = 3;
+    completed.futureKind = "FevalFuture";
+    completed.function = "say \"hi\"\\\n<now>";
+    completed.worker = "worker 10";
+    completed.createdUs = 0;
+    completed.queuedUs = 5;
+    completed.startedUs = 100;
+    completed.finishedUs = 2100;
+    completed.outcome = Outcome::Completed;
+
+    TimelineEntry failed = completed;
+    failed.futureId = 4;
+    failed.function = "solve";
+    failed.worker = "worker 2";
+    failed.outcome = Outcome::Failed;
+
+    TimelineEntry cancelled;
+    cancelled.futureId = 5;
+    cancelled.queuedUs = 10;
+    cancelled.cancelledUs = 50;
+    cancelled.outcome = Outcome::Cancelled;
+    return {completed, failed, cancelled};
+}
+
+TEST(TimelinePictures, TraceEventsNameTheLanesAndCarryEveryRun) {
+    const Tree trace = parseJson(toTraceEventJson(sampleEntries()));
+    std::map<std::string, std::string> laneOfTid;
+    std::vector<Tree> runs;
+    int cancels = 0;
+    for (const auto& [_, event] : trace.get_child("traceEvents")) {
+        const std::string phase = event.get<std::string>("ph");
+        if (phase == "M" && event.get<std::string>("name") == "thread_name") {
+            laneOfTid[event.get<std::string>("tid")] = event.get<std::string>("args.name");
+        } else if (phase == "X") {
+            runs.push_back(event);
+        } else if (phase == "i") {
+            ++cancels;
+        }
+    }
+    EXPECT_EQ(laneOfTid.size(), 3u);
+    EXPECT_EQ(laneOfTid.at("1"), "worker 2");
+    EXPECT_EQ(laneOfTid.at("2"), "worker 10");
+    EXPECT_EQ(laneOfTid.at("3"), "not started");
+    ASSERT_EQ(runs.size(), 2u);
+    const Tree& first = runs[0];
+    EXPECT_EQ(first.get<std::string>("name"), "#3 say \"hi\"\\\n<now>");
+    EXPECT_EQ(laneOfTid.at(first.get<std::string>("tid")), "worker 10");
+    EXPECT_DOUBLE_EQ(first.get<double>("ts"), 100.0);
+    EXPECT_DOUBLE_EQ(first.get<double>("dur"), 2000.0);
+    EXPECT_EQ(first.get<std::string>("args.outcome"), "completed");
+    EXPECT_EQ(runs[1].get<std::string>("args.outcome"), "failed");
+    EXPECT_EQ(cancels, 1);
+}
+
+TEST(TimelinePictures, SvgHasALaneAndAColouredBarPerRun) {
+    Tree svg;
+    std::istringstream in(toSvg(sampleEntries()));
+    boost::property_tree::read_xml(in, svg);
+    std::vector<std::string> texts;
+    std::multiset<std::string> barFills;
+    std::size_t groups = 0;
+    for (const auto& [tag, node] : svg.get_child("svg")) {
+        if (tag == "text") {
+            texts.push_back(node.data());
+        } else if (tag == "g") {
+            ++groups;
+            EXPECT_FALSE(node.get<std::string>("title").empty());
+            for (const auto& [inner, shape] : node) {
+                if (inner == "rect") {
+                    barFills.insert(shape.get<std::string>("<xmlattr>.fill"));
+                }
+            }
+        }
+    }
+    EXPECT_EQ(groups, 3u);
+    EXPECT_EQ(barFills.size(), 2u);
+    EXPECT_EQ(barFills.count(*barFills.begin()), 1u) << "completed and failed differ";
+    const auto lane = [&](const std::string& name) {
+        return std::find(texts.begin(), texts.end(), name) - texts.begin();
+    };
+    EXPECT_LT(lane("worker 2"), lane("worker 10"));
+    EXPECT_LT(lane("worker 10"), lane("not started"));
+    EXPECT_LT(lane("not started"), static_cast<long>(texts.size()));
+}
+
+TEST(TimelinePictures, FilesAreWrittenOrTheFailureNamesThem) {
+    TimelineRecorder recorder;
+    TestFuture().finishedWith({});
+    const auto folder =
+        std::filesystem::temp_directory_path() / ("timeline-test-" + std::to_string(::getpid()));
+    std::filesystem::create_directories(folder);
+    recorder.writeTraceEvents(folder / "t.json");
+    recorder.writeSvg(folder / "t.svg");
+    std::ifstream written(folder / "t.json");
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(written), {}),
+              toTraceEventJson(recorder.entries()));
+    EXPECT_GT(std::filesystem::file_size(folder / "t.svg"), 0u);
+    try {
+        recorder.writeSvg(folder / "missing" / "t.svg");
+        ADD_FAILURE() << "no error";
+    } catch (const std::runtime_error& error) {
+        EXPECT_NE(std::string(error.what()).find("missing"), std::string::npos);
+    }
+    std::filesystem::remove_all(folder);
+}
+
+TEST(TimelinePictures, AnEmptyTimelineIsStillAPicture) {
+    EXPECT_EQ(parseJson(toTraceEventJson({})).get_child("traceEvents").size(), 1u);
+    Tree svg;
+    std::istringstream in(toSvg({}));
+    EXPECT_NO_THROW(boost::property_tree::read_xml(in, svg));
+}
+
+} // namespace
+} // namespace parallel::language::future
