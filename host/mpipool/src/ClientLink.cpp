@@ -56,7 +56,9 @@ std::shared_ptr<ClientLink> ClientLink::open(boost::mpi::communicator comm,
 
 void ClientLink::close() noexcept {
     for (const auto& task : work_->close()) {
+        // Never sent: no result will notify Finished for it.
         task->cancel();
+        task->markFinished();
     }
 }
 

@@ -25,8 +25,15 @@ void ClusterTask::setResult(parallel::language::future::OutputsOrError result,
 }
 
 void ClusterTask::doCancel() {
-    if (const auto work = work_.lock()) {
-        work->cancel(*this);
+    if (const auto work = work_.lock(); work && work->cancel(*this)) {
+        // No result will come for it, and only Finished tells the
+        // task-finished listeners (a fetchNext asleep on the interpreter
+        // thread): notify it once the cancel has made the task Finished.
+        afterFinishThen(boost::launch::sync, [weak = weak_from_this()] {
+            if (const auto self = weak.lock()) {
+                static_cast<ClusterTask&>(*self).markFinished();
+            }
+        });
     }
 }
 

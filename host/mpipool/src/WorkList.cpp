@@ -47,21 +47,22 @@ bool WorkList::pushPinned(std::vector<TaskPtr> tasks) {
     return true;
 }
 
-void WorkList::cancel(const ClusterTask& task) {
+bool WorkList::cancel(const ClusterTask& task) {
     {
         const std::lock_guard lock(mutex_);
         const auto worker = task.getPinnedWorker();
         if (eraseTask(worker && *worker < pinned_.size() ? pinned_[*worker] : waiting_, task)) {
-            return;
+            return true;
         }
         const auto holder =
             std::ranges::find_if(inHand_, [&](const TaskPtr& held) { return held.get() == &task; });
         if (holder == inHand_.end()) {
-            return; // finished already
+            return false; // finished already
         }
         stops_.push_back({static_cast<std::size_t>(holder - inHand_.begin()), task.getId()});
     }
     news_.notify_one();
+    return false;
 }
 
 std::vector<WorkList::TaskPtr> WorkList::close() {

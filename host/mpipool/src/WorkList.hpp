@@ -43,7 +43,8 @@ public:
     // once closed.
     bool pushPinned(std::vector<TaskPtr> tasks);
     // Removes a waiting task, or asks the worker that has it to stop.
-    void cancel(const ClusterTask& task);
+    // True when the task was waiting: no worker will have it.
+    bool cancel(const ClusterTask& task);
     // Refuses further work, asks the workers to stop what they have, and
     // hands back the waiting tasks (for the caller to cancel).
     std::vector<TaskPtr> close();

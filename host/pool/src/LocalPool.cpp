@@ -140,7 +140,7 @@ struct LocalPool::Impl {
     // waited for; it is detached likewise. Pool owner's thread.
     void shutDown() noexcept {
         for (const auto& task : queue->close()) {
-            task->cancel();
+            task->cancelUnrun();
         }
         std::optional<std::size_t> self;
         for (std::size_t i = 0; i < workers.size(); ++i) {
@@ -157,7 +157,9 @@ struct LocalPool::Impl {
         }
         if (abandoned) {
             for (const auto& task : queue->running()) {
-                task->cancel(); // no effect on a task that has just finished
+                // No effect on a task that has just finished. A worker left
+                // behind notifies Finished again when its function returns.
+                task->cancelUnrun();
             }
         }
         for (std::size_t i = 0; i < workers.size(); ++i) {

@@ -107,8 +107,15 @@ void PoolTask::doCancel() {
     // queue) never reaches a worker; for one that a worker has taken already,
     // the stop flag keeps its function from starting or asks it to return
     // early.
-    if (const auto queue = queue_.lock()) {
-        queue->remove(*this);
+    if (const auto queue = queue_.lock(); queue && queue->remove(*this)) {
+        // No worker will notify Finished for it, and only Finished tells the
+        // task-finished listeners (a fetchNext asleep on the interpreter
+        // thread): notify it once the cancel has made the task Finished.
+        afterFinishThen(boost::launch::sync, [weak = weak_from_this()] {
+            if (const auto self = weak.lock()) {
+                static_cast<PoolTask&>(*self).markFinished();
+            }
+        });
     }
     requestStop();
 }

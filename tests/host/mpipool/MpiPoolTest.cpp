@@ -5,12 +5,15 @@
 
 #include <mpipool/FunctionRegistry.hpp>
 
+#include <parallel/language/future/ScopedTaskFinishedListener.hpp>
+
 #include <localpool/LocalPool.hpp>
 
 #include <Veldspire/KException/KExceptionEnvelope.hpp>
 #include <foundation/core/str/Utf.hpp>
 #include <kcos/array.hpp>
 
+#include <atomic>
 #include <set>
 
 namespace mpipool::testing {
@@ -125,6 +128,11 @@ TEST(MpiPool, AnErrorComesBackWithItsCausesAndTheWorkerCarriesOn) {
     EXPECT_EQ(outputOf(pool.submit(handle("plusOne"), 1, {scalar(1)})), 2);
 }
 
+struct CountingListener : future::TaskFinishedListener {
+    std::atomic<int> calls{0};
+    void onTaskFinished() override { ++calls; }
+};
+
 TEST(MpiPool, CancelSkipsQueuedWorkAndStopsRunningWork) {
     MpiPool pool(cluster());
     std::vector<FuturePtr> running;
@@ -136,8 +144,12 @@ TEST(MpiPool, CancelSkipsQueuedWorkAndStopsRunningWork) {
     }
     const FuturePtr queued = pool.submit(handle("tally"), 1, {});
     EXPECT_EQ(queued->getState(), FutureState::Queued);
+    const auto finished = std::make_shared<CountingListener>();
+    const future::ScopedTaskFinishedListener listening(finished);
     queued->cancel();
     EXPECT_EQ(errorOf(queued), kCancelled);
+    // Only Finished wakes a fetchNext asleep on another thread.
+    EXPECT_EQ(finished->calls, 1) << "the cancel of a queued task tells the listeners";
     for (const auto& f : running) {
         f->cancel();
         EXPECT_EQ(errorOf(f), kCancelled);

@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <future>
@@ -76,6 +77,11 @@ struct ThrowingListener : future::TaskFinishedListener {
     void onTaskFinished() override { throw std::runtime_error("listener failed"); }
 };
 
+struct CountingListener : future::TaskFinishedListener {
+    std::atomic<int> calls{0};
+    void onTaskFinished() override { ++calls; }
+};
+
 TEST(LocalPool, RunsOnItsOwnInputsAndKeepsOutputsTimesAndDiary) {
     LocalPool pool(2);
     std::latch mutated(1);
@@ -112,19 +118,26 @@ TEST(LocalPool, CancelAndShutdownSkipQueuedWorkAndStopRunningWork) {
     for (bool shutdown : {false, true}) {
         std::latch started(1);
         FuturePtr running, queued;
+        // Only Finished wakes a fetchNext asleep on another thread: every
+        // task the cancel or the shutdown ends must tell the listeners.
+        const auto finished = std::make_shared<CountingListener>();
+        const future::ScopedTaskFinishedListener listening(finished);
         {
             LocalPool pool(1);
             running = pool.submit(plusOne([&] { untilStopped(started); }), 1, {});
             queued = pool.submit(plusOne([] { ADD_FAILURE() << "cancelled work ran"; }), 0, {});
             started.wait();
+            EXPECT_EQ(finished->calls, 0);
             if (!shutdown) {
                 queued->cancel();
+                EXPECT_EQ(finished->calls, 1) << "the cancel of a queued task";
                 running->cancel();
                 // The only worker is free again once the function has returned; had
                 // the cancelled task stayed queued, it would have run before this one.
                 EXPECT_EQ(outputOf(pool.submit(plusOne(), 1, {scalar(1)})), 2);
             }
         }
+        EXPECT_EQ(finished->calls, shutdown ? 2 : 3) << "the running, the queued (and the last)";
         EXPECT_EQ(errorOf(queued), kCancelled);
         // Asked to stop by the shutdown, the running function returns normally.
         EXPECT_EQ(errorOf(running), shutdown ? "" : kCancelled);
