@@ -2,6 +2,7 @@
 
 #include "WorkList.hpp"
 
+#include <executor/FinishOnceCancelled.hpp>
 #include <parallel/language/future/TimelineRecorder.hpp>
 
 namespace mpipool {
@@ -26,14 +27,7 @@ void ClusterTask::setResult(parallel::language::future::OutputsOrError result,
 
 void ClusterTask::doCancel() {
     if (const auto work = work_.lock(); work && work->cancel(*this)) {
-        // No result will come for it, and only Finished tells the
-        // task-finished listeners (a fetchNext asleep on the interpreter
-        // thread): notify it once the cancel has made the task Finished.
-        afterFinishThen(boost::launch::sync, [weak = weak_from_this()] {
-            if (const auto self = weak.lock()) {
-                static_cast<ClusterTask&>(*self).markFinished();
-            }
-        });
+        executor::finishOnceCancelled(*this); // no result will come for it
     }
 }
 

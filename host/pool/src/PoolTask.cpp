@@ -4,6 +4,7 @@
 
 #include <localpool/LocalPool.hpp>
 
+#include <executor/FinishOnceCancelled.hpp>
 #include <parallel/language/future/TimelineRecorder.hpp>
 
 #include <kcos/Language.hpp>
@@ -108,14 +109,7 @@ void PoolTask::doCancel() {
     // the stop flag keeps its function from starting or asks it to return
     // early.
     if (const auto queue = queue_.lock(); queue && queue->remove(*this)) {
-        // No worker will notify Finished for it, and only Finished tells the
-        // task-finished listeners (a fetchNext asleep on the interpreter
-        // thread): notify it once the cancel has made the task Finished.
-        afterFinishThen(boost::launch::sync, [weak = weak_from_this()] {
-            if (const auto self = weak.lock()) {
-                static_cast<PoolTask&>(*self).markFinished();
-            }
-        });
+        executor::finishOnceCancelled(*this); // no worker will
     }
     requestStop();
 }

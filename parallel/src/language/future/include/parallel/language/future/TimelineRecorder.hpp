@@ -17,7 +17,7 @@ struct TimelineEntry {
     enum class Outcome { Unfinished, Completed, Failed, Cancelled };
 
     long long futureId = -1;   // -1 when no future was made for it while recording
-    std::string futureKind;    // "FevalFuture", "AfterEachFuture", ...; empty as futureId
+    std::string futureKind;    // "FevalFuture", "AfterEachFuture", ...; empty without a future
     std::string function;      // the function handle's name, when it has one
     std::string worker;        // the lane of the thread that ran it; empty when it never ran
     double createdUs = -1.0;   // its future was made
@@ -89,7 +89,7 @@ private:
 QZ_FUTURE_API std::string toTraceEventJson(const std::vector<TimelineEntry>& entries);
 // One lane per worker, a bar per run coloured by outcome (completed, failed,
 // cancelled, unfinished), a thin line for the wait before it, a cross for a
-// cancel, a "not run" lane for tasks cancelled before they ran, a time axis
+// cancel, a "not started" lane for tasks that never ran, a time axis
 // and a legend. Each bar's tooltip gives its future, function and times.
 QZ_FUTURE_API std::string toSvg(const std::vector<TimelineEntry>& entries);
 
