@@ -2,6 +2,7 @@
 
 #include "Codec.hpp"
 
+#include <executor/NotifySafely.hpp>
 #include <parallel/language/future/TimelineRecorder.hpp>
 
 #include <boost/exception/diagnostic_information.hpp>
@@ -14,19 +15,6 @@
 namespace mpipool {
 
 namespace {
-
-// Runs one notification of a task. A failure there (say, a task-finished
-// listener that throws) is the notifier's problem, not the link's: it is
-// reported and the link carries on. Link thread.
-template <class Notification>
-void notifySafely(const char* name, Notification notification) noexcept {
-    try {
-        notification();
-    } catch (...) {
-        std::cerr << "mpipool: the " << name << " notification of a task failed: "
-                  << boost::current_exception_diagnostic_information() << std::endl;
-    }
-}
 
 int rankOf(std::size_t worker) {
     return static_cast<int>(worker) + 1;
@@ -154,11 +142,11 @@ void ClientLink::deliver(Event& event) {
         // The timeline puts the task on the lane of the rank that runs it.
         parallel::language::future::TimelineRecorder::nameThisThread(
             "rank " + std::to_string(event.worker + 1));
-        notifySafely("Running", [&] { task.markRunning(); });
+        executor::notifySafely("mpipool", "Running", [&] { task.markRunning(); });
         return;
     }
     task.setResult(std::move(event.result->result), std::move(event.result->diary));
-    notifySafely("Finished", [&] { task.markFinished(); });
+    executor::notifySafely("mpipool", "Finished", [&] { task.markFinished(); });
 }
 
 } // namespace mpipool

@@ -3,34 +3,12 @@
 #include <mpipool/FunctionRegistry.hpp>
 #include <mpipool/MpiPool.hpp>
 
+#include <executor/StopRequest.hpp>
 #include <kvm/KVM.hpp>
 
 namespace mpipool {
 
-namespace {
-
-// The stop flag of the task whose function runs on this thread, if any.
-thread_local const std::atomic<bool>* currentStopFlag = nullptr;
-
-// Makes stopRequested() on this thread read `flag` while alive.
-class StopFlagScope {
-public:
-    explicit StopFlagScope(const std::atomic<bool>& flag) noexcept : previous_(currentStopFlag) {
-        currentStopFlag = &flag;
-    }
-    ~StopFlagScope() { currentStopFlag = previous_; }
-    StopFlagScope(const StopFlagScope&) = delete;
-    StopFlagScope& operator=(const StopFlagScope&) = delete;
-
-private:
-    const std::atomic<bool>* previous_;
-};
-
-} // namespace
-
-bool stopRequested() noexcept {
-    return currentStopFlag != nullptr && currentStopFlag->load();
-}
+namespace {} // namespace
 
 protocol::Bytes evaluate(const codec::TaskMessage& task, const std::atomic<bool>& stop) noexcept {
     using parallel::language::future::OutputsOrError;
@@ -38,7 +16,7 @@ protocol::Bytes evaluate(const codec::TaskMessage& task, const std::atomic<bool>
     OutputsOrError result{std::optional<codec::DvArrayVector>()};
     codec::Outcome outcome = codec::Outcome::Outputs;
     {
-        const StopFlagScope stopFlag(stop);
+        const executor::StopFlagScope stopFlag(stop);
         const kvm::DiarySink sink(diary);
         try {
             if (task.inputError) {

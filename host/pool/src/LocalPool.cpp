@@ -3,16 +3,14 @@
 #include "PoolTask.hpp"
 #include "TaskQueue.hpp"
 
+#include <executor/NotifySafely.hpp>
 #include <parallel/language/future/TimelineRecorder.hpp>
 #include <parallel/language/future/VectorMultiTask.hpp>
-
-#include <boost/exception/diagnostic_information.hpp>
 
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <iostream>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -24,29 +22,16 @@ namespace localpool {
 
 namespace {
 
-// Runs one notification of `task`. A failure there (say, a task-finished
-// listener that throws) is the notifier's problem, not the worker's: it is
-// reported and the worker carries on. Worker thread.
-template <class Notification>
-void notifySafely(const char* name, Notification notification) noexcept {
-    try {
-        notification();
-    } catch (...) {
-        std::cerr << "localpool: the " << name << " notification of a task failed: "
-                  << boost::current_exception_diagnostic_information() << std::endl;
-    }
-}
-
 // A task that was asked to stop before its function started is cancelled
 // instead of run. Worker thread.
 void execute(PoolTask& task) noexcept {
-    notifySafely("Running", [&] { task.markRunning(); });
+    executor::notifySafely("localpool", "Running", [&] { task.markRunning(); });
     if (task.isStopRequested()) {
         task.cancel();
     } else {
         task.run();
     }
-    notifySafely("Finished", [&] { task.markFinished(); });
+    executor::notifySafely("localpool", "Finished", [&] { task.markFinished(); });
 }
 
 // Which workers have left their loop. Shared by the pool and its workers:

@@ -5,6 +5,7 @@
 #include <localpool/LocalPool.hpp>
 
 #include <executor/FinishOnceCancelled.hpp>
+#include <executor/StopRequest.hpp>
 #include <parallel/language/future/TimelineRecorder.hpp>
 
 #include <kcos/Language.hpp>
@@ -15,23 +16,6 @@
 namespace localpool {
 
 namespace {
-
-// The stop flag of the task whose function runs on this thread, if any.
-thread_local const std::atomic<bool>* currentStopFlag = nullptr;
-
-// Makes stopRequested() on this thread read `flag` while alive.
-class StopFlagScope {
-public:
-    explicit StopFlagScope(const std::atomic<bool>& flag) noexcept : previous_(currentStopFlag) {
-        currentStopFlag = &flag;
-    }
-    ~StopFlagScope() { currentStopFlag = previous_; }
-    StopFlagScope(const StopFlagScope&) = delete;
-    StopFlagScope& operator=(const StopFlagScope&) = delete;
-
-private:
-    const std::atomic<bool>* previous_;
-};
 
 boost::intrusive_ptr<dvArray> sharedCopy(const boost::intrusive_ptr<dvArray>& array) {
     if (!array) {
@@ -87,7 +71,7 @@ void PoolTask::run() noexcept {
     std::u16string diary;
     OutputsOrError result{std::optional<DvArrayVector>()};
     {
-        StopFlagScope stopFlag(stop_);
+        executor::StopFlagScope stopFlag(stop_);
         kvm::DiarySink sink(diary);
         try {
             result = OutputsOrError(invoke(function_.get(), numOutputs_, inputs_));
@@ -122,10 +106,6 @@ OutputsOrError PoolTask::doGetOutputsOrError() {
 std::u16string PoolTask::doGetDiary() {
     std::lock_guard lock(resultMutex_);
     return diary_;
-}
-
-bool stopRequested() noexcept {
-    return currentStopFlag != nullptr && currentStopFlag->load();
 }
 
 } // namespace localpool

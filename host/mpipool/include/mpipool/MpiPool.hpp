@@ -21,6 +21,7 @@
 // link thread. Futures stay valid after the pool is gone.
 
 #include <executor/Executor.hpp>
+#include <executor/StopRequest.hpp>
 #include <mpipool/Cluster.hpp>
 
 #include <cstddef>
@@ -69,7 +70,7 @@ private:
 
 // Inside a function running on a worker process: whether its task was asked
 // to stop (cancelled while running, or its pool is shutting down). False
-// elsewhere.
-bool stopRequested() noexcept;
+// elsewhere. The same function for every pool.
+using executor::stopRequested;
 
 } // namespace mpipool

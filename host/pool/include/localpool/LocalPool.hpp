@@ -12,6 +12,7 @@
 // stay valid afterwards.
 
 #include <executor/Executor.hpp>
+#include <executor/StopRequest.hpp>
 
 #include <parallel/language/future/FevalFuture.hpp>
 #include <parallel/language/future/FevalOnAllFuture.hpp>
@@ -72,7 +73,7 @@ private:
 
 // Inside a function running on a pool worker: whether its task was asked to
 // stop (cancelled while running, or the pool is shutting down). False
-// elsewhere.
-bool stopRequested() noexcept;
+// elsewhere. The same function for every pool.
+using executor::stopRequested;
 
 } // namespace localpool
