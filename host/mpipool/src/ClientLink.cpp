@@ -2,6 +2,7 @@
 
 #include "Codec.hpp"
 
+#include <executor/FinishOnceCancelled.hpp>
 #include <executor/NotifySafely.hpp>
 #include <parallel/language/future/TimelineRecorder.hpp>
 
@@ -44,9 +45,7 @@ std::shared_ptr<ClientLink> ClientLink::open(boost::mpi::communicator comm,
 
 void ClientLink::close() noexcept {
     for (const auto& task : work_->close()) {
-        // Never sent: no result will notify Finished for it.
-        task->cancel();
-        task->markFinished();
+        executor::cancelUnrun(*task); // never sent: no result will come for it
     }
 }
 

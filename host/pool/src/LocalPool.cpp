@@ -3,6 +3,7 @@
 #include "PoolTask.hpp"
 #include "TaskQueue.hpp"
 
+#include <executor/FinishOnceCancelled.hpp>
 #include <executor/NotifySafely.hpp>
 #include <parallel/language/future/TimelineRecorder.hpp>
 #include <parallel/language/future/VectorMultiTask.hpp>
@@ -125,7 +126,7 @@ struct LocalPool::Impl {
     // waited for; it is detached likewise. Pool owner's thread.
     void shutDown() noexcept {
         for (const auto& task : queue->close()) {
-            task->cancelUnrun();
+            executor::cancelUnrun(*task);
         }
         std::optional<std::size_t> self;
         for (std::size_t i = 0; i < workers.size(); ++i) {
@@ -144,7 +145,7 @@ struct LocalPool::Impl {
             for (const auto& task : queue->running()) {
                 // No effect on a task that has just finished. A worker left
                 // behind notifies Finished again when its function returns.
-                task->cancelUnrun();
+                executor::cancelUnrun(*task);
             }
         }
         for (std::size_t i = 0; i < workers.size(); ++i) {

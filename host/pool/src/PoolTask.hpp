@@ -41,12 +41,6 @@ public:
     void markQueued() { doNotifyQueued(); }
     void markRunning() { doNotifyRunning(); }
     void markFinished() { doNotifyFinished(); }
-    // Cancels a task that no worker will run or finish, and notifies Finished
-    // for it as a worker would. Any thread.
-    void cancelUnrun() {
-        cancel();
-        markFinished();
-    }
 
     // Calls the function and keeps its outputs or error and what it printed.
     // Releases the inputs afterwards. Worker thread, once.

@@ -1,6 +1,6 @@
 #pragma once
 
-// For an executor's task that it takes out of its queue when cancelled.
+// For an executor's tasks that no worker will finish once cancelled.
 // TaskBase::cancel notifies Cancelled after doCancel, and Cancelled does not
 // tell the task-finished listeners: only Finished does, and a fetchNext
 // asleep on the interpreter thread wakes on nothing else. A task that no
@@ -25,6 +25,14 @@ void finishOnceCancelled(Task& task) {
                 self->markFinished();
             }
         });
+}
+
+// Cancels `task`, which no worker will run or finish, and notifies Finished
+// for it as a worker would. Any thread.
+template <class Task>
+void cancelUnrun(Task& task) {
+    task.cancel();
+    task.markFinished();
 }
 
 } // namespace executor

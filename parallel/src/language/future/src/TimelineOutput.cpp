@@ -82,6 +82,9 @@ struct TimelineLayout {
         double waitBegin; // made or queued; negative when neither was seen
         double runBegin;  // negative when it never started
         double end;       // of the run, or of the wait for one never started
+        double waitEnd;   // the start, or `end` for one never started
+
+        bool waited() const { return seen(waitBegin) && waitEnd > waitBegin; }
     };
 
     std::vector<std::string> lanes;
@@ -120,12 +123,28 @@ struct TimelineLayout {
             } else if (seen(entry.cancelledUs)) {
                 end = entry.cancelledUs;
             }
+            end = std::max(end, entry.startedUs);
             items.push_back({&entry, started ? laneOfWorker.at(entry.worker) : lanes.size() - 1,
                              seen(entry.queuedUs) ? entry.queuedUs : entry.createdUs,
-                             entry.startedUs, std::max(end, entry.startedUs)});
+                             entry.startedUs, end, started ? entry.startedUs : end});
         }
     }
 };
+
+// An entry's times in the order they happen, each with its key in the trace
+// and its word for people.
+struct NamedTime {
+    const char* key;
+    const char* word;
+    double time;
+};
+std::array<NamedTime, 5> timesOf(const TimelineEntry& entry) {
+    return {{{"created_us", "made", entry.createdUs},
+             {"queued_us", "queued", entry.queuedUs},
+             {"started_us", "started", entry.startedUs},
+             {"finished_us", "finished", entry.finishedUs},
+             {"cancelled_us", "cancelled", entry.cancelledUs}}};
+}
 
 // "#12 solve": the future's ID and, with `withFunction`, the function's name.
 std::string labelOf(const TimelineEntry& entry, bool withFunction = true) {
@@ -218,15 +237,9 @@ std::string traceArguments(const TimelineEntry& entry) {
                             ", \"kind\": " + jsonString(entry.futureKind) +
                             ", \"function\": " + jsonString(entry.function) + ", \"outcome\": \"" +
                             outcomeName(entry.outcome) + "\"";
-    const std::array<std::pair<const char*, double>, 5> times{
-        {{"created_us", entry.createdUs},
-         {"queued_us", entry.queuedUs},
-         {"started_us", entry.startedUs},
-         {"finished_us", entry.finishedUs},
-         {"cancelled_us", entry.cancelledUs}}};
-    for (const auto& [name, time] : times) {
-        if (seen(time)) {
-            arguments += ", \"" + std::string(name) + "\": " + number(time);
+    for (const NamedTime& named : timesOf(entry)) {
+        if (seen(named.time)) {
+            arguments += ", \"" + std::string(named.key) + "\": " + number(named.time);
         }
     }
     return arguments + "}";
@@ -248,11 +261,10 @@ std::string toTraceEventJson(const std::vector<TimelineEntry>& entries) {
         const TimelineLayout::Item& item = layout.items[i];
         const TimelineEntry& entry = *item.entry;
         const std::string name = "\"name\": " + jsonString(labelOf(entry)) + ", ";
-        const double waitEnd = seen(item.runBegin) ? item.runBegin : item.end;
-        if (seen(item.waitBegin) && waitEnd > item.waitBegin) {
+        if (item.waited()) {
             const std::string async = ", \"cat\": \"wait\", \"id\": " + std::to_string(i + 1);
             events.add("{" + name + common("b", item.lane, item.waitBegin) + async + "}");
-            events.add("{" + name + common("e", item.lane, waitEnd) + async + "}");
+            events.add("{" + name + common("e", item.lane, item.waitEnd) + async + "}");
         }
         if (seen(item.runBegin)) {
             events.add("{" + name + "\"cat\": \"run\", " + common("X", item.lane, item.runBegin) +
@@ -345,14 +357,9 @@ std::string tooltipOf(const TimelineEntry& entry) {
         tip += " (" + entry.futureKind + ")";
     }
     tip += ": " + std::string(outcomeName(entry.outcome));
-    const std::array<std::pair<const char*, double>, 5> times{{{"made", entry.createdUs},
-                                                               {"queued", entry.queuedUs},
-                                                               {"started", entry.startedUs},
-                                                               {"finished", entry.finishedUs},
-                                                               {"cancelled", entry.cancelledUs}}};
-    for (const auto& [name, time] : times) {
-        if (seen(time)) {
-            tip += "\n" + std::string(name) + " at " + number(time / 1000.0) + " ms";
+    for (const NamedTime& named : timesOf(entry)) {
+        if (seen(named.time)) {
+            tip += "\n" + std::string(named.word) + " at " + number(named.time / 1000.0) + " ms";
         }
     }
     if (!entry.worker.empty()) {
@@ -421,10 +428,9 @@ std::string toSvg(const std::vector<TimelineEntry>& entries) {
     for (const TimelineLayout::Item& item : layout.items) {
         const TimelineEntry& entry = *item.entry;
         const double middle = kTop + kLaneHeight * (static_cast<double>(item.lane) + 0.5);
-        const double waitEnd = seen(item.runBegin) ? item.runBegin : item.end;
         svg.out() << "<g>\n<title>" << xmlText(tooltipOf(entry)) << "</title>\n";
-        if (seen(item.waitBegin) && waitEnd > item.waitBegin) {
-            svg.line(xOf(item.waitBegin), middle, xOf(waitEnd), middle,
+        if (item.waited()) {
+            svg.line(xOf(item.waitBegin), middle, xOf(item.waitEnd), middle,
                      "stroke=\"#777\" stroke-width=\"2\" stroke-opacity=\"0.5\"");
         }
         if (seen(item.runBegin)) {

@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <thread>
 #include <unordered_map>
+#include <vector>
 
 namespace parallel::language::future {
 
@@ -77,7 +78,7 @@ namespace {
 std::mutex gMutex;
 Recording* gActive = nullptr; // guarded by gMutex
 
-// Runs `update(impl, now)` on the active recording, if any, under gMutex.
+// Runs `update(recording, now)` on the active recording, if any, under gMutex.
 // `now` is read before the lock so that waiting for it does not shift the
 // event. An exception (out of memory) loses the event, never the caller's
 // notification.
@@ -103,7 +104,11 @@ std::string functionNameOf(const FutureBase& future) {
 
 } // namespace
 
-void recordFutureCreated(const TaskBase* task, const FutureBase& future,
+namespace {
+
+// Records `tasks` as the tasks of `future`, made now: the function's name
+// read once, all under one lock.
+void recordTasksOfFuture(const std::vector<const TaskBase*>& tasks, const FutureBase& future,
                          const char* kind) noexcept {
     std::string function;
     try {
@@ -111,24 +116,37 @@ void recordFutureCreated(const TaskBase* task, const FutureBase& future,
     } catch (...) {
     }
     record([&](Recording& recording, double now) {
-        TimelineEntry& entry = recording.entryOf(task);
-        entry.futureId = future.getID();
-        entry.futureKind = kind;
-        entry.function = std::move(function);
-        entry.createdUs = now;
+        for (const TaskBase* task : tasks) {
+            TimelineEntry& entry = recording.entryOf(task);
+            entry.futureId = future.getID();
+            entry.futureKind = kind;
+            entry.function = function;
+            entry.createdUs = now;
+        }
     });
+}
+
+} // namespace
+
+void recordFutureCreated(const TaskBase* task, const FutureBase& future,
+                         const char* kind) noexcept {
+    try {
+        recordTasksOfFuture({task}, future, kind);
+    } catch (...) {
+    }
 }
 
 void recordFutureCreated(const MultiTask& tasks, unsigned long long count, const FutureBase& future,
                          const char* kind) noexcept {
-    for (unsigned long long i = 0; i < count; ++i) {
-        try {
-            const std::shared_ptr<TaskBase> task = tasks.getTask(i);
-            if (task) {
-                recordFutureCreated(task.get(), future, kind);
+    try {
+        std::vector<const TaskBase*> alive;
+        for (unsigned long long i = 0; i < count; ++i) {
+            if (const std::shared_ptr<TaskBase> task = tasks.getTask(i)) {
+                alive.push_back(task.get()); // the future holds its tasks
             }
-        } catch (...) {
         }
+        recordTasksOfFuture(alive, future, kind);
+    } catch (...) {
     }
 }
 
