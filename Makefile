@@ -6,6 +6,8 @@
 #   make test       build and run the unit tests           (build/release)
 #   make sanitize   all tests under ASan+UBSan             (build/asan)
 #                   'concurrency' tests under TSan         (build/tsan)
+#   make thread-safety  the libraries built by Clang with its lock
+#                   analysis, warnings as errors           (build/clang)
 #   make bench      build and run the benchmarks           (build/bench)
 #   make format     clang-format the sources in place
 #   make format-check  fail when a source is not clang-formatted
@@ -33,12 +35,12 @@ export ASAN_OPTIONS  := halt_on_error=1:print_stacktrace=1:detect_leaks=1
 export UBSAN_OPTIONS := halt_on_error=1:print_stacktrace=1
 export TSAN_OPTIONS  := halt_on_error=1:second_deadlock_stack=1
 
-FORMAT_DIRS := host parallel tests bench examples
+FORMAT_DIRS := host executors parallel tests bench examples
 
 # The targets share build folders and the machine's cores: run them one at a time.
 .NOTPARALLEL:
 
-.PHONY: demo test sanitize sanitize-address sanitize-thread bench format format-check clean bootstrap
+.PHONY: demo test sanitize sanitize-address sanitize-thread thread-safety bench format format-check clean bootstrap
 
 bootstrap:
 	@bash scripts/bootstrap
@@ -67,6 +69,16 @@ sanitize-thread: bootstrap
 	if [[ -z "$$targets" ]]; then echo "sanitize-thread: no test is labelled 'concurrency'"; exit 0; fi; \
 	cmake --build build/tsan -j$(JOBS) --target $$targets; \
 	$(CTEST) --test-dir build/tsan -L concurrency
+
+THREAD_SAFETY_FLAGS := -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=Debug -DQZ_SANITIZER= \
+                       -DQZ_THREAD_SAFETY_ANALYSIS=ON -DQZ_BUILD_TESTS=OFF \
+                       -DQZ_BUILD_EXAMPLES=OFF -DQZ_BUILD_BENCHMARKS=OFF
+THREAD_SAFETY_TARGETS := qzhost qzparallellanguagefuture qzexecutor qzlocalpool qzmpipool
+
+thread-safety:
+	@bash scripts/bootstrap clang
+	$(CMAKE_CONFIGURE) -B build/clang $(THREAD_SAFETY_FLAGS)
+	cmake --build build/clang -j$(JOBS) --target $(THREAD_SAFETY_TARGETS)
 
 bench: bootstrap
 	$(CMAKE_CONFIGURE) -B build/bench $(BENCH_FLAGS)

@@ -49,7 +49,7 @@ install(DIRECTORY "${PROJECT_SOURCE_DIR}/host/include/"
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/parallel/src/language/future/include/"
   DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
 install(DIRECTORY
-  "${PROJECT_SOURCE_DIR}/host/pool/include/"
+  "${PROJECT_SOURCE_DIR}/executors/local/include/"
   DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
 
 install(EXPORT qzparallellanguagefutureTargets
