@@ -57,10 +57,9 @@ void writeMessage(Logger& logger, int severity, std::string_view text) noexcept;
 // was set at entry. Use through QZ_FUTURE_TRACE.
 class FunctionTrace {
 public:
-    FunctionTrace(Logger& logger, const char* function, std::size_t functionLength,
-                  const char* file, std::size_t fileLength, int line) noexcept
-        : logger_(logger), function_(function, functionLength), file_(file, fileLength),
-          line_(line), enabled_(logger.is_enabled(kTraceBit)) {
+    FunctionTrace(Logger& logger, const char* function, std::size_t functionLength) noexcept
+        : logger_(logger), function_(function, functionLength),
+          enabled_(logger.is_enabled(kTraceBit)) {
         if (enabled_) {
             enter();
         }
@@ -79,8 +78,6 @@ private:
 
     Logger& logger_;
     std::string_view function_;
-    std::string_view file_;
-    int line_;
     bool enabled_;
     int uncaughtAtEntry_ = 0;
 };
@@ -89,8 +86,7 @@ private:
 
 #define QZ_FUTURE_TRACE(logger)                                                                    \
     ::parallel::language::future::logging::FunctionTrace qzFunctionTrace_(                         \
-        (logger), __PRETTY_FUNCTION__, sizeof(__PRETTY_FUNCTION__) - 1, __FILE__,                  \
-        sizeof(__FILE__) - 1, __LINE__)
+        (logger), __PRETTY_FUNCTION__, sizeof(__PRETTY_FUNCTION__) - 1)
 
 namespace parallel::language::future::logging {
 

@@ -3,10 +3,6 @@
 namespace parallel::language::future {
 
 template <class T>
-PerTaskVariant<T>::PerTaskVariant() requires std::is_default_constructible_v<T>
-    : v_(std::in_place_index<0>) {}
-
-template <class T>
 PerTaskVariant<T>::PerTaskVariant(T value) : v_(std::in_place_index<0>, std::move(value)) {}
 
 template <class T>

@@ -25,8 +25,11 @@ namespace parallel::language::future {
 template <class T>
 class QZ_FUTURE_API PerTaskVariant {
 public:
-    // Single, holding a value-initialised T.
-    PerTaskVariant() requires std::is_default_constructible_v<T>;
+    // Single, holding a value-initialised T. A member template, so that the
+    // explicit instantiations below leave it out for a T without a default
+    // constructor (Clang 14 instantiates a constrained one regardless).
+    template <class U = T>
+    requires std::is_default_constructible_v<U> PerTaskVariant() : v_(std::in_place_index<0>) {}
     PerTaskVariant(T value);
     PerTaskVariant(std::vector<T> values);
 
