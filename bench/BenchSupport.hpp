@@ -2,7 +2,7 @@
 
 // Pieces shared by the benchmarks.
 
-#include <parallel/language/future/TaskBase.hpp>
+#include "support/TestTask.hpp"
 
 #include <benchmark/benchmark.h>
 
@@ -15,39 +15,9 @@ namespace bench {
 
 namespace pf = parallel::language::future;
 
-// A task of an executor that does no work: the benchmark drives its
-// notifications. Its outputs are `result` (none by default).
-class BenchTask final : public pf::TaskBase {
-public:
-    BenchTask() = default;
-    explicit BenchTask(pf::OutputsOrError result) : result_(std::move(result)) {}
-
-    using TaskBase::doNotifyFinished;
-    using TaskBase::doNotifyPending;
-    using TaskBase::doNotifyQueued;
-    using TaskBase::doNotifyRunning;
-
-    // Notifies Pending, then each later state up to `state`.
-    void advanceTo(pf::FutureState state) {
-        doNotifyPending();
-        if (state >= pf::FutureState::Queued) {
-            doNotifyQueued();
-        }
-        if (state >= pf::FutureState::Running) {
-            doNotifyRunning();
-        }
-        if (state >= pf::FutureState::Finished) {
-            doNotifyFinished();
-        }
-    }
-
-private:
-    void doCancel() override {}
-    pf::OutputsOrError doGetOutputsOrError() override { return result_; }
-    std::u16string doGetDiary() override { return {}; }
-
-    pf::OutputsOrError result_{std::optional<pf::DvArrayVector>()};
-};
+// The task of an executor that does no work, shared with the tests: the
+// benchmark drives its notifications; its outputs are `result`.
+using BenchTask = pf::testing::TestTask;
 
 // Sets the counters median_us and p99_us from latencies in nanoseconds.
 inline void reportPercentiles(benchmark::State& state, std::vector<double> latencies) {

@@ -4,7 +4,7 @@
 // every allocation is added to the counters, and freeing a block that was
 // counted takes it off the live bytes again.
 //
-//   Direct        a FevalFuture over a minimal task of this file, the input
+//   Direct        a FevalFuture over the tests' minimal task, the input
 //                 made for it; the function handle is shared by all.
 //   PoolSubmit    LocalPool::submit of the same evaluation, with both workers
 //                 held in a gated function so that nothing submitted runs

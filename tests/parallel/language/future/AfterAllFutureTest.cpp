@@ -1,5 +1,5 @@
 // qz-test-label: concurrency
-#include "ContinuationSupport.hpp"
+#include "support/ContinuationSupport.hpp"
 
 #include <parallel/language/future/AfterAllFuture.hpp>
 
@@ -11,16 +11,11 @@
 namespace parallel::language::future {
 namespace {
 
-using testing::RecordingFunction;
-using testing::runParallelQueue;
-using testing::scalar;
-using testing::TestFuture;
-using testing::valueOf;
-using Futures = std::vector<std::shared_ptr<FutureBase>>;
+using namespace testing;
 
 // The fixture takes the name of the class under test; `future::AfterAllFuture`
 // names the class.
-class AfterAllFuture : public testing::LanguageTest {
+class AfterAllFuture : public ContinuationTest {
 protected:
     static std::shared_ptr<future::AfterAllFuture> afterAll(const RecordingFunction& function,
                                                             Futures predecessors) {
@@ -36,28 +31,28 @@ protected:
 TEST_F(AfterAllFuture, RunsOnceOnTheFirstOutputsOfAllItsPredecessors) {
     std::shared_ptr<future::AfterAllFuture> all;
     std::vector<FutureState> statesSeenInside;
-    RecordingFunction function([&](std::size_t, const DvArrayVector& inputs) {
+    RecordingFunction recordingState([&](std::size_t, const DvArrayVector& inputs) {
         statesSeenInside.push_back(all->getState());
         return inputs;
     });
     TestFuture one(1), two(2);
     one.finishedWith({scalar(1)});
     two.submitted();
-    all = afterAll(function, {one.future, two.future});
+    all = afterAll(recordingState, {one.future, two.future});
     EXPECT_FALSE(all->isMultiFuture());
     EXPECT_STREQ(all->getCosAliasName(), "parallel.AfterAllFuture");
     EXPECT_EQ(all->getState(), FutureState::Queued);
 
     std::thread([&] { two.finishedWith({scalar(2), scalar(20)}); }).join();
     EXPECT_EQ(all->getState(), FutureState::Queued); // released, not run
-    auto [state, index, outputs] = FutureBase::fetchNext({all}, 1, Seconds(60));
+    auto [state, index, outputs] = FutureBase::fetchNext({all}, 1, kForever);
     ASSERT_EQ(state, FetchNextState::Fetched);
     EXPECT_EQ(index, 0u);
     EXPECT_EQ(valuesOf(outputs.at(0).get()), (std::vector<double>{1, 2}));
 
-    ASSERT_EQ(function.calls->size(), 1u);
-    ASSERT_EQ(function.calls->at(0).size(), 1u);
-    EXPECT_EQ(dvGetDimensions(function.calls->at(0)[0].get()), (matrix::Dimensions{2, 1}));
+    ASSERT_EQ(recordingState.calls->size(), 1u);
+    ASSERT_EQ(recordingState.calls->at(0).size(), 1u);
+    EXPECT_EQ(dvGetDimensions(recordingState.calls->at(0)[0].get()), (matrix::Dimensions{2, 1}));
     EXPECT_EQ(statesSeenInside, std::vector<FutureState>{FutureState::Running});
     EXPECT_EQ(all->getState(), FutureState::Finished);
     const std::optional<DvArrayVector> inputs = all->getInputs().getAsSingle();
@@ -73,10 +68,8 @@ TEST_F(AfterAllFuture, AHundredLevelChainCompletesWhicheverWayItIsWaitedOn) {
     RecordingFunction addOne([](std::size_t, const DvArrayVector& inputs) {
         return DvArrayVector{scalar(valueOf(inputs.at(0).get()) + 1)};
     });
-    const auto identity = boost::intrusive_ptr<dvArray>(
-        matrix::to_korvex(matrix::createFunctionHandle(
-            "identity", [](std::size_t, const DvArrayVector& inputs) { return inputs; })),
-        false);
+    const auto identity =
+        functionHandle("identity", [](std::size_t, const DvArrayVector& inputs) { return inputs; });
     localpool::LocalPool pool(2);
     // A chain of continuations, each on the previous one, on a pool evaluation.
     const auto chainOn = [&](double start) {
@@ -87,18 +80,17 @@ TEST_F(AfterAllFuture, AHundredLevelChainCompletesWhicheverWayItIsWaitedOn) {
         return link;
     };
 
-    auto [state, index, outputs] = FutureBase::fetchNext({chainOn(5)}, 1, Seconds(60));
+    auto [state, index, outputs] = FutureBase::fetchNext({chainOn(5)}, 1, kForever);
     ASSERT_EQ(state, FetchNextState::Fetched);
     EXPECT_EQ(valueOf(outputs.at(0).get()), 5.0 + kLevels);
 
     const std::shared_ptr<FutureBase> last = chainOn(7);
-    ASSERT_TRUE(FutureBase::wait({last}, FutureState::Finished, Seconds(60)));
+    ASSERT_TRUE(FutureBase::wait({last}, FutureState::Finished, kForever));
     EXPECT_EQ(valueOf(FutureBase::fetchOutputs({last}, true, 1).at(0).get()), 7.0 + kLevels);
     EXPECT_EQ(addOne.calls->size(), std::size_t(2 * kLevels));
 }
 
 TEST_F(AfterAllFuture, ADroppedFutureStillRunsItsFunction) {
-    RecordingFunction function;
     TestFuture pending;
     pending.submitted();
     auto all = afterAll(function, {pending.future});

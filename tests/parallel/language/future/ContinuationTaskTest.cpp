@@ -1,29 +1,19 @@
-#include "ContinuationSupport.hpp"
+#include "support/ContinuationSupport.hpp"
 
 #include <parallel/language/future/ContinuationTask.hpp>
 #include <parallel/language/future/FutureErrors.hpp>
-
-#include <Veldspire/KException/KExceptionEnvelope.hpp>
-#include <cmddistributor/RuntimeException.hpp>
 
 #include <limits>
 
 namespace parallel::language::future {
 namespace {
 
-using testing::RecordingFunction;
-using testing::runParallelQueue;
-using testing::scalar;
-using testing::TestFuture;
-using testing::valueOf;
-using Veldspire::KException::KExceptionEnvelope;
+using namespace testing;
 
-class ContinuationTaskTest : public testing::LanguageTest {
+class ContinuationTaskTest : public ContinuationTest {
 protected:
-    RecordingFunction function;
-
-    std::shared_ptr<ContinuationTask> after(std::vector<std::shared_ptr<FutureBase>> predecessors,
-                                            std::size_t numOutputs = 1, bool passFuture = false,
+    std::shared_ptr<ContinuationTask> after(Futures predecessors, std::size_t numOutputs = 1,
+                                            bool passFuture = false,
                                             std::vector<std::size_t> size = {}) {
         return ContinuationTask::build(function.handle, numOutputs, std::move(predecessors),
                                        std::move(size), passFuture);
@@ -33,18 +23,7 @@ protected:
     static KExceptionEnvelope errorOf(ContinuationTask& task) {
         const OutputsOrError result = task.getOutputsOrError();
         EXPECT_TRUE(result.hasError());
-        return detailEnvelope(result.error());
-    }
-    static KExceptionEnvelope detailEnvelope(const std::exception_ptr& error) {
-        try {
-            std::rethrow_exception(error);
-        } catch (const KExceptionEnvelope& envelope) {
-            return envelope;
-        } catch (const cmddistributor::RuntimeException& e) {
-            return Veldspire::KException::CreateKException(e);
-        } catch (const foundation::core::except::IUserException& e) {
-            return KExceptionEnvelope(e, nullptr);
-        }
+        return envelopeOf(result.error());
     }
 };
 
@@ -70,13 +49,18 @@ TEST_F(ContinuationTaskTest, RunsAfterTheLastPredecessorOnTheInterpreterThread) 
               (matrix::Dimensions{2, 1}));
 }
 
-TEST_F(ContinuationTaskTest, IsReleasedInsideBuildWhenAllHadFinished) {
+TEST_F(ContinuationTaskTest, IsReleasedInsideBuildWhenAllHadFinishedAndHandsItsInputsOutOnce) {
     TestFuture done;
     done.finishedWith({scalar(5)});
     auto task = after({done.future});
     EXPECT_EQ(iqm::Iqm::getCurrent()->pending(u"parallel"), 1u);
+    EXPECT_TRUE(task->takeInputs().empty());
     EXPECT_TRUE(runParallelQueue());
     EXPECT_EQ(valueOf(task->getOutputsOrError().value()->at(0).get()), 5.0);
+    const DvArrayVector inputs = task->takeInputs();
+    ASSERT_EQ(inputs.size(), 1u);
+    EXPECT_EQ(valueOf(inputs[0].get()), 5.0);
+    EXPECT_TRUE(task->takeInputs().empty());
 }
 
 TEST_F(ContinuationTaskTest, ArgumentsAreTheFewestOutputsConcatenatedAcrossPredecessors) {
@@ -103,7 +87,7 @@ TEST_F(ContinuationTaskTest, ArgumentsAreTheFewestOutputsConcatenatedAcrossPrede
 
 TEST_F(ContinuationTaskTest, FailedPredecessorsAreNamedAndTheFunctionNeverRuns) {
     auto failedTask = [](long long id) {
-        auto task = testing::TestTask::make();
+        auto task = TestTask::make();
         auto future = std::make_shared<FevalFuture>(nullptr, nullptr, 1, DvArrayVector{}, task, id);
         task->result = OutputsOrError(std::make_exception_ptr(errors::NoUnreadFutures()));
         task->runToFinish();
@@ -126,7 +110,7 @@ TEST_F(ContinuationTaskTest, FailedPredecessorsAreNamedAndTheFunctionNeverRuns) 
 TEST_F(ContinuationTaskTest, ConcatenationFailureIsTheError) {
     TestFuture number, word;
     number.finishedWith({scalar(1)});
-    word.finishedWith({testing::text("ab")});
+    word.finishedWith({text("ab")});
     auto task = after({number.future, word.future});
     runParallelQueue();
     const KExceptionEnvelope error = errorOf(*task);
@@ -137,7 +121,7 @@ TEST_F(ContinuationTaskTest, ConcatenationFailureIsTheError) {
 
 TEST_F(ContinuationTaskTest, PassFutureGivesThePredecessorsShapedEvenWhenTheyFailed) {
     std::vector<TestFuture> predecessors(4);
-    std::vector<std::shared_ptr<FutureBase>> futures;
+    Futures futures;
     for (auto& predecessor : predecessors) {
         predecessor.finishedWith({scalar(1)});
         futures.push_back(predecessor.future);
@@ -183,18 +167,6 @@ TEST_F(ContinuationTaskTest, CancelledBeforeItRanItNeverRuns) {
         EXPECT_EQ(task->getState(), FutureState::Finished);
         EXPECT_EQ(errorOf(*task).GetID(), "parallel:fevalqueue:ExecutionCancelled");
     }
-}
-
-TEST_F(ContinuationTaskTest, InputsAreHandedOutOnce) {
-    TestFuture done;
-    done.finishedWith({scalar(3)});
-    auto task = after({done.future});
-    EXPECT_TRUE(task->takeInputs().empty());
-    runParallelQueue();
-    const DvArrayVector inputs = task->takeInputs();
-    ASSERT_EQ(inputs.size(), 1u);
-    EXPECT_EQ(valueOf(inputs[0].get()), 3.0);
-    EXPECT_TRUE(task->takeInputs().empty());
 }
 
 TEST(ContinuationTaskWithoutDistributor, FinishesAtOnceWithTheDistributorError) {

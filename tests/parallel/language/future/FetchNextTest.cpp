@@ -1,49 +1,23 @@
 // qz-test-label: concurrency
-#include "FutureTestSupport.hpp"
+#include "support/FutureTestSupport.hpp"
 
 #include <parallel/language/future/FutureErrors.hpp>
 #include <parallel/language/future/UnavailableFuture.hpp>
 
-#include <Veldspire/KException/KExceptionEnvelope.hpp>
-
 #include <latch>
-#include <limits>
 #include <thread>
 
 namespace parallel::language::future {
 namespace {
 
-using testing::scalar;
-using testing::TestFuture;
-using testing::valueOf;
-using Futures = std::vector<std::shared_ptr<FutureBase>>;
+using namespace testing;
 
-const Seconds kForever(std::numeric_limits<double>::max());
-
-class FetchNext : public testing::InterpreterTest {};
+// The errors and states the language sees are checked with its fetchNext
+// method (FutureMethodsTest.cpp); these check what the method builds on.
+class FetchNext : public InterpreterTest {};
 
 FetchNextState stateOf(const std::tuple<FetchNextState, std::size_t, DvArrayVector>& result) {
     return std::get<0>(result);
-}
-
-TEST_F(FetchNext, TellsWhyNothingCanBeFetched) {
-    EXPECT_EQ(stateOf(FutureBase::fetchNext({}, 1, kForever)), FetchNextState::NotSubmitted);
-    TestFuture pending;
-    pending.task->doNotifyPending();
-    EXPECT_EQ(stateOf(FutureBase::fetchNext({pending.future}, 1, kForever)),
-              FetchNextState::NotSubmitted);
-
-    TestFuture done;
-    done.finishedWith({scalar(1.0)});
-    EXPECT_EQ(stateOf(FutureBase::fetchNext({done.future, pending.future}, 1, kForever)),
-              FetchNextState::Fetched);
-    // A read future counts as submitted.
-    EXPECT_EQ(stateOf(FutureBase::fetchNext({done.future, pending.future}, 1, kForever)),
-              FetchNextState::NoUnreadFutures);
-
-    auto invalid = std::make_shared<UnavailableFuture>();
-    EXPECT_EQ(stateOf(FutureBase::fetchNext({invalid}, 1, kForever)),
-              FetchNextState::InvalidFuture);
 }
 
 TEST_F(FetchNext, TakesFinishedFuturesLowestIndexFirst) {
@@ -64,18 +38,10 @@ TEST_F(FetchNext, TakesFinishedFuturesLowestIndexFirst) {
     EXPECT_TRUE(f[1].future->getRead());
     EXPECT_EQ(std::get<1>(FutureBase::fetchNext(futures, 1, kForever)), 3u);
     EXPECT_EQ(stateOf(FutureBase::fetchNext(futures, 1, Seconds(0.0))), FetchNextState::TimedOut);
-}
-
-TEST_F(FetchNext, TimesOutAtItsDeadline) {
-    TestFuture a;
-    a.running();
-    const SteadyTimePoint start = clock::getCurrentSteadyTime();
-    EXPECT_EQ(stateOf(FutureBase::fetchNext({a.future}, 1, Seconds(0.05))),
-              FetchNextState::TimedOut);
-    const double elapsed = (clock::getCurrentSteadyTime() - start).count();
-    EXPECT_GE(elapsed, 0.05);
-    EXPECT_LT(elapsed, 2.0);
-    EXPECT_FALSE(a.future->getRead());
+    // What the method refuses before it fetches.
+    EXPECT_EQ(stateOf(FutureBase::fetchNext({}, 1, kForever)), FetchNextState::NotSubmitted);
+    EXPECT_EQ(stateOf(FutureBase::fetchNext({std::make_shared<UnavailableFuture>()}, 1, kForever)),
+              FetchNextState::InvalidFuture);
 }
 
 TEST_F(FetchNext, WakesWhenWorkFinishesOnAnotherThread) {
@@ -110,24 +76,6 @@ TEST_F(FetchNext, RefusesTooManyOutputsAndOffersTheFutureAgain) {
     }
     EXPECT_FALSE(f.future->getRead());
     EXPECT_EQ(stateOf(FutureBase::fetchNext({f.future}, 1, kForever)), FetchNextState::Fetched);
-}
-
-TEST_F(FetchNext, AFailedFutureRaisesOnceThenTheNextIsFetched) {
-    TestFuture failed;
-    failed.failedWith(std::make_exception_ptr(errors::TimeOutInvalid()));
-    TestFuture good;
-    good.finishedWith({scalar(2.0)});
-    const Futures futures{failed.future, good.future};
-    try {
-        FutureBase::fetchNext(futures, 1, kForever);
-        FAIL() << "the failure was not raised";
-    } catch (const Veldspire::KException::KExceptionEnvelope& error) {
-        EXPECT_EQ(error.GetID(), "KORVEX:parallel:future:FetchNextFutureErrored");
-        ASSERT_EQ(error.GetCauses().size(), 1u);
-        EXPECT_EQ(error.GetCauses()[0].GetID(), "KORVEX:parallel:future:TimeOutInvalid");
-    }
-    EXPECT_TRUE(failed.future->getRead());
-    EXPECT_EQ(std::get<1>(FutureBase::fetchNext(futures, 1, kForever)), 1u);
 }
 
 } // namespace

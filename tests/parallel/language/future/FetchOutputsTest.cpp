@@ -1,20 +1,17 @@
-#include "FutureTestSupport.hpp"
+// qz-test-label: concurrency
+#include "support/FutureTestSupport.hpp"
 
 #include <parallel/language/future/FutureErrors.hpp>
 #include <parallel/language/future/UnavailableFuture.hpp>
 
-#include <Veldspire/KException/KExceptionEnvelope.hpp>
+#include <thread>
 
 namespace parallel::language::future {
 namespace {
 
-using testing::scalar;
-using testing::TestFuture;
-using testing::valueOf;
-using Veldspire::KException::KExceptionEnvelope;
-using Futures = std::vector<std::shared_ptr<FutureBase>>;
+using namespace testing;
 
-class FetchOutputs : public testing::InterpreterTest {
+class FetchOutputs : public InterpreterTest {
 protected:
     // Three finished futures with outputs 1, 2 and 3.
     Futures threeNumbers() {
@@ -123,6 +120,14 @@ TEST_F(FetchOutputs, ReadFuturesAreFetchedAgainFromTheirCache) {
     FutureBase::fetchOutputs(futures, true, 1);
     const DvArrayVector again = FutureBase::fetchOutputs(futures, true, 1);
     EXPECT_EQ(dvGetNumberOfElements(again[0].get()), 3u);
+}
+
+TEST_F(FetchOutputs, WaitsForWorkThatAnotherThreadFinishes) {
+    TestFuture running;
+    running.running();
+    running.task->result = OutputsOrError(std::optional<DvArrayVector>(DvArrayVector{scalar(4)}));
+    std::jthread finisher([&] { running.task->doNotifyFinished(); });
+    EXPECT_EQ(valueOf(FutureBase::fetchOutputs({running.future}, true, 1).at(0).get()), 4.0);
 }
 
 } // namespace

@@ -1,22 +1,18 @@
-#include "FutureTestSupport.hpp"
+#include "support/FutureTestSupport.hpp"
 
 #include <parallel/language/future/FutureErrors.hpp>
 #include <parallel/language/future/UnavailableFuture.hpp>
 
-#include <Veldspire/KException/KExceptionEnvelope.hpp>
-
 namespace parallel::language::future {
 namespace {
 
-using testing::scalar;
-using testing::TestFuture;
-using testing::valueOf;
+using namespace testing;
 
 TEST(FutureBase, IdsCountUpAndAnExplicitIdDrawsNone) {
     TestFuture first;
     TestFuture second;
     EXPECT_EQ(second.future->getID(), first.future->getID() + 1);
-    FevalFuture chosen(nullptr, nullptr, 0, {}, testing::TestTask::make(), 1000);
+    FevalFuture chosen(nullptr, nullptr, 0, {}, TestTask::make(), 1000);
     EXPECT_EQ(chosen.getID(), 1000);
     TestFuture third;
     EXPECT_EQ(third.future->getID(), second.future->getID() + 1);
@@ -25,7 +21,6 @@ TEST(FutureBase, IdsCountUpAndAnExplicitIdDrawsNone) {
 TEST(FutureBase, VectorsAreEqualWhenTheirIdsAreEqualInOrder) {
     const std::shared_ptr<FutureBase> f1 = TestFuture().future;
     const std::shared_ptr<FutureBase> f2 = TestFuture().future;
-    using Futures = std::vector<std::shared_ptr<FutureBase>>;
     EXPECT_TRUE(FutureBase::isEqual({f1, f2}, {f1, f2}));
     EXPECT_FALSE(FutureBase::isEqual({f1, f2}, {f2, f1}));
     EXPECT_FALSE(FutureBase::isEqual({f1}, {f1, f1}));
@@ -75,12 +70,12 @@ TEST(FutureBase, ErrorsAreReturnedNeverThrown) {
     EXPECT_EQ(f.future->getOutputsAsDvArray(), nullptr);
     try {
         std::rethrow_exception(f.future->getError().getAsSingle());
-    } catch (const Veldspire::KException::KExceptionEnvelope& error) {
+    } catch (const KExceptionEnvelope& error) {
         EXPECT_EQ(error.GetID(), "KORVEX:parallel:future:NoUnreadFutures");
     }
     const matrix::unique_dvArray errorArray = f.future->getErrorAsDvArray();
     ASSERT_NE(errorArray, nullptr);
-    EXPECT_EQ(Veldspire::KException::KExceptionEnvelope(errorArray.get()).GetID(),
+    EXPECT_EQ(KExceptionEnvelope(errorArray.get()).GetID(),
               "KORVEX:parallel:future:NoUnreadFutures");
     // Outputs of failed work are left out of both forms.
     EXPECT_EQ(f.future->getOutputsAs(1, OutputFormat::Concatenated)[0], nullptr);
@@ -95,7 +90,7 @@ TEST(FutureBase, InputsAndFunctionReadBackAndAreOwned) {
 
     const auto function = boost::intrusive_ptr<dvArray>(
         matrix::to_korvex(matrix::createFunctionHandle("plus", {})), false);
-    FevalFuture f(nullptr, function, 1, {scalar(3.0), scalar(4.0)}, testing::TestTask::make());
+    FevalFuture f(nullptr, function, 1, {scalar(3.0), scalar(4.0)}, TestTask::make());
     const DvArrayVector inputs = f.getInputs().getAsSingle().value();
     ASSERT_EQ(inputs.size(), 2u);
     EXPECT_EQ(valueOf(inputs[1].get()), 4.0);
@@ -106,7 +101,7 @@ TEST(FutureBase, InputsAndFunctionReadBackAndAreOwned) {
 }
 
 TEST(FutureBase, TimesComeFromTheWork) {
-    auto task = testing::TestTask::make();
+    auto task = TestTask::make();
     task->doNotifyRunning();
     FevalFuture f(nullptr, nullptr, 0, {}, task);
     // The work started before the future existed.
@@ -119,7 +114,7 @@ TEST(FutureBase, TimesComeFromTheWork) {
 }
 
 TEST(FevalFuture, ForwardsToItsOneTaskAndKeepsItAlive) {
-    std::weak_ptr<testing::TestTask> watch;
+    std::weak_ptr<TestTask> watch;
     std::shared_ptr<FevalFuture> future;
     {
         TestFuture f;

@@ -1,4 +1,4 @@
-#include "LanguageTestSupport.hpp"
+#include "support/LanguageTestSupport.hpp"
 
 #include <parallel/language/future/FutureErrors.hpp>
 
@@ -13,17 +13,8 @@
 namespace parallel::language::future {
 namespace {
 
+using namespace testing;
 using foundation::core::except::Exception;
-using testing::call;
-using testing::construct;
-using testing::interned;
-using testing::LanguageTest;
-using testing::objects;
-using testing::property;
-using testing::propertyText;
-using testing::scalar;
-using testing::TestFuture;
-using testing::textOf;
 
 using FutureClass = LanguageTest;
 
@@ -67,7 +58,7 @@ TEST_F(FutureClass, ConstructorWithoutInputsMakesAnUnavailableFutureOfTheNameCal
         EXPECT_EQ(std::string(dvGetClassName(object.get())), "parallel.Future");
         EXPECT_EQ(textOf(call("class", 1, {object.get()}).at(0).get()), name);
         EXPECT_EQ(propertyText(object.get(), "State"), "unavailable");
-        EXPECT_EQ(testing::valueOf(property(object.get(), "ID").get()), -1.0);
+        EXPECT_EQ(valueOf(property(object.get(), "ID").get()), -1.0);
         // The object keeps presenting the same future.
         const auto again = FutureBase::toKorvexArray(FutureBase::fromKorvexArray(object.get()), {});
         EXPECT_EQ(omGetArrayElement(again.get(), 0).get(),
@@ -102,7 +93,7 @@ public:
         gCreationCalls.method = getName().str();
         gCreationCalls.inputs.clear();
         for (int i = 0; i < numInputs; ++i) {
-            gCreationCalls.inputs.push_back(testing::valueOf(inputs[i].getArray()));
+            gCreationCalls.inputs.push_back(valueOf(inputs[i].getArray()));
         }
         outputs[0].setArray(dvCreateDoubleScalar(42));
         numOutputs = 1;
@@ -123,7 +114,7 @@ TEST_F(FutureClass, EvaluationNamesForwardTheirInputsToTheCreationClass) {
         ->registerClassInfo(new RecordingCreationInfo, 0, 0);
 
     const auto result = construct("parallel.FevalFuture", {scalar(1), scalar(2), scalar(3)});
-    EXPECT_EQ(testing::valueOf(result.get()), 42.0);
+    EXPECT_EQ(valueOf(result.get()), 42.0);
     EXPECT_EQ(gCreationCalls.method, "buildFutures");
     EXPECT_EQ(gCreationCalls.inputs, (std::vector<double>{1, 2, 3}));
 
@@ -161,8 +152,7 @@ TEST_F(FutureClass, PropertiesCannotBeAssignedAndOwnedResourcesAreClosed) {
                  Exception<KORVEX::kcos::SetProhibited>);
     EXPECT_THROW(property(object.get(), "OwnedResources"), Exception<KORVEX::kcos::GetProhibited>);
     EXPECT_EQ(propertyText(object.get(), "State"), "queued");
-    EXPECT_EQ(testing::valueOf(property(object.get(), "ID").get()),
-              static_cast<double>(f.future->getID()));
+    EXPECT_EQ(valueOf(property(object.get(), "ID").get()), static_cast<double>(f.future->getID()));
 }
 
 TEST_F(FutureClass, OwnedResourcesShowTheObjectsAFutureHolds) {
@@ -226,7 +216,7 @@ TEST_F(FutureClass, ClassAndIsaAnswerFromTheAliasNames) {
     EXPECT_EQ(classOf(none.get()), "parallel.Future");
 
     auto isa = [](const dvArray* array, const char* name) {
-        const auto answer = call("isa", 1, {array, testing::text(name).get()});
+        const auto answer = call("isa", 1, {array, text(name).get()});
         return dvGetLogicals(answer.at(0).get())[0] != 0;
     };
     EXPECT_TRUE(isa(none.get(), "handle"));

@@ -1,16 +1,11 @@
-#include "LanguageTestSupport.hpp"
+#include "support/LanguageTestSupport.hpp"
 
 #include <parallel/language/future/UnavailableFuture.hpp>
 
 namespace parallel::language::future {
 namespace {
 
-using testing::construct;
-using testing::interned;
-using testing::LanguageTest;
-using testing::objects;
-using testing::scalar;
-using testing::TestFuture;
+using namespace testing;
 
 // A finished future that runs after others, as continuation futures do.
 class AfterFuture : public FutureBase {
@@ -97,18 +92,6 @@ TEST_F(FutureConversion, ShapesAndBadInput) {
     EXPECT_THROW(FutureBase::fromKorvexArray(scalar(1).get()), std::invalid_argument);
     const auto notAFuture = construct("duration", {scalar(0), scalar(0), scalar(1)});
     EXPECT_THROW(FutureBase::fromKorvexArray(notAFuture.get()), std::invalid_argument);
-}
-
-TEST_F(FutureConversion, UnavailableFuturesCompareEqual) {
-    TestFuture a;
-    TestFuture b;
-    const std::shared_ptr<FutureBase> gone1 = std::make_shared<UnavailableFuture>();
-    const std::shared_ptr<FutureBase> gone2 =
-        std::make_shared<UnavailableFuture>("parallel.FevalFuture");
-    EXPECT_TRUE(FutureBase::isEqual({gone1}, {gone2}));
-    EXPECT_TRUE(FutureBase::isEqual({a.future, b.future}, {a.future, b.future}));
-    EXPECT_FALSE(FutureBase::isEqual({a.future, b.future}, {b.future, a.future}));
-    EXPECT_FALSE(FutureBase::isEqual({a.future}, {a.future, a.future}));
 }
 
 TEST_F(FutureConversion, OwnedArraysAreAccountedToTheObject) {

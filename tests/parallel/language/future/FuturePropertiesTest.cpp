@@ -1,29 +1,15 @@
-#include "LanguageTestSupport.hpp"
+#include "support/LanguageTestSupport.hpp"
 
 #include <parallel/language/future/FevalOnAllFuture.hpp>
 #include <parallel/language/future/FutureErrors.hpp>
 #include <parallel/language/future/VectorMultiTask.hpp>
-
-#include <Veldspire/KException/KExceptionEnvelope.hpp>
 
 #include <cmath>
 
 namespace parallel::language::future {
 namespace {
 
-using testing::call;
-using testing::interned;
-using testing::LanguageTest;
-using testing::objects;
-using testing::posixTime;
-using testing::property;
-using testing::propertyText;
-using testing::scalar;
-using testing::secondsOf;
-using testing::TestFuture;
-using testing::TestTask;
-using testing::textOf;
-using testing::valueOf;
+using namespace testing;
 
 // A future whose state and times the test sets.
 class FixedFuture : public FutureBase {
@@ -59,7 +45,7 @@ bool isEmptyOfClass(const dvArray* array, const char* className) {
 }
 
 std::string errorIdOf(const dvArray* error) {
-    return Veldspire::KException::KExceptionEnvelope(error).GetID();
+    return KExceptionEnvelope(error).GetID();
 }
 
 using FutureProperties = LanguageTest;
@@ -167,7 +153,7 @@ TEST_F(FutureProperties, FailedAndCancelledFuturesAreFinishedWithAnError) {
               "parallel:fevalqueue:ExecutionCancelled");
 }
 
-struct OnAll : testing::TestOnAllFuture {
+struct OnAll : TestOnAllFuture {
     explicit OnAll(std::size_t n) : TestOnAllFuture(n, DvArrayVector{scalar(8)}) {}
     void finish(std::size_t i, OutputsOrError result) {
         tasks[i]->result = std::move(result);
@@ -224,7 +210,7 @@ TEST_F(FutureProperties, DiaryAndOutputsPerTaskInputsShared) {
 }
 
 TEST_F(FutureProperties, ParentAndFunction) {
-    const auto parentArray = testing::construct("parallel.Future");
+    const auto parentArray = construct("parallel.Future");
     kcos::COSInterface* parent = omGetLiveArrayElement(parentArray.get(), 0);
     const auto child = std::make_shared<FixedFuture>(parent);
     const auto object = objects({child});
@@ -232,10 +218,8 @@ TEST_F(FutureProperties, ParentAndFunction) {
     const auto shown = property(object.get(), "Parent");
     EXPECT_EQ(omGetLiveArrayElement(shown.get(), 0), parent);
 
-    const auto function = boost::intrusive_ptr<dvArray>(
-        matrix::to_korvex(matrix::createFunctionHandle(
-            "twice", [](std::size_t, const DvArrayVector&) { return DvArrayVector{}; })),
-        false);
+    const auto function =
+        functionHandle("twice", [](std::size_t, const DvArrayVector&) { return DvArrayVector{}; });
     TestFuture f;
     const auto withFunction =
         std::make_shared<FevalFuture>(nullptr, function, 1, DvArrayVector{}, f.task);

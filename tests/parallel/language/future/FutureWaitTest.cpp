@@ -1,29 +1,20 @@
 // qz-test-label: concurrency
-#include "FutureTestSupport.hpp"
+#include "support/FutureTestSupport.hpp"
 
 #include <parallel/language/future/FutureErrors.hpp>
 #include <parallel/language/future/UnavailableFuture.hpp>
 
 #include <iqm/Iqm.hpp>
 
-#include <future>
 #include <latch>
-#include <limits>
 #include <thread>
 
 namespace parallel::language::future {
 namespace {
 
-using testing::TestFuture;
-using Futures = std::vector<std::shared_ptr<FutureBase>>;
+using namespace testing;
 
-constexpr double kForever = std::numeric_limits<double>::infinity();
-
-class FutureWait : public testing::InterpreterTest {};
-
-double elapsedSince(const SteadyTimePoint& start) {
-    return (clock::getCurrentSteadyTime() - start).count();
-}
+class FutureWait : public InterpreterTest {};
 
 TEST_F(FutureWait, RefusesFuturesThatCannotBeWaitedOn) {
     TestFuture finished;
@@ -31,15 +22,14 @@ TEST_F(FutureWait, RefusesFuturesThatCannotBeWaitedOn) {
     TestFuture pending;
     pending.task->doNotifyPending();
     TestFuture unnotified; // a task that was never notified is unavailable
-    EXPECT_THROW(FutureBase::wait({finished.future, pending.future}, FutureState::Finished,
-                                  Seconds(kForever)),
-                 errors::WaitOnUnsubmittedFuture);
-    EXPECT_THROW(FutureBase::wait({unnotified.future}, FutureState::Finished, Seconds(kForever)),
+    EXPECT_THROW(
+        FutureBase::wait({finished.future, pending.future}, FutureState::Finished, kForever),
+        errors::WaitOnUnsubmittedFuture);
+    EXPECT_THROW(FutureBase::wait({unnotified.future}, FutureState::Finished, kForever),
                  errors::WaitOnUnsubmittedFuture);
     auto invalid = std::make_shared<UnavailableFuture>();
-    EXPECT_THROW(
-        FutureBase::wait({finished.future, invalid}, FutureState::Finished, Seconds(kForever)),
-        errors::WaitOnUnavailableFuture);
+    EXPECT_THROW(FutureBase::wait({finished.future, invalid}, FutureState::Finished, kForever),
+                 errors::WaitOnUnavailableFuture);
 }
 
 TEST_F(FutureWait, ZeroTimeoutIsAPoll) {
@@ -53,9 +43,7 @@ TEST_F(FutureWait, ZeroTimeoutIsAPoll) {
     EXPECT_TRUE(
         FutureBase::wait({finished.future, running.future}, FutureState::Running, Seconds(0.0)));
     EXPECT_TRUE(FutureBase::wait({finished.future}, FutureState::Running, Seconds(0.0)));
-    const SteadyTimePoint start = clock::getCurrentSteadyTime();
-    EXPECT_FALSE(FutureBase::wait({running.future}, FutureState::Finished, Seconds(0.05)));
-    EXPECT_GE(elapsedSince(start), 0.04);
+    EXPECT_FALSE(FutureBase::wait({running.future}, FutureState::Finished, Seconds(0.01)));
 }
 
 TEST_F(FutureWait, ReturnsWhenOtherThreadsFinishTheWork) {
@@ -70,7 +58,7 @@ TEST_F(FutureWait, ReturnsWhenOtherThreadsFinishTheWork) {
         a.task->doNotifyFinished();
     });
     waiting.count_down();
-    EXPECT_TRUE(FutureBase::wait({a.future, b.future}, FutureState::Finished, Seconds(kForever)));
+    EXPECT_TRUE(FutureBase::wait({a.future, b.future}, FutureState::Finished, kForever));
     EXPECT_EQ(a.future->getState(), FutureState::Finished);
     EXPECT_EQ(b.future->getState(), FutureState::Finished);
     finisher.join();
@@ -83,40 +71,32 @@ TEST_F(FutureWait, RunsQueuedInterpreterWorkWhileWaiting) {
     const std::shared_ptr<iqm::Iqm> queue = iqm::Iqm::getCurrent();
     std::thread poster(
         [&] { queue->postDetached(u"parallel", [&] { f.task->doNotifyFinished(); }); });
-    EXPECT_TRUE(FutureBase::wait({f.future}, FutureState::Finished, Seconds(kForever)));
+    EXPECT_TRUE(FutureBase::wait({f.future}, FutureState::Finished, kForever));
     poster.join();
 }
 
-TEST_F(FutureWait, AUserInterruptEndsAnEndlessWaitWithinAboutASecond) {
+// Ignored, the interrupt would leave the wait to time out, raising nothing;
+// it may be requested before the wait or while it waits.
+TEST_F(FutureWait, AUserInterruptFromAnotherThreadEndsTheWait) {
     TestFuture f;
     f.running();
-    SteadyTimePoint requested;
-    std::thread interrupter([&] {
-        requested = clock::getCurrentSteadyTime();
+    std::thread([&] { interpreter->requestInterrupt(); }).join();
+    EXPECT_THROW(FutureBase::wait({f.future}, FutureState::Finished, kGenerous),
+                 foundation::core::except::IMsgIDException);
+    std::latch waiting(1);
+    std::jthread interrupter([&] {
+        waiting.wait();
         interpreter->requestInterrupt();
     });
-    interrupter.join();
+    // Runs once the wait below processes the interpreter's queue.
+    interpreter->getIqm()->postDetached(u"parallel", [&] { waiting.count_down(); });
     try {
-        FutureBase::wait({f.future}, FutureState::Finished, Seconds(kForever));
+        FutureBase::wait({f.future}, FutureState::Finished, kGenerous);
         FAIL() << "the wait ignored the interrupt";
     } catch (const foundation::core::except::IMsgIDException& interrupt) {
         EXPECT_EQ(interrupt.get_error_id(), "KORVEX:interrupted");
     }
-    EXPECT_LT(elapsedSince(requested), 5.0);
     f.task->doNotifyFinished();
-}
-
-TEST_F(FutureWait, AnInterruptFromAnotherThreadReachesAWaitInProgress) {
-    TestFuture f;
-    f.running();
-    std::promise<SteadyTimePoint> requested;
-    std::thread interrupter([&] {
-        requested.set_value(clock::getCurrentSteadyTime());
-        interpreter->requestInterrupt();
-    });
-    EXPECT_ANY_THROW(FutureBase::wait({f.future}, FutureState::Finished, Seconds(kForever)));
-    EXPECT_LT(elapsedSince(requested.get_future().get()), 5.0);
-    interrupter.join();
 }
 
 } // namespace

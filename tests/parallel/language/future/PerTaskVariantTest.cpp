@@ -44,12 +44,7 @@ TEST(PerTaskVariant, VectorsStayMultiWhateverTheirLength) {
     EXPECT_THROW(one.getAsSingle(), std::bad_variant_access);
 }
 
-TEST(PerTaskVariant, CopiesAreIndependentAndMoveOnlyValuesMove) {
-    PerTaskVariant<std::u16string> original(std::vector<std::u16string>{u"a", u"b"});
-    PerTaskVariant<std::u16string> copy = original;
-    copy[0] = u"z";
-    EXPECT_EQ(original[0], u"a");
-
+TEST(PerTaskVariant, MoveOnlyValuesMove) {
     std::vector<PropertyDvArray> arrays;
     arrays.emplace_back(matrix::to_korvex(dvCreateDoubleScalar(1.0)));
     arrays.emplace_back();

@@ -1,5 +1,5 @@
 // qz-test-label: concurrency
-#include "TestTask.hpp"
+#include "support/TestTask.hpp"
 
 #include <parallel/language/future/ScopedTaskFinishedListener.hpp>
 
@@ -16,7 +16,7 @@
 namespace parallel::language::future {
 namespace {
 
-using testing::TestTask;
+using namespace testing;
 
 struct Listener : TaskFinishedListener {
     std::atomic<int> calls{0};
@@ -37,18 +37,23 @@ void finishOneTask() {
     TestTask::make()->runToFinish();
 }
 
-TEST(ScopedTaskFinishedListener, HearsEveryFinishWhileItLives) {
+TEST(ScopedTaskFinishedListener, HearsEveryFinishWhileItLivesOncePerRegistration) {
     auto listener = std::make_shared<Listener>();
     {
         ScopedTaskFinishedListener registration(asListener(listener));
         finishOneTask();
         finishOneTask();
         EXPECT_EQ(listener->calls, 2);
+        ScopedTaskFinishedListener again(asListener(listener));
+        finishOneTask();
+        EXPECT_EQ(listener->calls, 4);
     }
     finishOneTask();
-    EXPECT_EQ(listener->calls, 2);
-    // The registry let go of its reference.
+    EXPECT_EQ(listener->calls, 4);
+    // The registry let go of its references.
     EXPECT_EQ(listener.use_count(), 1);
+    EXPECT_THROW(ScopedTaskFinishedListener(std::shared_ptr<TaskFinishedListener>()),
+                 std::invalid_argument);
 }
 
 TEST(ScopedTaskFinishedListener, ListenerRemovedDuringAPassIsStillCalledInIt) {
@@ -79,23 +84,6 @@ TEST(ScopedTaskFinishedListener, ListenerFailureReachesTheNotifyingExecutor) {
     EXPECT_THROW(task->doNotifyFinished(), std::runtime_error);
     EXPECT_EQ(task->getState(), FutureState::Finished);
     EXPECT_EQ(later->calls, 0);
-}
-
-TEST(ScopedTaskFinishedListener, RegisteringTwiceHearsTwice) {
-    auto listener = std::make_shared<Listener>();
-    {
-        ScopedTaskFinishedListener one(asListener(listener));
-        ScopedTaskFinishedListener two(asListener(listener));
-        finishOneTask();
-        EXPECT_EQ(listener->calls, 2);
-    }
-    finishOneTask();
-    EXPECT_EQ(listener->calls, 2);
-}
-
-TEST(ScopedTaskFinishedListener, RefusesANullListener) {
-    EXPECT_THROW(ScopedTaskFinishedListener(std::shared_ptr<TaskFinishedListener>()),
-                 std::invalid_argument);
 }
 
 TEST(ScopedTaskFinishedListener, ConcurrentFinishesAndRegistrationsAreAllCounted) {

@@ -1,5 +1,5 @@
 // qz-test-label: concurrency
-#include "ContinuationSupport.hpp"
+#include "support/ContinuationSupport.hpp"
 
 #include <parallel/language/future/AfterAllFuture.hpp>
 #include <parallel/language/future/TimelineRecorder.hpp>
@@ -14,7 +14,6 @@
 #include <fstream>
 #include <iterator>
 #include <latch>
-#include <limits>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -25,15 +24,9 @@
 namespace parallel::language::future {
 namespace {
 
-using testing::RecordingFunction;
-using testing::runParallelQueue;
-using testing::scalar;
-using testing::TestFuture;
-using Futures = std::vector<std::shared_ptr<FutureBase>>;
+using namespace testing;
 using Outcome = TimelineEntry::Outcome;
 using Tree = boost::property_tree::ptree;
-
-const Seconds kForever(std::numeric_limits<double>::max());
 
 const TimelineEntry& entryOfFuture(const std::vector<TimelineEntry>& entries, long long id) {
     const auto found =
@@ -127,13 +120,7 @@ TEST(TimelineRecorder, GivesATaskMadeAfterAnotherDiedAnEntryOfItsOwn) {
     EXPECT_EQ(ids.size(), 3u);
 }
 
-class TimelineOfRealWork : public testing::LanguageTest {
-protected:
-    static boost::intrusive_ptr<dvArray> function(const char* name, matrix::FunctionBody body) {
-        return boost::intrusive_ptr<dvArray>(
-            matrix::to_korvex(matrix::createFunctionHandle(name, std::move(body))), false);
-    }
-};
+using TimelineOfRealWork = LanguageTest;
 
 TEST_F(TimelineOfRealWork, NamesPoolWorkersAndTheInterpreterThatRanContinuations) {
     TimelineRecorder::nameThisThread("interpreter");
@@ -142,12 +129,12 @@ TEST_F(TimelineOfRealWork, NamesPoolWorkersAndTheInterpreterThatRanContinuations
     Futures futures;
     {
         localpool::LocalPool pool(2);
-        const auto gated = function("gated", [&gate](std::size_t, const DvArrayVector& in) {
+        const auto gated = functionHandle("gated", [&gate](std::size_t, const DvArrayVector& in) {
             gate.wait();
             return in;
         });
         const auto failing =
-            function("failing", [](std::size_t, const DvArrayVector&) -> DvArrayVector {
+            functionHandle("failing", [](std::size_t, const DvArrayVector&) -> DvArrayVector {
                 throw std::runtime_error("failing");
             });
         for (int i = 0; i < 4; ++i) {
@@ -165,7 +152,7 @@ TEST_F(TimelineOfRealWork, NamesPoolWorkersAndTheInterpreterThatRanContinuations
     while (all->getState() != FutureState::Finished) {
         runParallelQueue();
     }
-    EXPECT_EQ(testing::firstOutput(*all), 0.0) << "recording takes no outputs away";
+    EXPECT_EQ(firstOutput(*all), 0.0) << "recording takes no outputs away";
 
     const auto entries = recorder.entries();
     ASSERT_EQ(entries.size(), 7u);

@@ -45,9 +45,16 @@ inline bool runParallelQueue() {
     return iqm::Iqm::getCurrent()->processOnce({u"parallel"}, std::nullopt);
 }
 
-// The first output of `future`, whose outputs are cached, as a double.
-inline double firstOutput(FutureBase& future) {
-    return valueOf(future.getOutputs().getAsSingle().value().at(0).get());
+// The first output of entry `i` of `future`, whose outputs are cached, as a double.
+inline double firstOutput(FutureBase& future, std::size_t i = 0) {
+    return valueOf(future.getOutputs()[i].value().at(0).get());
 }
+
+// The fixture of continuation tests: an interpreter thread with the module
+// initialised, and a function to continue with that records its calls.
+class ContinuationTest : public LanguageTest {
+protected:
+    RecordingFunction function;
+};
 
 } // namespace parallel::language::future::testing

@@ -2,17 +2,56 @@
 
 // Futures over test tasks, and an interpreter for the calling thread.
 
-#include "TestTask.hpp"
+#include "support/TestTask.hpp"
 
 #include <parallel/language/future/FevalFuture.hpp>
 #include <parallel/language/future/FevalOnAllFuture.hpp>
 #include <parallel/language/future/VectorMultiTask.hpp>
 
+#include <Veldspire/KException/KExceptionEnvelope.hpp>
+#include <cmddistributor/RuntimeException.hpp>
 #include <kvm/KVM.hpp>
 
 #include <gtest/gtest.h>
 
+#include <limits>
+
 namespace parallel::language::future::testing {
+
+using Futures = std::vector<std::shared_ptr<FutureBase>>;
+using Veldspire::KException::KExceptionEnvelope;
+
+// A timeout no test reaches.
+inline const Seconds kForever(std::numeric_limits<double>::max());
+// A timeout that only a fault reaches: the test then fails instead of hanging.
+inline const Seconds kGenerous(60.0);
+
+inline SteadyTimePoint secondsFromNow(double seconds) {
+    return clock::getCurrentSteadyTime() + Seconds(seconds);
+}
+
+inline SteadyTimePoint noDeadline() {
+    return SteadyTimePoint(kForever);
+}
+
+// An error as the language sees it.
+inline KExceptionEnvelope envelopeOf(const std::exception_ptr& error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const KExceptionEnvelope& envelope) {
+        return envelope;
+    } catch (const cmddistributor::RuntimeException& e) {
+        return Veldspire::KException::CreateKException(e);
+    } catch (const foundation::core::except::IUserException& e) {
+        return KExceptionEnvelope(e, nullptr);
+    }
+}
+
+// A function handle named `name` that runs `body`.
+inline boost::intrusive_ptr<dvArray> functionHandle(const char* name, matrix::FunctionBody body) {
+    return boost::intrusive_ptr<dvArray>(
+        matrix::to_korvex(matrix::createFunctionHandle(name, std::move(body))), false);
+}
 
 inline boost::intrusive_ptr<dvArray> scalar(double value) {
     return boost::intrusive_ptr<dvArray>(matrix::to_korvex(dvCreateDoubleScalar(value)), false);

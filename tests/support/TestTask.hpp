@@ -1,14 +1,16 @@
 #pragma once
 
-// A task of a minimal executor for tests: the test drives its notifications
-// and chooses what doCancel, doGetOutputsOrError and doGetDiary do.
+// The task of a minimal executor, shared by tests and benchmarks: the caller
+// drives its notifications and chooses what doCancel, doGetOutputsOrError and
+// doGetDiary do. Any thread; `onCancel`, `result` and `diary` are set before
+// the task is shared.
 
 #include <parallel/language/future/TaskBase.hpp>
 
 #include <atomic>
 #include <functional>
-#include <limits>
 #include <memory>
+#include <optional>
 
 namespace parallel::language::future::testing {
 
@@ -20,15 +22,25 @@ public:
     using TaskBase::doNotifyQueued;
     using TaskBase::doNotifyRunning;
 
+    TestTask() = default;
+    explicit TestTask(OutputsOrError outputs) : result(std::move(outputs)) {}
+
     static std::shared_ptr<TestTask> make() { return std::make_shared<TestTask>(); }
 
-    // Pending, Queued, Running, Finished in order.
-    void runToFinish() {
+    // Notifies Pending, then each later state up to `state`.
+    void advanceTo(FutureState state) {
         doNotifyPending();
-        doNotifyQueued();
-        doNotifyRunning();
-        doNotifyFinished();
+        if (state >= FutureState::Queued) {
+            doNotifyQueued();
+        }
+        if (state >= FutureState::Running) {
+            doNotifyRunning();
+        }
+        if (state >= FutureState::Finished) {
+            doNotifyFinished();
+        }
     }
+    void runToFinish() { advanceTo(FutureState::Finished); }
 
     std::function<void()> onCancel;
     OutputsOrError result{std::optional<DvArrayVector>(DvArrayVector{})};
@@ -49,13 +61,5 @@ private:
     }
     std::u16string doGetDiary() override { return diary; }
 };
-
-inline SteadyTimePoint secondsFromNow(double seconds) {
-    return clock::getCurrentSteadyTime() + Seconds(seconds);
-}
-
-inline SteadyTimePoint noDeadline() {
-    return SteadyTimePoint(Seconds(std::numeric_limits<double>::max()));
-}
 
 } // namespace parallel::language::future::testing
