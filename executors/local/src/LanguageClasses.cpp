@@ -5,13 +5,17 @@
 
 #include "PoolErrors.hpp"
 
+#include <executor/ExecutorErrors.hpp>
 #include <parallel/language/future/FutureBase.hpp>
+
+#include <foundation/core/sync/Mutex.hpp>
 
 #include <kcos/COSClass.hpp>
 #include <kcos/Language.hpp>
 #include <kcos/array.hpp>
 
 #include <cmath>
+#include <limits>
 #include <mutex>
 #include <span>
 #include <vector>
@@ -22,8 +26,11 @@ namespace {
 
 using parallel::language::future::FutureBase;
 
-std::mutex gPoolMutex;
-std::shared_ptr<executor::Executor> gPool; // guarded by gPoolMutex
+// The largest number of outputs an unsigned int holds, as the language gives it.
+constexpr double kLargestNumOutputs = std::numeric_limits<unsigned int>::max();
+
+foundation::core::sync::Mutex gPoolMutex;
+std::shared_ptr<executor::Executor> gPool QZ_GUARDED_BY(gPoolMutex);
 
 kcos::InternedName intern(const char* name) {
     return kcos::internal::makeInterned(name);
@@ -47,7 +54,7 @@ unsigned int numOutputsArgument(const dvArray* value) {
         throw errors::InvalidNumOutputs();
     }
     const double n = dvGetDoubles(value)[0];
-    if (!(n >= 0.0) || n != std::floor(n) || n > 4294967295.0) {
+    if (!(n >= 0.0) || n != std::floor(n) || n > kLargestNumOutputs) {
         throw errors::InvalidNumOutputs();
     }
     return static_cast<unsigned int>(n);
@@ -55,7 +62,7 @@ unsigned int numOutputsArgument(const dvArray* value) {
 
 boost::intrusive_ptr<dvArray> functionArgument(const dvArray* value) {
     if (value == nullptr || dvGetClassID(value) != matrix::ClassID::FunctionHandle) {
-        throw errors::InvalidFunction();
+        throw executor::errors::InvalidFunction();
     }
     return boost::intrusive_ptr<dvArray>(matrix::to_korvex(matrix::detail::do_shared_copy(value)),
                                          false);
@@ -209,12 +216,12 @@ void registerLanguageClasses() {
 }
 
 void setLanguagePool(std::shared_ptr<executor::Executor> pool) {
-    const std::lock_guard lock(gPoolMutex);
+    const foundation::core::sync::LockGuard lock(gPoolMutex);
     gPool = std::move(pool);
 }
 
 std::shared_ptr<executor::Executor> getLanguagePool() {
-    const std::lock_guard lock(gPoolMutex);
+    const foundation::core::sync::LockGuard lock(gPoolMutex);
     return gPool;
 }
 

@@ -1,20 +1,20 @@
 #include <localpool/LocalPool.hpp>
 
 #include "PoolTask.hpp"
-#include "TaskQueue.hpp"
 
 #include <executor/FinishOnceCancelled.hpp>
 #include <executor/NotifySafely.hpp>
+#include <executor/PinnedQueue.hpp>
+#include <executor/Submission.hpp>
 #include <parallel/language/future/TimelineRecorder.hpp>
-#include <parallel/language/future/VectorMultiTask.hpp>
+
+#include <foundation/core/sync/Mutex.hpp>
 
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <mutex>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,6 +22,8 @@
 namespace localpool {
 
 namespace {
+
+using TaskQueue = executor::PinnedQueue<PoolTask>;
 
 // A task that was asked to stop before its function started is cancelled
 // instead of run. Worker thread.
@@ -43,9 +45,9 @@ public:
     explicit WorkerExits(std::size_t numWorkers) : exited_(numWorkers, false) {}
 
     // The worker's last action. Worker thread.
-    void markExited(std::size_t worker) {
+    void markExited(std::size_t worker) QZ_EXCLUDES(mutex_) {
         {
-            std::lock_guard lock(mutex_);
+            const foundation::core::sync::LockGuard lock(mutex_);
             exited_.at(worker) = true;
         }
         changed_.notify_all();
@@ -54,23 +56,31 @@ public:
     // Waits until workers 0 .. count-1, except `skipped`, have exited or
     // `deadline` passes; which of them have exited by then.
     std::vector<bool> waitForExits(std::size_t count, std::optional<std::size_t> skipped,
-                                   std::chrono::steady_clock::time_point deadline) {
-        std::unique_lock lock(mutex_);
-        changed_.wait_until(lock, deadline, [&] {
-            for (std::size_t i = 0; i < count; ++i) {
-                if (!exited_[i] && i != skipped) {
-                    return false;
-                }
+                                   std::chrono::steady_clock::time_point deadline)
+        QZ_EXCLUDES(mutex_) {
+        foundation::core::sync::UniqueLock lock(mutex_);
+        while (!allExited(count, skipped)) {
+            if (changed_.wait_until(lock.native(), deadline) == std::cv_status::timeout) {
+                break;
             }
-            return true;
-        });
+        }
         return {exited_.begin(), exited_.begin() + static_cast<std::ptrdiff_t>(count)};
     }
 
 private:
-    std::mutex mutex_;
+    bool allExited(std::size_t count, std::optional<std::size_t> skipped) const
+        QZ_REQUIRES(mutex_) {
+        for (std::size_t i = 0; i < count; ++i) {
+            if (!exited_[i] && i != skipped) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    mutable foundation::core::sync::Mutex mutex_;
     std::condition_variable changed_;
-    std::vector<bool> exited_; // guarded by mutex_
+    std::vector<bool> exited_ QZ_GUARDED_BY(mutex_);
 };
 
 // Worker thread. Holds only shared state, so it may outlive the pool.
@@ -80,7 +90,7 @@ void workerLoop(const std::shared_ptr<TaskQueue>& queue, const std::shared_ptr<W
                                                                  std::to_string(worker + 1));
     while (const auto task = queue->takeNext(worker)) {
         execute(*task);
-        queue->markDone(*task);
+        queue->release(worker);
     }
     exits->markExited(worker);
 }
@@ -92,17 +102,15 @@ std::size_t resolveNumWorkers(std::size_t requested) noexcept {
     return std::max(1u, std::thread::hardware_concurrency());
 }
 
-void checkFunction(const boost::intrusive_ptr<dvArray>& function) {
-    if (!function || dvGetClassID(function.get()) != matrix::ClassID::FunctionHandle) {
-        throw std::invalid_argument("The function to evaluate must be a function handle.");
-    }
-}
-
 // Longer grace periods are cut to this, which keeps the deadline representable.
 constexpr std::chrono::milliseconds kLongestGrace = std::chrono::hours(24 * 365);
 
-[[noreturn]] void refuseWork() {
-    throw std::logic_error("The pool is shutting down and takes no more work.");
+// Makes the tasks of submissions, for any worker or pinned to one.
+auto taskMaker(const std::shared_ptr<TaskQueue>& queue) {
+    return [queue](const boost::intrusive_ptr<dvArray>& function, unsigned int numOutputs,
+                   const DvArrayVector& inputs, std::optional<std::size_t> worker) {
+        return std::make_shared<PoolTask>(function, numOutputs, inputs, queue, worker);
+    };
 }
 
 } // namespace
@@ -142,7 +150,7 @@ struct LocalPool::Impl {
             abandoned = abandoned || (!exited[i] && i != self);
         }
         if (abandoned) {
-            for (const auto& task : queue->running()) {
+            for (const auto& task : queue->tasksInHand()) {
                 // No effect on a task that has just finished. A worker left
                 // behind notifies Finished again when its function returns.
                 executor::cancelUnrun(*task);
@@ -183,52 +191,16 @@ std::size_t LocalPool::getNumWorkers() const noexcept {
 std::shared_ptr<FevalFuture> LocalPool::submit(boost::intrusive_ptr<dvArray> function,
                                                unsigned int numOutputs, DvArrayVector inputs,
                                                kcos::COSInterface* parent) {
-    checkFunction(function);
-    auto task = std::make_shared<PoolTask>(function, numOutputs, inputs, impl_->queue);
-    auto future = std::make_shared<FevalFuture>(parent, std::move(function), numOutputs,
-                                                std::move(inputs), task);
-    // Queued before a worker can see the task, so Running never precedes it.
-    task->markPending();
-    task->markQueued();
-    if (!impl_->queue->push(task)) {
-        task->cancel();
-        refuseWork();
-    }
-    return future;
+    return executor::submitTo(*impl_->queue, std::move(function), numOutputs, std::move(inputs),
+                              parent, taskMaker(impl_->queue));
 }
 
 std::shared_ptr<FevalOnAllFuture> LocalPool::submitOnAll(boost::intrusive_ptr<dvArray> function,
                                                          unsigned int numOutputs,
                                                          DvArrayVector inputs,
                                                          kcos::COSInterface* parent) {
-    checkFunction(function);
-    const std::size_t count = impl_->queue->getNumWorkers();
-    std::vector<std::shared_ptr<PoolTask>> tasks;
-    tasks.reserve(count);
-    for (std::size_t i = 0; i < count; ++i) {
-        tasks.push_back(std::make_shared<PoolTask>(function, numOutputs, inputs, impl_->queue, i));
-    }
-    auto multiTask = std::make_shared<parallel::language::future::VectorMultiTask>(
-        std::vector<std::shared_ptr<parallel::language::future::TaskBase>>(tasks.begin(),
-                                                                           tasks.end()));
-    auto future = std::make_shared<FevalOnAllFuture>(parent, std::move(function), numOutputs,
-                                                     std::move(inputs), std::move(multiTask));
-    // Every task is queued before any worker can see one: a task still
-    // without a notification (Unavailable) would make the whole future
-    // Unavailable while another one runs.
-    for (const auto& task : tasks) {
-        task->markPending();
-    }
-    for (const auto& task : tasks) {
-        task->markQueued();
-    }
-    if (!impl_->queue->pushPinned(tasks)) {
-        for (const auto& task : tasks) {
-            task->cancel();
-        }
-        refuseWork();
-    }
-    return future;
+    return executor::submitOnAllTo(*impl_->queue, std::move(function), numOutputs,
+                                   std::move(inputs), parent, taskMaker(impl_->queue));
 }
 
 } // namespace localpool

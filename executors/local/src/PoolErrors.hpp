@@ -7,8 +7,6 @@
 namespace KORVEX::localpool {
 // No pool is open for the language (setLanguagePool).
 QZHOST_ERROR_TAG("KORVEX:localpool", NoPool)
-// The first argument is not a function handle.
-QZHOST_ERROR_TAG("KORVEX:localpool", InvalidFunction)
 // The number of outputs is not a whole, non-negative double scalar.
 QZHOST_ERROR_TAG("KORVEX:localpool", InvalidNumOutputs)
 // An argument is missing or of the wrong kind.
@@ -17,7 +15,6 @@ QZHOST_ERROR_TAG("KORVEX:localpool", InvalidArgument)
 
 namespace localpool::errors {
 using NoPool = foundation::core::except::Exception<::KORVEX::localpool::NoPool>;
-using InvalidFunction = foundation::core::except::Exception<::KORVEX::localpool::InvalidFunction>;
 using InvalidNumOutputs =
     foundation::core::except::Exception<::KORVEX::localpool::InvalidNumOutputs>;
 using InvalidArgument = foundation::core::except::Exception<::KORVEX::localpool::InvalidArgument>;

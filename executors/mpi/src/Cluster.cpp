@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <iostream>
-#include <stdexcept>
 
 namespace mpipool {
 
@@ -19,7 +18,7 @@ std::atomic<bool> gClusterMade{false};
 } // namespace
 
 std::shared_ptr<ClientLink> Cluster::Impl::openLink(std::size_t numWorkers) {
-    const std::lock_guard lock(linkMutex);
+    const foundation::core::sync::LockGuard lock(linkMutex);
     if (const auto open = link.lock(); open && !open->isFinished()) {
         throw errors::PoolAlreadyOpen();
     }
@@ -47,7 +46,7 @@ Cluster::~Cluster() {
     if (isClient()) {
         std::shared_ptr<ClientLink> open;
         {
-            const std::lock_guard lock(impl_->linkMutex);
+            const foundation::core::sync::LockGuard lock(impl_->linkMutex);
             open = impl_->link.lock();
         }
         if (open) {
@@ -80,7 +79,7 @@ int Cluster::getSize() const noexcept {
 
 int Cluster::serve() {
     if (isClient()) {
-        throw std::logic_error("The client process (rank 0) opens pools; it does not serve.");
+        throw errors::ServeOnClient();
     }
     try {
         WorkerLoop(impl_->comm).run();

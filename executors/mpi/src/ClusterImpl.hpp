@@ -9,8 +9,9 @@
 #include <boost/mpi/communicator.hpp>
 #include <boost/mpi/environment.hpp>
 
+#include <foundation/core/sync/Mutex.hpp>
+
 #include <memory>
-#include <mutex>
 
 namespace mpipool {
 
@@ -20,12 +21,12 @@ struct Cluster::Impl {
     // with the program's own.
     boost::mpi::communicator comm;
 
-    std::mutex linkMutex;           // guards link
-    std::weak_ptr<ClientLink> link; // the open pool's, rank 0
+    foundation::core::sync::Mutex linkMutex;
+    std::weak_ptr<ClientLink> link QZ_GUARDED_BY(linkMutex); // the open pool's, rank 0
 
     // Starts the link of a new pool over ranks 1 to numWorkers. Throws
     // PoolAlreadyOpen while the last pool's link has not finished. Rank 0.
-    std::shared_ptr<ClientLink> openLink(std::size_t numWorkers);
+    std::shared_ptr<ClientLink> openLink(std::size_t numWorkers) QZ_EXCLUDES(linkMutex);
 };
 
 } // namespace mpipool

@@ -3,35 +3,23 @@
 #include <mpipool/FunctionRegistry.hpp>
 #include <mpipool/MpiPool.hpp>
 
-#include <executor/StopRequest.hpp>
-#include <kvm/KVM.hpp>
+#include <executor/WorkerTask.hpp>
 
 namespace mpipool {
 
-namespace {} // namespace
-
 protocol::Bytes evaluate(const codec::TaskMessage& task, const std::atomic<bool>& stop) noexcept {
     using parallel::language::future::OutputsOrError;
-    std::u16string diary;
-    OutputsOrError result{std::optional<codec::DvArrayVector>()};
-    codec::Outcome outcome = codec::Outcome::Outputs;
-    {
-        const executor::StopFlagScope stopFlag(stop);
-        const kvm::DiarySink sink(diary);
-        try {
-            if (task.inputError) {
-                std::rethrow_exception(task.inputError);
-            }
-            const boost::intrusive_ptr<dvArray> function = functionHandle(task.function);
-            result = OutputsOrError(std::optional<codec::DvArrayVector>(
-                dvInvokeFunctionHandle(function.get(), task.numOutputs, task.inputs)));
-        } catch (...) {
-            outcome = codec::Outcome::Error;
-            result = OutputsOrError(std::current_exception());
+    executor::Evaluated evaluated = executor::evaluateCapturing(stop, [&] {
+        if (task.inputError) {
+            std::rethrow_exception(task.inputError);
         }
-    }
+        const boost::intrusive_ptr<dvArray> function = functionHandle(task.function);
+        return dvInvokeFunctionHandle(function.get(), task.numOutputs, task.inputs);
+    });
+    const codec::Outcome outcome =
+        evaluated.result.hasError() ? codec::Outcome::Error : codec::Outcome::Outputs;
     try {
-        return codec::encodeResult(task.id, outcome, result, diary);
+        return codec::encodeResult(task.id, outcome, evaluated.result, evaluated.diary);
     } catch (...) {
         // Out of memory while encoding: report that instead.
         return codec::encodeResult(task.id, codec::Outcome::Error,

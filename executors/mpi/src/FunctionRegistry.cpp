@@ -3,24 +3,24 @@
 #include "MpiErrors.hpp"
 
 #include <foundation/core/str/Utf.hpp>
+#include <foundation/core/sync/Mutex.hpp>
 
 #include <map>
-#include <shared_mutex>
 
 namespace mpipool {
 
 namespace {
 
 // Handles by name: each registered function is one handle array, handed out
-// as shared copies. Guarded by registryMutex().
-std::map<std::string, boost::intrusive_ptr<dvArray>, std::less<>>& registry() {
-    static std::map<std::string, boost::intrusive_ptr<dvArray>, std::less<>> handles;
-    return handles;
-}
+// as shared copies.
+struct Registry {
+    foundation::core::sync::Mutex mutex;
+    std::map<std::string, boost::intrusive_ptr<dvArray>, std::less<>> handles QZ_GUARDED_BY(mutex);
+};
 
-std::shared_mutex& registryMutex() {
-    static std::shared_mutex mutex;
-    return mutex;
+Registry& registry() {
+    static Registry instance;
+    return instance;
 }
 
 std::u16string utf16(std::string_view text) {
@@ -32,24 +32,27 @@ std::u16string utf16(std::string_view text) {
 void registerFunction(std::string name, matrix::FunctionBody body) {
     boost::intrusive_ptr<dvArray> handle(
         matrix::to_korvex(matrix::createFunctionHandle(name, std::move(body))), false);
-    const std::unique_lock lock(registryMutex());
-    if (!registry().try_emplace(name, std::move(handle)).second) {
+    Registry& functions = registry();
+    const foundation::core::sync::LockGuard lock(functions.mutex);
+    if (!functions.handles.try_emplace(name, std::move(handle)).second) {
         throw errors::DuplicateFunction(utf16(name));
     }
 }
 
 boost::intrusive_ptr<dvArray> functionHandle(std::string_view name) {
-    const std::shared_lock lock(registryMutex());
-    const auto found = registry().find(name);
-    if (found == registry().end()) {
+    Registry& functions = registry();
+    const foundation::core::sync::LockGuard lock(functions.mutex);
+    const auto found = functions.handles.find(name);
+    if (found == functions.handles.end()) {
         throw errors::UnregisteredFunction(utf16(name));
     }
     return {matrix::to_korvex(matrix::detail::do_shared_copy(found->second.get())), false};
 }
 
 bool isRegistered(std::string_view name) {
-    const std::shared_lock lock(registryMutex());
-    return registry().contains(name);
+    Registry& functions = registry();
+    const foundation::core::sync::LockGuard lock(functions.mutex);
+    return functions.handles.contains(name);
 }
 
 } // namespace mpipool

@@ -11,21 +11,19 @@ QZHOST_ERROR_TAG("KORVEX:mpipool", UnregisteredFunction)
 QZHOST_ERROR_TAG("KORVEX:mpipool", DuplicateFunction)
 // An array of a class that cannot cross processes (argument: the class name).
 QZHOST_ERROR_TAG("KORVEX:mpipool", UnsupportedArray)
-// The function to evaluate is not a function handle.
-QZHOST_ERROR_TAG("KORVEX:mpipool", InvalidFunction)
 // A pool asked for 0 workers, or more than the cluster has (arguments: the
 // number asked for, the number of worker processes).
 QZHOST_ERROR_TAG("KORVEX:mpipool", InvalidNumWorkers)
 // The job has no worker processes.
 QZHOST_ERROR_TAG("KORVEX:mpipool", NoWorkers)
-// Work submitted to a pool that is shut down.
-QZHOST_ERROR_TAG("KORVEX:mpipool", PoolShutDown)
 // A second pool opened while one is open.
 QZHOST_ERROR_TAG("KORVEX:mpipool", PoolAlreadyOpen)
 // A pool opened on a worker process.
 QZHOST_ERROR_TAG("KORVEX:mpipool", NotClient)
 // A second cluster made in one process.
 QZHOST_ERROR_TAG("KORVEX:mpipool", ClusterExists)
+// serve() called on the client process (rank 0).
+QZHOST_ERROR_TAG("KORVEX:mpipool", ServeOnClient)
 // A message from another process could not be read (argument: the reason).
 QZHOST_ERROR_TAG("KORVEX:mpipool", UnreadableMessage)
 } // namespace KORVEX::mpipool
@@ -36,12 +34,11 @@ using Error = foundation::core::except::Exception<Tag>;
 using UnregisteredFunction = Error<::KORVEX::mpipool::UnregisteredFunction>;
 using DuplicateFunction = Error<::KORVEX::mpipool::DuplicateFunction>;
 using UnsupportedArray = Error<::KORVEX::mpipool::UnsupportedArray>;
-using InvalidFunction = Error<::KORVEX::mpipool::InvalidFunction>;
 using InvalidNumWorkers = Error<::KORVEX::mpipool::InvalidNumWorkers>;
 using NoWorkers = Error<::KORVEX::mpipool::NoWorkers>;
-using PoolShutDown = Error<::KORVEX::mpipool::PoolShutDown>;
 using PoolAlreadyOpen = Error<::KORVEX::mpipool::PoolAlreadyOpen>;
 using NotClient = Error<::KORVEX::mpipool::NotClient>;
 using ClusterExists = Error<::KORVEX::mpipool::ClusterExists>;
+using ServeOnClient = Error<::KORVEX::mpipool::ServeOnClient>;
 using UnreadableMessage = Error<::KORVEX::mpipool::UnreadableMessage>;
 } // namespace mpipool::errors

@@ -3,7 +3,7 @@
 #include "ClusterImpl.hpp"
 #include "MpiErrors.hpp"
 
-#include <parallel/language/future/VectorMultiTask.hpp>
+#include <executor/Submission.hpp>
 
 #include <atomic>
 #include <cstdint>
@@ -15,12 +15,6 @@ namespace {
 // Task ids are unique for the life of the process, across pools, so that a
 // stale stop request can never name a later task.
 std::atomic<codec::TaskId> gNextTaskId{1};
-
-void checkFunction(const boost::intrusive_ptr<dvArray>& function) {
-    if (!function || dvGetClassID(function.get()) != matrix::ClassID::FunctionHandle) {
-        throw errors::InvalidFunction();
-    }
-}
 
 std::size_t checkedNumWorkers(const Cluster& cluster, std::optional<std::size_t> requested) {
     if (!cluster.isClient()) {
@@ -43,13 +37,16 @@ struct MpiPool::Impl {
     std::size_t numWorkers = 0;
     std::shared_ptr<ClientLink> link;
 
-    std::shared_ptr<ClusterTask> makeTask(const boost::intrusive_ptr<dvArray>& function,
-                                          unsigned int numOutputs, const DvArrayVector& inputs,
-                                          std::optional<std::size_t> worker = std::nullopt) {
-        const codec::TaskId id = gNextTaskId++;
-        return std::make_shared<ClusterTask>(
-            id, codec::encodeTask(id, function.get(), numOutputs, inputs), link->getWorkList(),
-            worker);
+    // Makes the tasks of submissions: encoded at once, so that what cannot
+    // be sent is refused before the future is made.
+    auto taskMaker() const {
+        return [work = link->getWorkList()](const boost::intrusive_ptr<dvArray>& function,
+                                            unsigned int numOutputs, const DvArrayVector& inputs,
+                                            std::optional<std::size_t> worker) {
+            const codec::TaskId id = gNextTaskId++;
+            return std::make_shared<ClusterTask>(
+                id, codec::encodeTask(id, function.get(), numOutputs, inputs), work, worker);
+        };
     }
 };
 
@@ -75,50 +72,16 @@ std::size_t MpiPool::getNumWorkers() const noexcept {
 std::shared_ptr<FevalFuture> MpiPool::submit(boost::intrusive_ptr<dvArray> function,
                                              unsigned int numOutputs, DvArrayVector inputs,
                                              kcos::COSInterface* parent) {
-    checkFunction(function);
-    auto task = impl_->makeTask(function, numOutputs, inputs);
-    auto future = std::make_shared<FevalFuture>(parent, std::move(function), numOutputs,
-                                                std::move(inputs), task);
-    // Queued before the link thread can see the task, so Running never precedes it.
-    task->markPending();
-    task->markQueued();
-    if (!impl_->link->getWorkList()->push(task)) {
-        task->cancel();
-        throw errors::PoolShutDown();
-    }
-    return future;
+    return executor::submitTo(*impl_->link->getWorkList(), std::move(function), numOutputs,
+                              std::move(inputs), parent, impl_->taskMaker());
 }
 
 std::shared_ptr<FevalOnAllFuture> MpiPool::submitOnAll(boost::intrusive_ptr<dvArray> function,
                                                        unsigned int numOutputs,
                                                        DvArrayVector inputs,
                                                        kcos::COSInterface* parent) {
-    checkFunction(function);
-    std::vector<std::shared_ptr<ClusterTask>> tasks;
-    for (std::size_t i = 0; i < impl_->numWorkers; ++i) {
-        tasks.push_back(impl_->makeTask(function, numOutputs, inputs, i));
-    }
-    auto multiTask = std::make_shared<parallel::language::future::VectorMultiTask>(
-        std::vector<std::shared_ptr<parallel::language::future::TaskBase>>(tasks.begin(),
-                                                                           tasks.end()));
-    auto future = std::make_shared<FevalOnAllFuture>(parent, std::move(function), numOutputs,
-                                                     std::move(inputs), std::move(multiTask));
-    // Every task is queued before any is sent: a task still without a
-    // notification (Unavailable) would make the whole future Unavailable.
-    for (const auto& task : tasks) {
-        task->markPending();
-    }
-    for (const auto& task : tasks) {
-        task->markQueued();
-    }
-    if (!impl_->link->getWorkList()->pushPinned(
-            std::vector<WorkList::TaskPtr>(tasks.begin(), tasks.end()))) {
-        for (const auto& task : tasks) {
-            task->cancel();
-        }
-        throw errors::PoolShutDown();
-    }
-    return future;
+    return executor::submitOnAllTo(*impl_->link->getWorkList(), std::move(function), numOutputs,
+                                   std::move(inputs), parent, impl_->taskMaker());
 }
 
 } // namespace mpipool

@@ -13,6 +13,7 @@
 //
 // One pacer per polling thread; not shared.
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -33,14 +34,11 @@ public:
         sleep_ = kFirstSleep;
     }
 
-    // Returns when `hasNews` holds, or when the next poll is due. `lock`
-    // holds the mutex of `news`, and is held again on return.
-    template <class Predicate>
-    void pause(std::unique_lock<std::mutex>& lock, std::condition_variable& news,
-               Predicate hasNews) {
-        if (hasNews()) {
-            return;
-        }
+    // Returns when the next poll is due, or at once on news: a notification
+    // of `news` (or a spurious wake-up; the caller looks for news again
+    // either way). `lock` holds the mutex of `news`, and is held again on
+    // return.
+    void pause(std::unique_lock<std::mutex>& lock, std::condition_variable& news) {
         if (Clock::now() - lastActivity_ < kSpinWindow) {
             if (++polls_ % kPollsPerYield == 0) {
                 lock.unlock();
@@ -49,7 +47,7 @@ public:
             }
             return;
         }
-        news.wait_for(lock, sleep_, hasNews);
+        news.wait_for(lock, sleep_);
         sleep_ = std::min(sleep_ * 2, kLongestSleep);
     }
 

@@ -15,12 +15,13 @@
 #include "Codec.hpp"
 #include "PollPacer.hpp"
 
+#include <foundation/core/sync/Mutex.hpp>
+
 #include <boost/mpi/communicator.hpp>
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <mutex>
 #include <thread>
 
 namespace mpipool {
@@ -35,28 +36,28 @@ class StopWatcher {
 public:
     static constexpr std::chrono::microseconds kPollInterval{1000};
 
-    StopWatcher(const boost::mpi::communicator& comm, std::mutex& mpiMutex);
+    StopWatcher(const boost::mpi::communicator& comm, foundation::core::sync::Mutex& mpiMutex);
     ~StopWatcher();
     StopWatcher(const StopWatcher&) = delete;
     StopWatcher& operator=(const StopWatcher&) = delete;
 
     // Clears the stop flag and watches for requests naming `id`. Main thread.
-    void watch(codec::TaskId id);
-    void unwatch();
+    void watch(codec::TaskId id) QZ_EXCLUDES(mutex_);
+    void unwatch() QZ_EXCLUDES(mutex_);
     const std::atomic<bool>& stopFlag() const noexcept { return stop_; }
 
 private:
-    void loop() noexcept;
+    void loop() noexcept QZ_EXCLUDES(mutex_);
     // One poll for a stop request. Watcher thread.
-    void pollOnce();
+    void pollOnce() QZ_EXCLUDES(mutex_, mpiMutex_);
 
     const boost::mpi::communicator& comm_;
-    std::mutex& mpiMutex_;
-    std::mutex mutex_; // guards watched_ and quit_
+    foundation::core::sync::Mutex& mpiMutex_;
+    foundation::core::sync::Mutex mutex_;
     std::condition_variable quitNews_;
     std::atomic<bool> watching_{false};
-    codec::TaskId watched_ = 0;
-    bool quit_ = false;
+    codec::TaskId watched_ QZ_GUARDED_BY(mutex_) = 0;
+    bool quit_ QZ_GUARDED_BY(mutex_) = false;
     std::atomic<bool> stop_{false};
     std::thread thread_;
 };
@@ -66,14 +67,11 @@ public:
     explicit WorkerLoop(const boost::mpi::communicator& comm);
 
     // Serves until the client ends the cluster.
-    void run();
+    void run() QZ_EXCLUDES(mpiMutex_);
 
 private:
-    // Runs one evaluation; `mpi` (the MPI mutex) is released meanwhile.
-    void runTask(const protocol::Bytes& bytes, std::unique_lock<std::mutex>& mpi);
-
     const boost::mpi::communicator& comm_;
-    std::mutex mpiMutex_;
+    foundation::core::sync::Mutex mpiMutex_;
     std::condition_variable noNews_; // nothing local wakes the main thread: MPI is polled
     StopWatcher watcher_;
 };

@@ -1,9 +1,6 @@
 // qz-test-label: concurrency
 #include <localpool/LocalPool.hpp>
 
-#include <parallel/language/future/FetchNextState.hpp>
-#include <parallel/language/future/FutureErrors.hpp>
-
 #include <Veldspire/KException/KExceptionEnvelope.hpp>
 #include <foundation/core/except/Exception.hpp>
 #include <foundation/core/str/Utf.hpp>
@@ -14,7 +11,6 @@
 #include <algorithm>
 #include <atomic>
 #include <functional>
-#include <future>
 #include <latch>
 #include <map>
 #include <mutex>
@@ -79,23 +75,6 @@ std::vector<std::string> taskErrorsOf(const OnAllPtr& f) {
     return ids;
 }
 
-// Holds the functions that wait on it until opened; opens when destroyed, so
-// that a failing test still lets the workers go. Functions keep their own
-// waiter, which stays valid after the gate is gone.
-class Gate {
-public:
-    ~Gate() { open(); }
-    void open() {
-        std::call_once(opened_, [this] { promise_.set_value(); });
-    }
-    std::shared_future<void> waiter() const { return future_; }
-
-private:
-    std::promise<void> promise_;
-    std::shared_future<void> future_ = promise_.get_future().share();
-    std::once_flag opened_;
-};
-
 // Counts `started` down, then waits until the task is asked to stop.
 double untilStopped(std::latch& started) {
     started.count_down();
@@ -105,20 +84,9 @@ double untilStopped(std::latch& started) {
     return 1;
 }
 
-// An interpreter on the test's thread (waits and fetches need one), a pool of
-// four workers and a gate, destroyed first so that the pool's workers are
-// free to be joined.
-class LocalPoolOnAll : public ::testing::Test {
-protected:
-    std::shared_ptr<kvm::KVM> interpreter = kvm::KVM::create();
-    LocalPool pool{4};
-    Gate gate;
-};
-
-TEST_F(LocalPoolOnAll, RunsTaskIOnWorkerIWithItsOwnOutputAndDiary) {
-    EXPECT_THROW(pool.submitOnAll(nullptr, 1, {}), std::invalid_argument);
-    EXPECT_THROW(pool.submitOnAll(scalar(1), 1, {}), std::invalid_argument);
-
+TEST(LocalPoolOnAll, RunsTaskIOnWorkerIWithItsOwnOutputAndDiary) {
+    const auto interpreter = kvm::KVM::create(); // fetchOutputs needs one
+    LocalPool pool(4);
     std::mutex mutex;
     std::map<double, std::thread::id> threadOf; // by output
     std::atomic<int> tickets{0};
@@ -171,128 +139,49 @@ TEST_F(LocalPoolOnAll, RunsTaskIOnWorkerIWithItsOwnOutputAndDiary) {
     EXPECT_EQ(workers.size(), 4u);
 }
 
-TEST_F(LocalPoolOnAll, StandsAloneInFetchOutputsAndIsRefusedByFetchNext) {
-    const auto gated = function([waiter = gate.waiter()](double) {
-        waiter.wait();
-        return 1;
-    });
-    const OnAllPtr a = pool.submitOnAll(gated, 1, {});
-    const OnAllPtr b = pool.submitOnAll(gated, 1, {});
-    const auto single = pool.submit(gated, 1, {});
-
-    EXPECT_THROW(FutureBase::fetchOutputs({a, b}, true, 1),
-                 future::errors::FetchOutputsScalarFevalOnAll);
-    EXPECT_THROW(FutureBase::fetchOutputs({single, a}, false, 1),
-                 future::errors::FetchOutputsScalarFevalOnAll);
-    for (const std::shared_ptr<FutureBase> f : {a, b}) {
-        EXPECT_FALSE(f->getRead());
-        EXPECT_NE(f->getState(), FutureState::Finished); // refused without waiting
-    }
-    EXPECT_FALSE(single->getRead());
-
-    const auto [state, index, outputs] = FutureBase::fetchNext({a}, 1, Seconds(0));
-    EXPECT_EQ(state, future::FetchNextState::UnsupportedFutureType);
-    EXPECT_EQ(index, 0u);
-    EXPECT_TRUE(outputs.empty());
-    EXPECT_FALSE(a->getRead());
-
-    gate.open();
-    for (const std::shared_ptr<FutureBase> f : {a, b}) {
-        EXPECT_EQ(valuesOf(FutureBase::fetchOutputs({f}, true, 1)[0].get()),
-                  (std::vector<double>{1, 1, 1, 1}));
-    }
-}
-
-TEST_F(LocalPoolOnAll, StateFoldsFromQueuedThroughRunningToFinished) {
-    std::latch blocking(4);
-    const OnAllPtr blocker = pool.submitOnAll(function([&, waiter = gate.waiter()](double) {
-                                                  blocking.count_down();
-                                                  waiter.wait();
-                                                  return 0;
-                                              }),
-                                              1, {});
-    blocking.wait();
-
-    Gate held;
-    std::atomic<int> tickets{0};
-    std::latch arrived(4);
-    const OnAllPtr f = pool.submitOnAll(function([&, waiter = held.waiter()](double) {
-                                            const bool hold = tickets++ == 0;
-                                            arrived.count_down();
-                                            if (hold) {
-                                                waiter.wait();
-                                            }
-                                            return 1;
-                                        }),
-                                        1, {});
-    EXPECT_EQ(blocker->getState(), FutureState::Running);
-    EXPECT_EQ(f->getState(), FutureState::Queued); // every worker is busy
-    EXPECT_EQ(f->getStartTime().time_since_epoch().count(), 0.0);
-
-    gate.open();
-    EXPECT_TRUE(FutureBase::wait({f}, FutureState::Running, kPatience));
-    arrived.wait();
-    EXPECT_EQ(f->getState(), FutureState::Running); // one task is held
-    EXPECT_EQ(f->getFinishTime().time_since_epoch().count(), 0.0);
-
-    held.open();
-    EXPECT_TRUE(FutureBase::wait({f}, FutureState::Finished, kPatience));
-    EXPECT_EQ(f->getState(), FutureState::Finished);
-    EXPECT_GT(f->getStartTime().time_since_epoch().count(), 0.0);
-    EXPECT_LE(f->getStartTime(), f->getFinishTime());
-}
-
-TEST_F(LocalPoolOnAll, CancelStopsEveryRunningTaskAndUnqueuesPinnedOnes) {
-    std::latch started(4);
-    const OnAllPtr running =
-        pool.submitOnAll(function([&](double) { return untilStopped(started); }), 1, {});
-    OnAllPtr queued = pool.submitOnAll(function([](double) {
-                                           ADD_FAILURE() << "cancelled work ran";
-                                           return 0;
-                                       }),
-                                       1, {});
-    started.wait();
-    EXPECT_EQ(running->getState(), FutureState::Running);
-    EXPECT_EQ(queued->getState(), FutureState::Queued);
-
-    queued->cancel();
-    EXPECT_EQ(queued->getState(), FutureState::Finished);
-    EXPECT_EQ(taskErrorsOf(queued), std::vector<std::string>(4, kCancelled));
-    // Every worker is still busy, so only a pinned queue could still hold
-    // the cancelled tasks: once the future is gone, nothing may.
-    std::vector<std::weak_ptr<future::TaskBase>> queuedTasks;
-    for (unsigned long long i = 0; i < 4; ++i) {
-        queuedTasks.push_back(queued->getMultiTask()->getTask(i));
-    }
-    queued.reset();
-    for (const auto& task : queuedTasks) {
-        EXPECT_TRUE(task.expired());
-    }
-
-    running->cancel();
-    EXPECT_TRUE(FutureBase::wait({running}, FutureState::Finished, kPatience));
-    EXPECT_EQ(taskErrorsOf(running), std::vector<std::string>(4, kCancelled));
-}
-
-TEST(LocalPoolOnAllShutdown, CancelsPinnedQueuedWorkAndStopsRunningWork) {
+// A cancel, or the pool's shutdown, takes pinned tasks out of their queues
+// and stops the running ones.
+TEST(LocalPoolOnAllEnd, CancelAndShutdownUnqueuePinnedTasksAndStopRunningOnes) {
     const auto interpreter = kvm::KVM::create();
-    std::latch started(4);
-    OnAllPtr running, queued;
-    {
-        LocalPool pool(4);
-        running = pool.submitOnAll(function([&](double) { return untilStopped(started); }), 1, {});
-        queued = pool.submitOnAll(function([](double) {
-                                      ADD_FAILURE() << "cancelled work ran";
-                                      return 0;
-                                  }),
-                                  1, {});
-        started.wait();
+    for (bool shutdown : {false, true}) {
+        std::latch started(4);
+        OnAllPtr running, queued;
+        {
+            LocalPool pool(4);
+            running =
+                pool.submitOnAll(function([&](double) { return untilStopped(started); }), 1, {});
+            queued = pool.submitOnAll(function([](double) {
+                                          ADD_FAILURE() << "cancelled work ran";
+                                          return 0;
+                                      }),
+                                      1, {});
+            started.wait();
+            EXPECT_EQ(running->getState(), FutureState::Running);
+            EXPECT_EQ(queued->getState(), FutureState::Queued); // every worker is busy
+            if (!shutdown) {
+                queued->cancel();
+                EXPECT_EQ(taskErrorsOf(queued), std::vector<std::string>(4, kCancelled));
+                // Every worker is still busy, so only a pinned queue could still
+                // hold the cancelled tasks: once the future is gone, nothing may.
+                std::vector<std::weak_ptr<future::TaskBase>> queuedTasks;
+                for (unsigned long long i = 0; i < 4; ++i) {
+                    queuedTasks.push_back(queued->getMultiTask()->getTask(i));
+                }
+                queued.reset();
+                for (const auto& task : queuedTasks) {
+                    EXPECT_TRUE(task.expired());
+                }
+                running->cancel();
+                EXPECT_TRUE(FutureBase::wait({running}, FutureState::Finished, kPatience));
+            }
+        }
+        if (shutdown) {
+            EXPECT_EQ(queued->getState(), FutureState::Finished);
+            EXPECT_EQ(taskErrorsOf(queued), std::vector<std::string>(4, kCancelled));
+        }
+        // Asked to stop by the shutdown, the running functions return normally.
+        EXPECT_EQ(taskErrorsOf(running), std::vector<std::string>(4, shutdown ? "" : kCancelled));
     }
-    EXPECT_EQ(queued->getState(), FutureState::Finished);
-    EXPECT_EQ(taskErrorsOf(queued), std::vector<std::string>(4, kCancelled));
-    // Asked to stop by the shutdown, the running functions return normally.
-    EXPECT_EQ(running->getState(), FutureState::Finished);
-    EXPECT_EQ(taskErrorsOf(running), std::vector<std::string>(4, ""));
 }
 
 } // namespace

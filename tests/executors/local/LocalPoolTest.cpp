@@ -1,6 +1,7 @@
 // qz-test-label: concurrency
 #include <localpool/LocalPool.hpp>
 
+#include <executor/ExecutorErrors.hpp>
 #include <parallel/language/future/ScopedTaskFinishedListener.hpp>
 
 #include <foundation/core/except/Exception.hpp>
@@ -99,10 +100,11 @@ TEST(LocalPool, RunsOnItsOwnInputsAndKeepsOutputsTimesAndDiary) {
 TEST(LocalPool, ErrorsBecomeTheTaskErrorAndWorkersSurviveFailingNotifications) {
     future::ScopedTaskFinishedListener listener(std::make_shared<ThrowingListener>());
     LocalPool pool(1);
-    EXPECT_THROW(pool.submit(nullptr, 0, {}), std::invalid_argument);
-    EXPECT_THROW(pool.submit(scalar(1), 0, {}), std::invalid_argument);
-    // Refused before a worker sizes anything by the count.
+    // Refused by typed errors, and before a worker sizes anything by the count.
+    using InvalidFunction = foundation::core::except::Exception<KORVEX::executor::InvalidFunction>;
     using TooManyOutputs = foundation::core::except::Exception<KORVEX::maxlhs>;
+    EXPECT_THROW(pool.submit(scalar(1), 0, {}), InvalidFunction);
+    EXPECT_THROW(pool.submitOnAll(nullptr, 0, {}), InvalidFunction);
     EXPECT_THROW(pool.submit(plusOne(), 4294967295u, {}), TooManyOutputs);
     EXPECT_THROW(pool.submitOnAll(plusOne(), kcos::kMaxNumOutputs + 1, {}), TooManyOutputs);
     auto throwing = pool.submit(plusOne([] { throw std::runtime_error("boom"); }), 1, {});

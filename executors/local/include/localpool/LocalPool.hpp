@@ -52,9 +52,9 @@ public:
     // the inputs; what the function prints goes into the task's diary; an
     // error of the function becomes the task's error. Throws the host's
     // maxlhs error for more than kcos::kMaxNumOutputs outputs (before
-    // anything is sized by the count), std::invalid_argument for a null or
-    // non-function `function` and std::logic_error once the pool is shutting
-    // down. Any thread.
+    // anything is sized by the count), "KORVEX:executor:InvalidFunction" for
+    // a null or non-function `function` and "KORVEX:executor:PoolShutDown"
+    // once the pool is shutting down. Any thread.
     std::shared_ptr<FevalFuture> submit(boost::intrusive_ptr<dvArray> function,
                                         unsigned int numOutputs, DvArrayVector inputs,
                                         kcos::COSInterface* parent = nullptr) override;

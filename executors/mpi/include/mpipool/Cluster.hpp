@@ -42,8 +42,8 @@ public:
     bool isClient() const noexcept { return getRank() == 0; }
 
     // Runs the client's evaluations until the client ends the cluster, then
-    // returns 0 (a status for main). Worker ranks only: throws
-    // std::logic_error on rank 0.
+    // returns 0 (a status for main). Worker ranks only: throws the host
+    // error "KORVEX:mpipool:ServeOnClient" on rank 0.
     int serve();
 
 private:

@@ -14,7 +14,7 @@
 // States: Open -> ShutDown (shutdown() or the destructor: waiting work is
 // cancelled and never sent, running work is asked to stop, and every worker
 // reports back before it returns; later submissions are refused with
-// "KORVEX:mpipool:PoolShutDown"). The worker processes stay in serve() for
+// "KORVEX:executor:PoolShutDown"). The worker processes stay in serve() for
 // the next pool until the cluster ends.
 //
 // Threads: any thread, on rank 0 only. Task notifications run on the pool's
@@ -47,8 +47,10 @@ public:
     std::size_t getNumWorkers() const noexcept override;
 
     // Errors of a function (or of the evaluation on the worker) become the
-    // task's error. Host errors: "KORVEX:mpipool:InvalidFunction" for a null
-    // or non-function `function`, the refusals above, and PoolShutDown.
+    // task's error. Host errors: "KORVEX:executor:InvalidFunction" for a null
+    // or non-function `function`, the host's maxlhs error for more than
+    // kcos::kMaxNumOutputs outputs, the refusals above, and
+    // "KORVEX:executor:PoolShutDown".
     std::shared_ptr<FevalFuture> submit(boost::intrusive_ptr<dvArray> function,
                                         unsigned int numOutputs, DvArrayVector inputs,
                                         kcos::COSInterface* parent = nullptr) override;

@@ -1,0 +1,85 @@
+#pragma once
+
+// The submission of work to an executor whose workers take their tasks from
+// a PinnedQueue: the checks, the tasks and their future, their first
+// notifications, and the refusal once the executor is shutting down. Both
+// Executor::submit and Executor::submitOnAll come down to one call.
+//
+//   makeTask(function, numOutputs, inputs, pinnedWorker) -> std::shared_ptr<Task>
+//       makes one task (pinnedWorker: std::nullopt for any worker); it may
+//       refuse the work by throwing. The future is made only afterwards.
+//
+// Threads: any thread.
+
+#include <executor/ExecutorErrors.hpp>
+#include <executor/PinnedQueue.hpp>
+
+#include <parallel/language/future/FevalFuture.hpp>
+#include <parallel/language/future/FevalOnAllFuture.hpp>
+#include <parallel/language/future/VectorMultiTask.hpp>
+
+#include <kcos/COSInterface.hpp>
+#include <matrix/dvArray.hpp>
+
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace executor {
+
+// Refuses what no worker could run, before anything is sized by the count:
+// KORVEX:executor:InvalidFunction for a null or non-function `function`, the
+// host's maxlhs error for more than kcos::kMaxNumOutputs outputs.
+void checkSubmission(const boost::intrusive_ptr<dvArray>& function, unsigned int numOutputs);
+
+// Brings every task to Pending, then every one to Queued. Before any worker
+// can see them: a task still Unavailable would make a future of many tasks
+// Unavailable while another one runs, and Running must never come first.
+void markSubmitted(const std::vector<std::shared_ptr<WorkerTask>>& tasks);
+
+// Cancels the tasks that a closed queue refused, then throws
+// KORVEX:executor:PoolShutDown.
+[[noreturn]] void refuseAfterShutdown(const std::vector<std::shared_ptr<WorkerTask>>& tasks);
+
+// Executor::submit: one task, for any worker.
+template <class Task, class MakeTask>
+std::shared_ptr<parallel::language::future::FevalFuture>
+submitTo(PinnedQueue<Task>& queue, boost::intrusive_ptr<dvArray> function, unsigned int numOutputs,
+         DvArrayVector inputs, kcos::COSInterface* parent, MakeTask makeTask) {
+    checkSubmission(function, numOutputs);
+    std::shared_ptr<Task> task = makeTask(function, numOutputs, inputs, std::nullopt);
+    auto future = std::make_shared<parallel::language::future::FevalFuture>(
+        parent, std::move(function), numOutputs, std::move(inputs), task);
+    markSubmitted({task});
+    if (!queue.push(task)) {
+        refuseAfterShutdown({task});
+    }
+    return future;
+}
+
+// Executor::submitOnAll: task i pinned to worker i, gathered in one future.
+template <class Task, class MakeTask>
+std::shared_ptr<parallel::language::future::FevalOnAllFuture>
+submitOnAllTo(PinnedQueue<Task>& queue, boost::intrusive_ptr<dvArray> function,
+              unsigned int numOutputs, DvArrayVector inputs, kcos::COSInterface* parent,
+              MakeTask makeTask) {
+    checkSubmission(function, numOutputs);
+    std::vector<std::shared_ptr<Task>> tasks;
+    tasks.reserve(queue.getNumWorkers());
+    for (std::size_t i = 0; i < queue.getNumWorkers(); ++i) {
+        tasks.push_back(makeTask(function, numOutputs, inputs, i));
+    }
+    const std::vector<std::shared_ptr<WorkerTask>> asWorkerTasks(tasks.begin(), tasks.end());
+    auto future = std::make_shared<parallel::language::future::FevalOnAllFuture>(
+        parent, std::move(function), numOutputs, std::move(inputs),
+        std::make_shared<parallel::language::future::VectorMultiTask>(
+            std::vector<std::shared_ptr<parallel::language::future::TaskBase>>(tasks.begin(),
+                                                                               tasks.end())));
+    markSubmitted(asWorkerTasks);
+    if (!queue.pushPinned(std::move(tasks))) {
+        refuseAfterShutdown(asWorkerTasks);
+    }
+    return future;
+}
+
+} // namespace executor

@@ -1,0 +1,32 @@
+#include <executor/Submission.hpp>
+
+#include <kcos/Language.hpp>
+
+namespace executor {
+
+void checkSubmission(const boost::intrusive_ptr<dvArray>& function, unsigned int numOutputs) {
+    if (!function || dvGetClassID(function.get()) != matrix::ClassID::FunctionHandle) {
+        throw errors::InvalidFunction();
+    }
+    if (numOutputs > kcos::kMaxNumOutputs) {
+        matrix::detail::error_maxlhs();
+    }
+}
+
+void markSubmitted(const std::vector<std::shared_ptr<WorkerTask>>& tasks) {
+    for (const auto& task : tasks) {
+        task->markPending();
+    }
+    for (const auto& task : tasks) {
+        task->markQueued();
+    }
+}
+
+void refuseAfterShutdown(const std::vector<std::shared_ptr<WorkerTask>>& tasks) {
+    for (const auto& task : tasks) {
+        task->cancel();
+    }
+    throw errors::PoolShutDown();
+}
+
+} // namespace executor
