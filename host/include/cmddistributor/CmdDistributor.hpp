@@ -25,8 +25,11 @@
 // interpreter (kvm::KVM) owns its distributor. Continuations added to a
 // request run, without the mutex, in the thread that completes it.
 //
-// Threads: submit, setReadyToExecute, cancel and addContinuation from any
-// thread; the work runs on the interpreter thread.
+// Threads: submit, setReadyToExecute, cancel, addContinuation and shutdown
+// from any thread; the work runs on the interpreter thread. One mutex per
+// distributor guards its live requests and their stages, one process-wide
+// mutex the registry of distributors; neither is held while work, delegates
+// or continuations run.
 
 #include <cmddistributor/RuntimeException.hpp>
 #include <host/Export.hpp>
@@ -104,7 +107,6 @@ public:
     void setReadyToExecute(bool ready) noexcept { ready_ = ready; }
     bool isReadyToExecute() const noexcept { return ready_; }
     void setDequeueMode(WhenToDequeue mode) noexcept { mode_ = mode; }
-    WhenToDequeue getDequeueMode() const noexcept { return mode_; }
     void setQueueName(std::u16string name) { queueName_ = std::move(name); }
     // Never empty: the default queue when none was set.
     const std::u16string& getQueueName() const noexcept { return queueName_; }
@@ -173,9 +175,10 @@ private:
     std::function<boost::any()> func_;
 };
 
-// A request: the stream it belongs to, its sinks and a label naming who
-// submitted it (static text, such as a literal: it is not copied). A request
-// without an IIP cannot be submitted.
+// A request: its sinks and its work. The stream it belongs to and the label
+// naming who submitted it (static text, such as a literal) say where it comes
+// from at the call; the request keeps neither. A request without an IIP
+// cannot be submitted.
 class QZHOST_API CmdRequest {
 public:
     CmdRequest(IqmStreamID stream, Sink output, Sink error, const char* sourceLabel);
@@ -184,16 +187,12 @@ public:
     CmdRequest& operator=(const CmdRequest&) = delete;
 
     virtual IIP* getIIP() noexcept { return nullptr; }
-    IqmStreamID getStreamID() const noexcept { return stream_; }
     const Sink& getOutputSink() const noexcept { return output_; }
     const Sink& getErrorSink() const noexcept { return error_; }
-    const char* getSourceLabel() const noexcept { return sourceLabel_; }
 
 private:
-    IqmStreamID stream_;
     Sink output_;
     Sink error_;
-    const char* sourceLabel_;
 };
 
 // A request whose work is a function giving a T.

@@ -7,10 +7,10 @@
 #include <foundation/core/diag/terminate.hpp>
 #include <foundation/core/except/Exception.hpp>
 #include <foundation/core/str/Utf.hpp>
+#include <foundation/core/sync/Mutex.hpp>
 #include <iqm/Iqm.hpp>
 
 #include <map>
-#include <mutex>
 #include <optional>
 #include <unordered_map>
 #include <vector>
@@ -31,9 +31,14 @@ void write(const Sink& sink, const SinkTraits& traits, const std::u16string& tex
     }
 }
 
+using foundation::core::sync::LockGuard;
+using foundation::core::sync::Mutex;
+
+// The distributors of the live interpreters, by interpreter. Any thread.
 struct Registry {
-    std::mutex mutex;
-    std::unordered_map<kvutil::contextmgr::KcrID, std::weak_ptr<CmdDistributor>> distributors;
+    Mutex mutex;
+    std::unordered_map<kvutil::contextmgr::KcrID, std::weak_ptr<CmdDistributor>>
+        distributors QZ_GUARDED_BY(mutex);
 };
 
 Registry& registry() {
@@ -74,9 +79,8 @@ IIPResult PackagedTaskIIP::execute() {
     return result;
 }
 
-CmdRequest::CmdRequest(IqmStreamID stream, Sink output, Sink error, const char* sourceLabel)
-    : stream_(stream), output_(std::move(output)), error_(std::move(error)),
-      sourceLabel_(sourceLabel) {}
+CmdRequest::CmdRequest(IqmStreamID /*stream*/, Sink output, Sink error, const char* /*sourceLabel*/)
+    : output_(std::move(output)), error_(std::move(error)) {}
 
 CmdRequest::~CmdRequest() = default;
 
@@ -118,6 +122,7 @@ struct CmdDistributor::Impl {
         boost::shared_ptr<PromiseDelegate> delegate;
         RunOptions options;
         IDType id;
+        // Guarded by the distributor's mutex once the entry is registered.
         Stage stage;
         std::vector<std::function<void()>> continuations;
     };
@@ -128,15 +133,15 @@ struct CmdDistributor::Impl {
 
     const kvutil::contextmgr::KcrID kcrID;
     const std::shared_ptr<iqm::Iqm> queueManager;
-    std::mutex mutex;
-    bool shutDown = false;
-    std::map<const Entry*, EntryPtr> live;   // every request not yet Done
-    std::unordered_map<IDType, Entry*> byID; // those with an ID
+    Mutex mutex;
+    bool shutDown QZ_GUARDED_BY(mutex) = false;
+    std::map<const Entry*, EntryPtr> live QZ_GUARDED_BY(mutex);   // every request not yet Done
+    std::unordered_map<IDType, Entry*> byID QZ_GUARDED_BY(mutex); // those with an ID
 
     // Marks `entry` Done and forgets it. Called with the mutex held, by a
     // caller that holds its own EntryPtr: the entry must not be destroyed
     // here, since destroying its work may submit releases to this distributor.
-    std::vector<std::function<void()>> retire(Entry& entry) {
+    std::vector<std::function<void()>> retire(Entry& entry) QZ_REQUIRES(mutex) {
         entry.stage = Stage::Done;
         if (entry.id != IDType{}) {
             byID.erase(entry.id);
@@ -170,7 +175,8 @@ struct CmdDistributor::Impl {
         return result;
     }
 
-    Entry* find(IDType id) {
+    // Called with the mutex held.
+    Entry* find(IDType id) QZ_REQUIRES(mutex) {
         const auto it = byID.find(id);
         return it == byID.end() ? nullptr : it->second;
     }
@@ -185,9 +191,9 @@ struct CmdDistributor::Impl {
     }
 
     // Runs a Queued request's work and completes it. Interpreter thread.
-    void run(const EntryPtr& entry) {
+    void run(const EntryPtr& entry) QZ_EXCLUDES(mutex) {
         {
-            std::lock_guard lock(mutex);
+            LockGuard lock(mutex);
             if (entry->stage != Stage::Queued) {
                 return; // cancelled while it waited in the queue
             }
@@ -209,7 +215,7 @@ struct CmdDistributor::Impl {
         }
         std::vector<std::function<void()>> continuations;
         {
-            std::lock_guard lock(mutex);
+            LockGuard lock(mutex);
             continuations = retire(*entry);
         }
         complete(entry, result, std::move(continuations));
@@ -223,14 +229,14 @@ std::shared_ptr<CmdDistributor> CmdDistributor::create(kvutil::contextmgr::KcrID
     }
     std::shared_ptr<CmdDistributor> distributor(new CmdDistributor(id, std::move(queueManager)));
     Registry& known = registry();
-    std::lock_guard lock(known.mutex);
+    LockGuard lock(known.mutex);
     known.distributors[id] = distributor;
     return distributor;
 }
 
 std::shared_ptr<CmdDistributor> CmdDistributor::instance(kvutil::contextmgr::KcrID id) {
     Registry& known = registry();
-    std::lock_guard lock(known.mutex);
+    LockGuard lock(known.mutex);
     const auto it = known.distributors.find(id);
     return it == known.distributors.end() ? nullptr : it->second.lock();
 }
@@ -263,7 +269,7 @@ void CmdDistributor::submit(boost::shared_ptr<CmdRequest> request,
                                                            {}});
     bool rejected = false;
     {
-        std::lock_guard lock(impl_->mutex);
+        LockGuard lock(impl_->mutex);
         rejected = impl_->shutDown;
         if (!rejected) {
             if ((id == IDType{} && !ready) || (id != IDType{} && impl_->byID.count(id) != 0)) {
@@ -290,7 +296,7 @@ void CmdDistributor::submit(boost::shared_ptr<CmdRequest> request,
 void CmdDistributor::setReadyToExecute(IDType id) {
     Impl::EntryPtr entry;
     {
-        std::lock_guard lock(impl_->mutex);
+        LockGuard lock(impl_->mutex);
         Impl::Entry* held = impl_->find(id);
         if (held == nullptr || held->stage != Stage::Held) {
             return;
@@ -305,7 +311,7 @@ CancelStatus CmdDistributor::cancel(IDType id) {
     Impl::EntryPtr entry;
     std::vector<std::function<void()>> continuations;
     {
-        std::lock_guard lock(impl_->mutex);
+        LockGuard lock(impl_->mutex);
         Impl::Entry* found = impl_->find(id);
         if (found == nullptr) {
             return CancelStatus::Done;
@@ -322,7 +328,7 @@ CancelStatus CmdDistributor::cancel(IDType id) {
 
 void CmdDistributor::addContinuation(IDType id, std::function<void()> continuation) {
     {
-        std::lock_guard lock(impl_->mutex);
+        LockGuard lock(impl_->mutex);
         if (Impl::Entry* entry = impl_->find(id)) {
             entry->continuations.push_back(std::move(continuation));
             return;
@@ -334,7 +340,7 @@ void CmdDistributor::addContinuation(IDType id, std::function<void()> continuati
 void CmdDistributor::shutdown() {
     {
         Registry& known = registry();
-        std::lock_guard lock(known.mutex);
+        LockGuard lock(known.mutex);
         const auto it = known.distributors.find(impl_->kcrID);
         if (it != known.distributors.end() &&
             (it->second.expired() || it->second.lock().get() == this)) {
@@ -343,7 +349,7 @@ void CmdDistributor::shutdown() {
     }
     std::vector<std::pair<Impl::EntryPtr, std::vector<std::function<void()>>>> cancelled;
     {
-        std::lock_guard lock(impl_->mutex);
+        LockGuard lock(impl_->mutex);
         impl_->shutDown = true;
         while (!impl_->live.empty()) {
             Impl::EntryPtr entry = impl_->live.begin()->second;

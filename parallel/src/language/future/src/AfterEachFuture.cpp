@@ -82,7 +82,7 @@ bool AfterEachFuture::doWait(FutureState state, SteadyTimePoint deadline) {
 }
 
 bool AfterEachFuture::doWaitForRunning(SteadyTimePoint deadline) {
-    return detail::waitUntilAnyRuns(*tasks_, runningMutex_, runningFuture_, deadline);
+    return anyRunning_.waitUntil(*tasks_, deadline);
 }
 
 void AfterEachFuture::doAfterFinishThen(boost::launch policy, std::function<void()> callback) {

@@ -233,7 +233,7 @@ private:
         DvArrayVector arguments = passFuture ? argumentOfFutures(futures, predecessorSize)
                                              : argumentsFromOutputs(futures);
         {
-            std::lock_guard lock(task->mutex_);
+            foundation::core::sync::LockGuard lock(task->mutex_);
             task->inputArguments_ = arguments;
         }
         task->doNotifyRunning();
@@ -242,7 +242,7 @@ private:
         DvArrayVector outputs = dvInvokeFunctionHandle(function->get(), numOutputs, arguments);
         const std::size_t produced = outputs.size();
         {
-            std::lock_guard lock(task->mutex_);
+            foundation::core::sync::LockGuard lock(task->mutex_);
             task->outputs_ = std::move(outputs);
         }
         return ContinuationTask::RequestResult(produced);
@@ -318,7 +318,7 @@ ContinuationTask::build(boost::intrusive_ptr<dvArray> function, std::size_t numO
 }
 
 DvArrayVector ContinuationTask::takeInputs() {
-    std::lock_guard lock(mutex_);
+    foundation::core::sync::LockGuard lock(mutex_);
     return std::exchange(inputArguments_, {});
 }
 
@@ -347,7 +347,7 @@ OutputsOrError ContinuationTask::doGetOutputsOrError() {
     } catch (...) {
         return OutputsOrError(std::current_exception());
     }
-    std::lock_guard lock(mutex_);
+    foundation::core::sync::LockGuard lock(mutex_);
     return OutputsOrError(std::optional<DvArrayVector>(std::exchange(outputs_, {})));
 }
 

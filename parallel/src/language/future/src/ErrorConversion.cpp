@@ -1,9 +1,9 @@
 #include "ErrorConversion.hpp"
+#include "Fatal.hpp"
 
 #include <parallel/language/future/FutureErrors.hpp>
 
 #include <cmddistributor/RuntimeException.hpp>
-#include <foundation/core/diag/terminate.hpp>
 #include <foundation/core/str/Utf.hpp>
 #include <kcos/array.hpp>
 
@@ -46,9 +46,7 @@ KExceptionEnvelope toKExceptionEnvelope(const std::exception_ptr& error) {
     } catch (const KExceptionEnvelope& envelope) {
         return envelope;
     } catch (...) {
-        foundation::core::diag::terminate("Unexpected exception returned as the future error.",
-                                          "parallel/src/language/future/src/FutureBase", 211,
-                                          __PRETTY_FUNCTION__);
+        fatal("Unexpected exception returned as the future error.");
     }
 }
 

@@ -56,7 +56,7 @@ bool FevalOnAllFuture::doWait(FutureState state, SteadyTimePoint deadline) {
 }
 
 bool FevalOnAllFuture::doWaitForRunning(SteadyTimePoint deadline) {
-    return detail::waitUntilAnyRuns(*tasks_, runningMutex_, runningFuture_, deadline);
+    return anyRunning_.waitUntil(*tasks_, deadline);
 }
 
 void FevalOnAllFuture::doAfterFinishThen(boost::launch policy, std::function<void()> callback) {

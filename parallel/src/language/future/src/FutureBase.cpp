@@ -207,6 +207,18 @@ FutureBase::FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray>
       id_(id ? *id : getNextID()), numOutputs_(numOutputs),
       parent_(parent, kcos::COSReferenceType::Weak), inputs_(toPropertyCells(inputs)) {}
 
+FutureBase::FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
+                       unsigned int numOutputs,
+                       const std::vector<std::shared_ptr<FutureBase>>& predecessors,
+                       std::optional<long long> id)
+    : createTime_(getCurrentTime()),
+      function_(function ? omCopyArrayForPropertyContainment(function.get()) : nullptr),
+      id_(id ? *id : getNextID()), numOutputs_(numOutputs),
+      parent_(parent, kcos::COSReferenceType::Weak),
+      predecessors_(
+          omPrepareArrayForPropertyContainment(matrix::to_korvex(toKorvexArray(predecessors, {})))),
+      inputs_(PropertyDvArray()) {}
+
 FutureBase::FutureBase() : inputs_(detail::makePropertyCell({})) {}
 
 FutureBase::~FutureBase() = default;

@@ -56,18 +56,6 @@ kcos::COSInterfacePtr wrapFuture(kcos::COSClass& cls, const std::shared_ptr<Futu
 
 } // namespace
 
-FutureBase::FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
-                       unsigned int numOutputs,
-                       const std::vector<std::shared_ptr<FutureBase>>& predecessors,
-                       std::optional<long long> id)
-    : createTime_(getCurrentTime()),
-      function_(function ? omCopyArrayForPropertyContainment(function.get()) : nullptr),
-      id_(id ? *id : getNextID()), numOutputs_(numOutputs),
-      parent_(parent, kcos::COSReferenceType::Weak),
-      predecessors_(
-          omPrepareArrayForPropertyContainment(matrix::to_korvex(toKorvexArray(predecessors, {})))),
-      inputs_(PropertyDvArray()) {}
-
 std::vector<std::shared_ptr<FutureBase>> FutureBase::getPredecessors() const {
     if (!predecessors_) {
         return {};

@@ -270,14 +270,6 @@ std::vector<std::shared_ptr<FutureBase>> readableFuturesOf(const kcos::COSValue&
     return futures;
 }
 
-Seconds noTimeout() {
-    return Seconds(std::numeric_limits<double>::max());
-}
-
-Seconds timeoutOf(const kcos::COSValue& value) {
-    return Seconds(dvGetDoubles(value.getArray())[0]);
-}
-
 // A shared copy of `array` as an output value.
 void setSharedCopy(kcos::COSValue& output, const boost::intrusive_ptr<dvArray>& array) {
     output.setArray(matrix::detail::do_shared_copy(array.get()));
@@ -368,7 +360,7 @@ private:
             if (!isValidTimeout(inputs[1].getArray())) {
                 throw errors::FetchNextTimeoutScalar();
             }
-            timeout = timeoutOf(inputs[1]);
+            timeout = timeoutOf(inputs[1].getArray());
         }
         auto [state, index, fetched] =
             FutureBaseAccess::fetchNextBorrowed(futures, wanted, timeout);
@@ -502,7 +494,7 @@ private:
             if (!isValidTimeout(inputs[2].getArray())) {
                 throw errors::TimeOutInvalid();
             }
-            outputs[0].setBool(FutureBase::wait(futures, state, timeoutOf(inputs[2])));
+            outputs[0].setBool(FutureBase::wait(futures, state, timeoutOf(inputs[2].getArray())));
             return;
         }
         FutureBase::wait(futures, state, noTimeout());

@@ -98,6 +98,14 @@ bool isValidTimeout(const dvArray* timeout) {
     return !std::isnan(seconds) && seconds >= 0.0;
 }
 
+Seconds timeoutOf(const dvArray* timeout) {
+    return Seconds(dvGetDoubles(timeout)[0]);
+}
+
+Seconds noTimeout() {
+    return Seconds(std::numeric_limits<double>::max());
+}
+
 std::optional<bool> singleLogical(const dvArray* value) {
     if (value == nullptr || dvGetClassID(value) != matrix::ClassID::Logical ||
         dvGetNumberOfElements(value) != 1) {

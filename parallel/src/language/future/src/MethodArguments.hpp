@@ -5,6 +5,7 @@
 // the language error its method documents. Interpreter thread.
 
 #include <parallel/language/future/FutureState.hpp>
+#include <parallel/language/future/TimeTypes.hpp>
 
 #include <matrix/dvArray.hpp>
 
@@ -29,8 +30,13 @@ std::string parseClassName(const dvArray* name);
 // The empty text names every option.
 bool matchesOption(const dvArray* name, std::string_view option);
 
-// A real double scalar that is not NaN and at least 0 (infinity included).
+// Timeouts of the waiting methods. A valid timeout is a real double scalar
+// that is not NaN and at least 0 (infinity included).
 bool isValidTimeout(const dvArray* timeout);
+// The seconds of a valid timeout.
+Seconds timeoutOf(const dvArray* timeout);
+// The wait of a method given no timeout: as long as it takes.
+Seconds noTimeout();
 
 // The value of a logical array with exactly one element.
 std::optional<bool> singleLogical(const dvArray* value);

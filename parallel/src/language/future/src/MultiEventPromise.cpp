@@ -1,6 +1,6 @@
 #include <parallel/language/future/MultiEventPromise.hpp>
 
-#include <foundation/core/diag/terminate.hpp>
+#include "Fatal.hpp"
 
 #include <boost/numeric/conversion/cast.hpp>
 
@@ -33,9 +33,7 @@ long long MultiEventPromise::calcCountdownStart(Policy policy, unsigned long lon
         // Throws boost::numeric::positive_overflow above 2^63 - 1.
         return boost::numeric_cast<long long>(n);
     }
-    foundation::core::diag::terminate("Unknown policy provided to MultiEventPromise.",
-                                      "parallel/src/language/future/src/MultiEventPromise", 51,
-                                      __PRETTY_FUNCTION__);
+    detail::fatal("Unknown policy provided to MultiEventPromise.");
 }
 
 } // namespace parallel::language::future

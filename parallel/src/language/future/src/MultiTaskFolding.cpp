@@ -43,6 +43,7 @@ boost::shared_future<void> makeAnyRunningFuture(MultiTask& tasks) {
     const unsigned long long count = tasks.maybeResizeAndGetNumTasks();
     auto anyRunning = std::make_shared<MultiEventPromise>(MultiEventPromise::Any, count);
     for (unsigned long long i = 0; i < count; ++i) {
+        // Boost runs this in the notifying thread with the task mutex held.
         tasks.getTask(i)->afterRunningThen(boost::launch::sync,
                                            [anyRunning] { anyRunning->setOne(); });
     }
@@ -116,17 +117,16 @@ bool waitForEachFinished(MultiTask& tasks, const SteadyTimePoint& deadline) {
     return true;
 }
 
-bool waitUntilAnyRuns(MultiTask& tasks, std::mutex& mutex, boost::shared_future<void>& running,
-                      const SteadyTimePoint& deadline) {
+bool AnyTaskRunning::waitUntil(MultiTask& tasks, const SteadyTimePoint& deadline) {
     boost::shared_future<void> future;
     {
-        std::lock_guard lock(mutex);
-        if (!running.valid()) {
-            running = makeAnyRunningFuture(tasks);
+        foundation::core::sync::LockGuard lock(mutex_);
+        if (!running_.valid()) {
+            running_ = makeAnyRunningFuture(tasks);
         }
-        future = running;
+        future = running_;
     }
-    return waitUntil(future, deadline);
+    return detail::waitUntil(future, deadline);
 }
 
 void afterAllFinishedThen(MultiTask& tasks, boost::launch policy, std::function<void()> callback) {

@@ -2,14 +2,14 @@
 
 // How a future over several tasks answers from them: its state and times
 // folded from the tasks', its diaries and outputs-or-errors per task, and
-// waits and callbacks over all of them. The count is asked afresh each time.
+// waits and callbacks over all of them (the wait for a first running task is
+// AnyTaskRunning, in MultiTask.hpp). The count is asked afresh each time.
 // Any thread; thread safety is the tasks'.
 
 #include <parallel/language/future/MultiTask.hpp>
 #include <parallel/language/future/PerTaskVariant.hpp>
 
 #include <functional>
-#include <mutex>
 
 namespace parallel::language::future::detail {
 
@@ -30,11 +30,6 @@ void cancelEach(MultiTask& tasks);
 // Waits for each task to finish in turn, stopping at the first that does not
 // by `deadline`; true when all did.
 bool waitForEachFinished(MultiTask& tasks, const SteadyTimePoint& deadline);
-// Waits until any task runs or `deadline` passes; true when one runs. The
-// future it waits on is made once into `running` (guarded by `mutex`) and
-// reused by later waits.
-bool waitUntilAnyRuns(MultiTask& tasks, std::mutex& mutex, boost::shared_future<void>& running,
-                      const SteadyTimePoint& deadline);
 // Runs `callback` under `policy` once every task has finished.
 void afterAllFinishedThen(MultiTask& tasks, boost::launch policy, std::function<void()> callback);
 

@@ -61,7 +61,7 @@ bool TaskBase::wait(FutureState target, const SteadyTimePoint& deadline) {
     if (target == FutureState::Running) {
         boost::shared_future<void> running;
         {
-            std::lock_guard lock(mutex_);
+            foundation::core::sync::LockGuard lock(mutex_);
             running = runningFuture_;
         }
         return detail::waitUntil(running, deadline);
@@ -78,7 +78,7 @@ bool TaskBase::wait(FutureState target, const SteadyTimePoint& deadline) {
 void TaskBase::afterRunningThen(boost::launch policy, std::function<void()> callback) {
     boost::shared_future<void> running;
     {
-        std::lock_guard lock(mutex_);
+        foundation::core::sync::LockGuard lock(mutex_);
         running = runningFuture_;
     }
     attach(std::move(running), policy, std::move(callback));
@@ -94,17 +94,17 @@ void TaskBase::doAfterFinishThen(boost::launch policy, std::function<void()> cal
 
 FutureState TaskBase::getState() const noexcept {
     QZ_FUTURE_TRACE(logger());
-    std::lock_guard lock(mutex_);
+    foundation::core::sync::LockGuard lock(mutex_);
     return state_;
 }
 
 WallClockTimePoint TaskBase::getStartTime() const {
-    std::lock_guard lock(mutex_);
+    foundation::core::sync::LockGuard lock(mutex_);
     return startTime_;
 }
 
 WallClockTimePoint TaskBase::getFinishTime() const {
-    std::lock_guard lock(mutex_);
+    foundation::core::sync::LockGuard lock(mutex_);
     return finishTime_;
 }
 
@@ -123,7 +123,7 @@ OutputsOrError TaskBase::getOutputsOrError() {
     bool cancelled = false;
     FutureState state = FutureState::Unavailable;
     {
-        std::lock_guard lock(mutex_);
+        foundation::core::sync::LockGuard lock(mutex_);
         cancelled = cancelled_;
         state = state_;
     }
@@ -146,7 +146,7 @@ boost::shared_future<void> TaskBase::getWaitableFuture() const {
 
 void TaskBase::doNotifyPending() {
     QZ_FUTURE_TRACE(logger());
-    std::lock_guard lock(mutex_);
+    foundation::core::sync::LockGuard lock(mutex_);
     if (!cancelled_) {
         setState(FutureState::Pending);
     }
@@ -155,7 +155,7 @@ void TaskBase::doNotifyPending() {
 void TaskBase::doNotifyQueued() {
     QZ_FUTURE_TRACE(logger());
     {
-        std::lock_guard lock(mutex_);
+        foundation::core::sync::LockGuard lock(mutex_);
         if (state_ == FutureState::Running) {
             // Back to a queue: the next run gets a running promise of its own.
             // The old one is ready already, so dropping it breaks nothing.
@@ -173,7 +173,7 @@ void TaskBase::doNotifyQueued() {
 void TaskBase::doNotifyRunning() {
     QZ_FUTURE_TRACE(logger());
     {
-        std::lock_guard lock(mutex_);
+        foundation::core::sync::LockGuard lock(mutex_);
         if (cancelled_) {
             return;
         }
@@ -187,7 +187,7 @@ void TaskBase::doNotifyRunning() {
 void TaskBase::doNotifyFinished() {
     QZ_FUTURE_TRACE(logger());
     {
-        std::lock_guard lock(mutex_);
+        foundation::core::sync::LockGuard lock(mutex_);
         if (!cancelled_) {
             setFinishTime();
             setState(FutureState::Finished);
@@ -201,7 +201,7 @@ void TaskBase::doNotifyFinished() {
 void TaskBase::doNotifyCancelled() {
     QZ_FUTURE_TRACE(logger());
     {
-        std::lock_guard lock(mutex_);
+        foundation::core::sync::LockGuard lock(mutex_);
         setFinishTime();
         setState(FutureState::Finished);
         cancelled_ = true;

@@ -3,10 +3,10 @@
 #include <parallel/language/future/ScopedTaskFinishedListener.hpp>
 #include <parallel/language/future/TaskFinishedListener.hpp>
 
+#include <foundation/core/sync/Mutex.hpp>
 #include <foundation/usm/Detail.hpp>
 
 #include <algorithm>
-#include <mutex>
 #include <stdexcept>
 #include <vector>
 
@@ -19,23 +19,25 @@ namespace {
 using ProcessStore = foundation::usm::Detail<foundation::usm::scope::Process>;
 
 // The process-wide listener registry, owned by the host's process store.
+// Its mutex guards the list only: listeners are called on a copy, without it.
+// Any thread.
 class GlobalTaskFinishedListenerUSM {
 public:
-    void add(const std::shared_ptr<TaskFinishedListener>& listener) {
-        std::lock_guard lock(mutex_);
+    void add(const std::shared_ptr<TaskFinishedListener>& listener) QZ_EXCLUDES(mutex_) {
+        foundation::core::sync::LockGuard lock(mutex_);
         listeners_.push_back(listener);
     }
 
-    void remove(const TaskFinishedListener* listener) {
-        std::lock_guard lock(mutex_);
+    void remove(const TaskFinishedListener* listener) QZ_EXCLUDES(mutex_) {
+        foundation::core::sync::LockGuard lock(mutex_);
         std::erase_if(listeners_,
                       [listener](const auto& entry) { return entry.get() == listener; });
     }
 
-    void notifyTaskFinished() {
+    void notifyTaskFinished() QZ_EXCLUDES(mutex_) {
         std::vector<std::shared_ptr<TaskFinishedListener>> pass;
         {
-            std::lock_guard lock(mutex_);
+            foundation::core::sync::LockGuard lock(mutex_);
             if (listeners_.empty()) {
                 return;
             }
@@ -47,8 +49,8 @@ public:
     }
 
 private:
-    std::vector<std::shared_ptr<TaskFinishedListener>> listeners_;
-    std::mutex mutex_;
+    foundation::core::sync::Mutex mutex_;
+    std::vector<std::shared_ptr<TaskFinishedListener>> listeners_ QZ_GUARDED_BY(mutex_);
 };
 
 GlobalTaskFinishedListenerUSM& registry() {

@@ -292,6 +292,30 @@ constexpr double kBarHeight = 18;
 constexpr double kAxisHeight = 34;
 constexpr double kLegendHeight = 30;
 constexpr double kCharWidth = 6.5; // of the 11px labels, roughly
+constexpr double kTextDrop = 4;    // from a row's middle to its text's baseline
+constexpr double kTitleBaseline = 22;
+constexpr double kLaneLabelGap = 8; // between a lane's name and the plot
+constexpr double kTickLength = 4;   // below the axis
+constexpr double kTickLabelDrop = 16;
+constexpr double kBarLabelInset = 4; // of a label inside its bar, from the left
+constexpr double kBarLabelRoom = 6;  // beyond the label's own width
+constexpr double kDotRadius = 5;     // of a task that finished without running
+constexpr double kCrossHalfSize = 4;
+
+// The legend: a row of swatches with their words, then the wait line and the
+// cancel cross, below the axis.
+constexpr double kLegendDrop = 14; // from the bottom of the axis to its baseline
+constexpr double kSwatchWidth = 14;
+constexpr double kSwatchHeight = 12;
+constexpr double kSwatchRise = 10;    // of a swatch's top above the baseline
+constexpr double kSymbolRise = 4;     // of the wait line and the cross above it
+constexpr double kSwatchTextGap = 18; // from a swatch's left to its word
+constexpr double kOutcomeStep = 100;  // from one outcome to the next
+constexpr double kWaitLineLength = 20;
+constexpr double kWaitTextGap = 24;  // from the wait line's left to its word
+constexpr double kWaitStep = 90;     // from the wait line to the cancel's slot
+constexpr double kCrossOffset = 5;   // from the cancel's slot to the cross's centre
+constexpr double kCrossTextGap = 14; // from the cancel's slot to its word
 
 const char* fillOf(Outcome outcome) {
     switch (outcome) {
@@ -339,8 +363,9 @@ public:
     }
     void cross(double x, double y) {
         const char* style = "stroke=\"#222\" stroke-width=\"2\"";
-        line(x - 4, y - 4, x + 4, y + 4, style);
-        line(x - 4, y + 4, x + 4, y - 4, style);
+        const double d = kCrossHalfSize;
+        line(x - d, y - d, x + d, y + d, style);
+        line(x - d, y + d, x + d, y - d, style);
     }
     std::string finish() && {
         out_ << "</svg>\n";
@@ -372,16 +397,18 @@ void drawLegend(SvgPicture& svg, double y) {
     double x = kLabelWidth;
     for (const Outcome outcome :
          {Outcome::Completed, Outcome::Failed, Outcome::Cancelled, Outcome::Unfinished}) {
-        svg.out() << "<rect x=\"" << x << "\" y=\"" << y - 10
-                  << "\" width=\"14\" height=\"12\" fill=\"" << fillOf(outcome) << "\"/>\n";
-        svg.text(x + 18, y, outcomeName(outcome));
-        x += 100;
+        svg.out() << "<rect x=\"" << x << "\" y=\"" << y - kSwatchRise << "\" width=\""
+                  << kSwatchWidth << "\" height=\"" << kSwatchHeight << "\" fill=\""
+                  << fillOf(outcome) << "\"/>\n";
+        svg.text(x + kSwatchTextGap, y, outcomeName(outcome));
+        x += kOutcomeStep;
     }
-    svg.line(x, y - 4, x + 20, y - 4, "stroke=\"#777\" stroke-width=\"2\"");
-    svg.text(x + 24, y, "waiting");
-    x += 90;
-    svg.cross(x + 5, y - 4);
-    svg.text(x + 14, y, "cancel");
+    svg.line(x, y - kSymbolRise, x + kWaitLineLength, y - kSymbolRise,
+             "stroke=\"#777\" stroke-width=\"2\"");
+    svg.text(x + kWaitTextGap, y, "waiting");
+    x += kWaitStep;
+    svg.cross(x + kCrossOffset, y - kSymbolRise);
+    svg.text(x + kCrossTextGap, y, "cancel");
 }
 
 } // namespace
@@ -401,7 +428,7 @@ std::string toSvg(const std::vector<TimelineEntry>& entries) {
             futures.insert(entry.futureId);
         }
     }
-    svg.text(kLabelWidth, 22,
+    svg.text(kLabelWidth, kTitleBaseline,
              std::to_string(entries.size()) + " tasks of " + std::to_string(futures.size()) +
                  " futures, over " + number(layout.horizon / 1000.0) + " ms",
              "start", "font-size=\"13\"");
@@ -411,17 +438,18 @@ std::string toSvg(const std::vector<TimelineEntry>& entries) {
         svg.out() << "<rect x=\"" << kLabelWidth << "\" y=\"" << top << "\" width=\"" << kPlotWidth
                   << "\" height=\"" << kLaneHeight << "\" fill=\""
                   << (lane % 2 == 0 ? "#f4f4f4" : "#fbfbfb") << "\"/>\n";
-        svg.text(kLabelWidth - 8, top + kLaneHeight / 2 + 4, layout.lanes[lane], "end");
+        svg.text(kLabelWidth - kLaneLabelGap, top + kLaneHeight / 2 + kTextDrop, layout.lanes[lane],
+                 "end");
     }
 
     const double axisY = kTop + plotHeight;
     const double stepMs = tickStep(span / 1000.0);
     for (double ms = 0.0; ms * 1000.0 <= span + 1e-9; ms += stepMs) {
         const double x = xOf(ms * 1000.0);
-        svg.line(x, kTop, x, axisY + 4, "stroke=\"#ddd\"");
+        svg.line(x, kTop, x, axisY + kTickLength, "stroke=\"#ddd\"");
         char tick[32];
         std::snprintf(tick, sizeof tick, "%g ms", ms);
-        svg.text(x, axisY + 16, tick, "middle");
+        svg.text(x, axisY + kTickLabelDrop, tick, "middle");
     }
     svg.line(kLabelWidth, axisY, kLabelWidth + kPlotWidth, axisY, "stroke=\"#555\"");
 
@@ -441,15 +469,16 @@ std::string toSvg(const std::vector<TimelineEntry>& entries) {
                       << fillOf(entry.outcome) << "\" stroke=\"#333\" stroke-width=\"0.5\"/>\n";
             // The whole label where it fits, else the future's number alone.
             for (const std::string& label : {labelOf(entry), labelOf(entry, false)}) {
-                if (barWidth > kCharWidth * static_cast<double>(label.size()) + 6) {
-                    svg.text(x + 4, middle + 4, label, "start", "fill=\"white\"");
+                if (barWidth > kCharWidth * static_cast<double>(label.size()) + kBarLabelRoom) {
+                    svg.text(x + kBarLabelInset, middle + kTextDrop, label, "start",
+                             "fill=\"white\"");
                     break;
                 }
             }
         } else if (seen(entry.finishedUs) && entry.outcome != Outcome::Cancelled) {
             // Finished without running, as a continuation whose predecessor failed.
             svg.out() << "<circle cx=\"" << xOf(entry.finishedUs) << "\" cy=\"" << middle
-                      << "\" r=\"5\" fill=\"" << fillOf(entry.outcome)
+                      << "\" r=\"" << kDotRadius << "\" fill=\"" << fillOf(entry.outcome)
                       << "\" stroke=\"#333\" stroke-width=\"0.5\"/>\n";
         }
         if (seen(entry.cancelledUs)) {
@@ -458,7 +487,7 @@ std::string toSvg(const std::vector<TimelineEntry>& entries) {
         svg.out() << "</g>\n";
     }
 
-    drawLegend(svg, axisY + kAxisHeight + 14);
+    drawLegend(svg, axisY + kAxisHeight + kLegendDrop);
     return std::move(svg).finish();
 }
 

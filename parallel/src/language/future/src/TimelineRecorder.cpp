@@ -6,9 +6,10 @@
 
 #include "TimelineEvents.hpp"
 
+#include <foundation/core/sync/Mutex.hpp>
+
 #include <chrono>
 #include <fstream>
-#include <mutex>
 #include <stdexcept>
 #include <thread>
 #include <unordered_map>
@@ -75,18 +76,19 @@ std::atomic<bool> gRecording{false};
 
 namespace {
 
-std::mutex gMutex;
-Recording* gActive = nullptr; // guarded by gMutex
+foundation::core::sync::Mutex gMutex;
+// The recording of the recorder that is recording; null while none is.
+Recording* gActive QZ_GUARDED_BY(gMutex) QZ_PT_GUARDED_BY(gMutex) = nullptr;
 
 // Runs `update(recording, now)` on the active recording, if any, under gMutex.
 // `now` is read before the lock so that waiting for it does not shift the
 // event. An exception (out of memory) loses the event, never the caller's
 // notification.
 template <class Update>
-void record(Update update) noexcept {
+void record(Update update) noexcept QZ_EXCLUDES(gMutex) {
     const Clock::time_point now = Clock::now();
     try {
-        std::lock_guard lock(gMutex);
+        foundation::core::sync::LockGuard lock(gMutex);
         if (gActive != nullptr) {
             update(*gActive, gActive->sinceStart(now));
         }
@@ -200,11 +202,11 @@ void recordDestroyed(const TaskBase* task) noexcept {
 } // namespace detail::timeline
 
 struct TimelineRecorder::Impl {
-    detail::timeline::Recording recording;
+    detail::timeline::Recording recording QZ_GUARDED_BY(detail::timeline::gMutex);
 };
 
 TimelineRecorder::TimelineRecorder() : impl_(std::make_unique<Impl>()) {
-    std::lock_guard lock(detail::timeline::gMutex);
+    foundation::core::sync::LockGuard lock(detail::timeline::gMutex);
     if (detail::timeline::gActive != nullptr) {
         throw std::logic_error("Another timeline recorder is recording.");
     }
@@ -213,13 +215,13 @@ TimelineRecorder::TimelineRecorder() : impl_(std::make_unique<Impl>()) {
 }
 
 TimelineRecorder::~TimelineRecorder() {
-    std::lock_guard lock(detail::timeline::gMutex);
+    foundation::core::sync::LockGuard lock(detail::timeline::gMutex);
     detail::timeline::gRecording.store(false, std::memory_order_relaxed);
     detail::timeline::gActive = nullptr;
 }
 
 std::vector<TimelineEntry> TimelineRecorder::entries() const {
-    std::lock_guard lock(detail::timeline::gMutex);
+    foundation::core::sync::LockGuard lock(detail::timeline::gMutex);
     return impl_->recording.entries;
 }
 

@@ -5,7 +5,6 @@
 
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 namespace parallel::language::future {
@@ -23,7 +22,8 @@ namespace parallel::language::future {
 //
 // Threads: build and the future's operations on the interpreter thread; the
 // per-task caches are filled there too, by callbacks run inside the
-// continuation (inputs) and when it completes (outputs or error).
+// continuation (inputs) and when it completes (outputs or error). Waits for
+// Running share one future made under anyRunning_'s mutex.
 class QZ_FUTURE_API AfterEachFuture : public FutureBase {
     struct Token {};
 
@@ -61,8 +61,7 @@ private:
     bool doWaitForRunning(SteadyTimePoint deadline);
 
     std::shared_ptr<MultiTask> tasks_;
-    std::mutex runningMutex_;                  // guards runningFuture_
-    boost::shared_future<void> runningFuture_; // ready once any task ran; made on first use
+    detail::AnyTaskRunning anyRunning_;
 };
 
 } // namespace parallel::language::future

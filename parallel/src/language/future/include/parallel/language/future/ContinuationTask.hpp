@@ -3,6 +3,7 @@
 #include <parallel/language/future/FutureBase.hpp>
 #include <parallel/language/future/TaskBase.hpp>
 
+#include <foundation/core/sync/Mutex.hpp>
 #include <foundation/korvexdata/Array.hpp>
 #include <kvm/Future.hpp>
 #include <kvm/TaskReference.hpp>
@@ -11,7 +12,6 @@
 
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 namespace parallel::language::future {
@@ -65,7 +65,7 @@ public:
 
     // The arguments the function was called with, once: a second call (or a
     // call before the work started) gives none. Any thread.
-    DvArrayVector takeInputs();
+    DvArrayVector takeInputs() QZ_EXCLUDES(mutex_);
 
 private:
     friend struct ContinuationWork;
@@ -74,13 +74,13 @@ private:
     void doCancel() override;
     // The function's outputs, handed out once (later calls give none), or
     // the request's error; ExecutionCancelled for a cancelled request.
-    OutputsOrError doGetOutputsOrError() override;
+    OutputsOrError doGetOutputsOrError() override QZ_EXCLUDES(mutex_);
     // Always empty: a continuation keeps no diary.
     std::u16string doGetDiary() override;
 
-    DvArrayVector inputArguments_;
-    DvArrayVector outputs_;
-    std::mutex mutex_; // guards inputArguments_ and outputs_
+    foundation::core::sync::Mutex mutex_;
+    DvArrayVector inputArguments_ QZ_GUARDED_BY(mutex_);
+    DvArrayVector outputs_ QZ_GUARDED_BY(mutex_);
     kvm::SharedFuture<RequestResult> requestFuture_;
     boost::shared_ptr<kvm::TaskReference> taskReference_; // null until submitted
 };

@@ -5,9 +5,15 @@
 
 namespace parallel::language::future {
 
-// The future of one evaluation: everything about execution is its one task's.
-// The task may outlive the future; destroying the future cancels nothing.
-// Takes no lock: thread safety is the task's.
+// The future of one evaluation: state, times, diary, outputs and waits are
+// its one task's, asked afresh on every call.
+//
+// Ownership: the future holds its task strongly; the executor may hold it
+// too, so the task may outlive the future. Destroying the future cancels
+// nothing.
+//
+// Threads: like every future, its operations are called from one thread at a
+// time. It takes no lock of its own: thread safety is the task's.
 class QZ_FUTURE_API FevalFuture : public FutureBase {
 public:
     // `task` must not be null. An empty `id` draws the next ID.

@@ -3,8 +3,6 @@
 #include <parallel/language/future/FutureBase.hpp>
 #include <parallel/language/future/MultiTask.hpp>
 
-#include <mutex>
-
 namespace parallel::language::future {
 
 // The future of one evaluation on every worker of a pool: one task per
@@ -13,9 +11,9 @@ namespace parallel::language::future {
 // and errors are per task. It cannot be used with fetchNext.
 //
 // Threads: like every future, its operations are called from one thread at a
-// time, except waits: the running future that waits for Running share is
-// made once under a mutex and reused, so concurrent waits on one future are
-// safe. Task callbacks only count promises down.
+// time, except waits: waits for Running share one future made under
+// anyRunning_'s mutex, so concurrent waits on one future are safe. Task
+// callbacks only count promises down.
 class QZ_FUTURE_API FevalOnAllFuture : public FutureBase {
 public:
     // `tasks` must not be null. An empty `id` draws the next ID.
@@ -46,8 +44,7 @@ private:
     bool doWaitForRunning(SteadyTimePoint deadline);
 
     std::shared_ptr<MultiTask> tasks_;
-    std::mutex runningMutex_;                  // guards runningFuture_
-    boost::shared_future<void> runningFuture_; // ready once any task ran; made on first use
+    detail::AnyTaskRunning anyRunning_;
 };
 
 } // namespace parallel::language::future

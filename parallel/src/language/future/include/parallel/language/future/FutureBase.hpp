@@ -36,10 +36,11 @@ QZ_FUTURE_API long long getNextID();
 // property arrays, tied to the future's language object once it has one.
 // Destroying a future never cancels its work.
 //
-// Threads: a future takes no lock. Its non-static operations are called from
-// one thread at a time (the language's thread in the class binding); the
+// Threads: FutureBase takes no lock. Its non-static operations are called
+// from one thread at a time (the language's thread in the class binding); the
 // static operations on vectors of futures run on the interpreter thread.
-// Only the ID counter is shared between futures.
+// Only the ID counter is shared between futures. A kind whose waits may come
+// from several threads guards what they share itself (AnyTaskRunning).
 class QZ_FUTURE_API FutureBase : public std::enable_shared_from_this<FutureBase> {
 public:
     static constexpr long long invalidID = -1;

@@ -6,11 +6,12 @@
 #include <parallel/language/future/OutputsOrErrorPropertyDvArray.hpp>
 #include <parallel/language/future/TimeTypes.hpp>
 
+#include <foundation/core/sync/Mutex.hpp>
+
 #include <boost/thread/future.hpp>
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 
 namespace parallel::language::future {
@@ -39,12 +40,14 @@ namespace parallel::language::future {
 // ready breaks them, which runs the callbacks still attached.
 //
 // Threads: the executor's threads call the notifications; any thread calls
-// the public operations. One non-recursive mutex per task guards the state,
-// the cancelled flag, both times and the running promise and future. The
-// running promise is made ready with that mutex held, so a callback attached
-// with afterRunningThen(boost::launch::sync, ...) must not call back into the
-// same task. Finished callbacks and the task-finished listeners run without
-// the mutex.
+// the public operations. One non-recursive mutex per task (mutex_) guards the
+// state, the cancelled flag, both times and the running promise and future;
+// the fields say so with QZ_GUARDED_BY, and no public operation or
+// notification may be called with it held (QZ_EXCLUDES). The running promise
+// is made ready with that mutex held, so a callback attached with
+// afterRunningThen(boost::launch::sync, ...) runs with it held and must not
+// call back into the same task. Finished callbacks and the task-finished
+// listeners run without the mutex.
 class QZ_FUTURE_API TaskBase : public std::enable_shared_from_this<TaskBase> {
 public:
     TaskBase();
@@ -54,7 +57,7 @@ public:
 
     // Stops the work (doCancel) and marks the task cancelled, unless it has
     // finished. Errors of doCancel are logged, never thrown. Any thread.
-    void cancel() noexcept;
+    void cancel() noexcept QZ_EXCLUDES(mutex_);
 
     // Waits until the task is at least in state `target` or `deadline`
     // passes; true when the state was reached. A task that has had no
@@ -63,41 +66,41 @@ public:
     // interrupts: interruptible callers pass short deadlines and loop.
     // Throws WaitOnUnavailableFuture / UnknownWaitErrors when waiting on the
     // finished future fails. Any thread.
-    bool wait(FutureState target, const SteadyTimePoint& deadline);
+    bool wait(FutureState target, const SteadyTimePoint& deadline) QZ_EXCLUDES(mutex_);
 
     // Runs `callback` once the task runs (or the running promise is broken).
     // With boost::launch::sync: at once when already running, otherwise in
     // the notifying thread with the task mutex held. The callback's
     // exceptions reach nobody. Any thread.
-    void afterRunningThen(boost::launch policy, std::function<void()> callback);
+    void afterRunningThen(boost::launch policy, std::function<void()> callback) QZ_EXCLUDES(mutex_);
     // Runs `callback` once the task has finished or was cancelled (or the
     // finished promise is broken), without the task mutex. Any thread.
     void afterFinishThen(boost::launch policy, std::function<void()> callback);
 
-    FutureState getState() const noexcept;
+    FutureState getState() const noexcept QZ_EXCLUDES(mutex_);
     // 0.0 when not set. Any thread.
-    WallClockTimePoint getStartTime() const;
-    WallClockTimePoint getFinishTime() const;
+    WallClockTimePoint getStartTime() const QZ_EXCLUDES(mutex_);
+    WallClockTimePoint getFinishTime() const QZ_EXCLUDES(mutex_);
     // 0 before start; growing while running; finish - start afterwards.
-    Seconds getRunningDuration() const;
+    Seconds getRunningDuration() const QZ_EXCLUDES(mutex_);
 
     // The text the work printed; from the executor, no lock.
     std::u16string getDiary();
     // ExecutionCancelled (as a value) for a cancelled task; the executor's
     // outputs or error once finished; an empty optional before.
-    OutputsOrError getOutputsOrError();
+    OutputsOrError getOutputsOrError() QZ_EXCLUDES(mutex_);
     // Ready once the task has finished or was cancelled. Never replaced.
     boost::shared_future<void> getWaitableFuture() const;
 
 protected:
     // Notifications, called by the executor. Any thread.
-    void doNotifyPending();
-    void doNotifyQueued();
+    void doNotifyPending() QZ_EXCLUDES(mutex_);
+    void doNotifyQueued() QZ_EXCLUDES(mutex_);
     // Throws boost::promise_already_satisfied for a second Running without a
     // re-queue between (state and start time are updated first).
-    void doNotifyRunning();
-    void doNotifyFinished();
-    void doNotifyCancelled();
+    void doNotifyRunning() QZ_EXCLUDES(mutex_);
+    void doNotifyFinished() QZ_EXCLUDES(mutex_);
+    void doNotifyCancelled() QZ_EXCLUDES(mutex_);
 
 private:
     virtual void doCancel() = 0;
@@ -105,18 +108,18 @@ private:
     virtual void doAfterFinishThen(boost::launch policy, std::function<void()> callback);
     virtual std::u16string doGetDiary() = 0;
 
-    // Called with mutex_ held.
-    void setState(FutureState state);
-    void setStartTime();
-    void setFinishTime();
+    // Called with the task mutex held.
+    void setState(FutureState state) QZ_REQUIRES(mutex_);
+    void setStartTime() QZ_REQUIRES(mutex_);
+    void setFinishTime() QZ_REQUIRES(mutex_);
 
-    WallClockTimePoint finishTime_{};
-    WallClockTimePoint startTime_{};
-    FutureState state_ = FutureState::Unavailable;
-    bool cancelled_ = false;
-    mutable std::mutex mutex_;
-    boost::promise<void> runningPromise_;
-    boost::shared_future<void> runningFuture_;
+    mutable foundation::core::sync::Mutex mutex_;
+    WallClockTimePoint finishTime_ QZ_GUARDED_BY(mutex_){};
+    WallClockTimePoint startTime_ QZ_GUARDED_BY(mutex_){};
+    FutureState state_ QZ_GUARDED_BY(mutex_) = FutureState::Unavailable;
+    bool cancelled_ QZ_GUARDED_BY(mutex_) = false;
+    boost::promise<void> runningPromise_ QZ_GUARDED_BY(mutex_);
+    boost::shared_future<void> runningFuture_ QZ_GUARDED_BY(mutex_);
     MultiEventPromise finishedPromise_;
     boost::shared_future<void> finishedFuture_; // never replaced after construction
 };
