@@ -28,6 +28,11 @@ logging::Logger& logger() noexcept {
     return logging::futureBaseLogger();
 }
 
+// How long a wait blocks before it looks at interrupts and queued work again.
+constexpr Seconds kWaitSlice{1.0};
+// How many queued work items a wait runs between two looks at its futures.
+constexpr std::size_t kWorkItemsPerLook = 1;
+
 std::atomic<long long> gNextID{1};
 
 // The queues whose work keeps running while the interpreter thread waits.
@@ -442,15 +447,16 @@ bool FutureBase::wait(std::vector<std::shared_ptr<FutureBase>> futures, FutureSt
     SteadyTimePoint now = getCurrentSteadyTime();
     for (;;) {
         utInterruptState::ThrowIfInterruptPending();
-        const bool ranWork = queueManager && queueManager->processOnce(waitingQueueNames(), 1);
+        const bool ranWork =
+            queueManager && queueManager->processOnce(waitingQueueNames(), kWorkItemsPerLook);
         bool allReached = true;
         if (ranWork) {
             allReached = std::all_of(futures.begin(), futures.end(),
                                      [&](const auto& future) { return reached(*future); });
         } else {
-            // Block at most a second, so that interrupts and queued work are
+            // Block at most a slice, so that interrupts and queued work are
             // looked at again soon even without a deadline.
-            const SteadyTimePoint slice = now + std::min(Seconds(1.0), deadline - now);
+            const SteadyTimePoint slice = now + std::min(kWaitSlice, deadline - now);
             for (const auto& future : futures) {
                 if (!future->doWait(state, slice)) {
                     allReached = false;

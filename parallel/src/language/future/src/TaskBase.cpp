@@ -25,11 +25,14 @@ void attach(boost::shared_future<void> future, boost::launch policy,
                 [callback = std::move(callback)](boost::shared_future<void>) { callback(); });
 }
 
+// Finished and Cancelled: the first of them makes the finished future ready.
+constexpr unsigned long long kFinishingEvents = 2;
+
 } // namespace
 
 TaskBase::TaskBase()
     : runningFuture_(runningPromise_.get_future().share()),
-      finishedPromise_(MultiEventPromise::Any, 2),
+      finishedPromise_(MultiEventPromise::Any, kFinishingEvents),
       finishedFuture_(finishedPromise_.getFuture().share()) {}
 
 TaskBase::~TaskBase() {

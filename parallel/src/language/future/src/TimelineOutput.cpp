@@ -292,7 +292,9 @@ constexpr double kBarHeight = 18;
 constexpr double kAxisHeight = 34;
 constexpr double kLegendHeight = 30;
 constexpr double kCharWidth = 6.5; // of the 11px labels, roughly
-constexpr double kTextDrop = 4;    // from a row's middle to its text's baseline
+constexpr double kUsPerMs = 1000.0;
+constexpr double kMaxTicks = 10.0;
+constexpr double kTextDrop = 4; // from a row's middle to its text's baseline
 constexpr double kTitleBaseline = 22;
 constexpr double kLaneLabelGap = 8; // between a lane's name and the plot
 constexpr double kTickLength = 4;   // below the axis
@@ -331,9 +333,9 @@ const char* fillOf(Outcome outcome) {
     return "#8fb8de";
 }
 
-// A tick step of 1, 2 or 5 times a power of ten giving at most ten ticks.
+// A tick step of 1, 2 or 5 times a power of ten giving at most kMaxTicks.
 double tickStep(double span) {
-    const double rough = std::max(span, 1e-9) / 10.0;
+    const double rough = std::max(span, 1e-9) / kMaxTicks;
     const double power = std::pow(10.0, std::floor(std::log10(rough)));
     for (const double factor : {1.0, 2.0, 5.0, 10.0}) {
         if (factor * power >= rough) {
@@ -384,7 +386,7 @@ std::string tooltipOf(const TimelineEntry& entry) {
     tip += ": " + std::string(outcomeName(entry.outcome));
     for (const NamedTime& named : timesOf(entry)) {
         if (seen(named.time)) {
-            tip += "\n" + std::string(named.word) + " at " + number(named.time / 1000.0) + " ms";
+            tip += "\n" + std::string(named.word) + " at " + number(named.time / kUsPerMs) + " ms";
         }
     }
     if (!entry.worker.empty()) {
@@ -430,7 +432,7 @@ std::string toSvg(const std::vector<TimelineEntry>& entries) {
     }
     svg.text(kLabelWidth, kTitleBaseline,
              std::to_string(entries.size()) + " tasks of " + std::to_string(futures.size()) +
-                 " futures, over " + number(layout.horizon / 1000.0) + " ms",
+                 " futures, over " + number(layout.horizon / kUsPerMs) + " ms",
              "start", "font-size=\"13\"");
 
     for (std::size_t lane = 0; lane < layout.lanes.size(); ++lane) {
@@ -443,9 +445,9 @@ std::string toSvg(const std::vector<TimelineEntry>& entries) {
     }
 
     const double axisY = kTop + plotHeight;
-    const double stepMs = tickStep(span / 1000.0);
-    for (double ms = 0.0; ms * 1000.0 <= span + 1e-9; ms += stepMs) {
-        const double x = xOf(ms * 1000.0);
+    const double stepMs = tickStep(span / kUsPerMs);
+    for (double ms = 0.0; ms * kUsPerMs <= span + 1e-9; ms += stepMs) {
+        const double x = xOf(ms * kUsPerMs);
         svg.line(x, kTop, x, axisY + kTickLength, "stroke=\"#ddd\"");
         char tick[32];
         std::snprintf(tick, sizeof tick, "%g ms", ms);

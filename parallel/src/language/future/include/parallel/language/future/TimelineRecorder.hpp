@@ -47,8 +47,9 @@ struct TimelineEntry {
 // an entry of its own.
 //
 // Threads: any thread constructs, reads and destroys a recorder; events come
-// from every thread. Destruction waits for an event being recorded, and no
-// event touches the recorder afterwards.
+// from every thread. One process-wide mutex guards the active recording and
+// its entries. Destruction waits for an event being recorded, and no event
+// touches the recorder afterwards.
 class QZ_FUTURE_API TimelineRecorder {
 public:
     // Throws std::logic_error when another recorder is recording.
