@@ -6,7 +6,7 @@
 //                       (X, "ConvertFrom", "epochtime", "TicksPerSecond", T,
 //                       "TimeZone", Z); "subsasgn" of ".TimeZone"; "posixtime";
 //                       "char"; property "TimeZone".
-//   "duration"          hours, minutes, seconds: "seconds"; "char".
+//   "duration"          hours, minutes, seconds: "seconds".
 //   "ParallelException" the error class of parallel work (no members).
 //   "korvex.mixin.Heterogeneous"  lets arrays of a class hold related kinds.
 //   "parallel.internal.future.FutureDisplayer"  "doDisp" prints a table of

@@ -65,7 +65,6 @@ public:
     bool isHidden() const noexcept { return (attributes_ & property_attribute::Visible) == 0; }
     const std::u16string& getDescription() const noexcept { return description_; }
 
-    virtual bool isWeakReference() const;
     // Host read entry: stores the property's value of `object` into `out`.
     virtual void getValue(COSValue* out, COSInterface* object) const;
     // Host write entry.
@@ -163,7 +162,6 @@ public:
     virtual const char* getName() const = 0;
     virtual const char16_t* getDescription() const;
     virtual const char16_t* getDetailedDescription() const;
-    virtual int getAccess() const;
     // Declares superclasses, properties and methods of `cls`.
     virtual void initializeClass(COSClass* cls, const COSClient* client);
     // The instance data of a new object of the class (null: none), and its
@@ -171,31 +169,12 @@ public:
     virtual void* createInstanceData();
     virtual void destroyInstanceData(COSInterface* object, void* data);
     virtual void instanceDataHook(COSInterface* object, void* data);
-    virtual bool isOkToDestroy(COSInterface* object) const;
-    virtual bool isHidden() const;
-    virtual bool isCompatibleInexactProperties() const;
-    virtual bool isFullNameDisplayed() const;
-    virtual bool isPropertyNameReservedByThisClass(InternedName name) const;
-    virtual bool canOtherClassContainThisClass() const;
-    virtual bool canThisClassContainOtherClass() const;
     // Objects are handles: copies of an array refer to the same objects.
     virtual bool isHandleClass() const;
-    virtual bool isHandleCompatible() const;
-    virtual bool isEnumeration() const;
-    virtual int getConnectAccess() const;
-    virtual int getConnectivity() const;
     // No class may derive from this one.
     virtual bool isSealed() const;
-    virtual bool isAbstract() const;
-    virtual bool useClassDefaultsOnLoad() const;
     // Arrays of the class may hold objects of its subclasses and aliases together.
     virtual bool allowsHeterogeneousArrays() const;
-    virtual bool isPropertyTruncationAllowed() const;
-    virtual bool isConstructedOnLoad() const;
-    virtual bool arePropertiesCaseInsensitive() const;
-    virtual bool isInstanceLeaf() const;
-    virtual bool isDestructible() const;
-    virtual bool isLocked() const;
     // Called after an object was loaded.
     virtual void instanceLoaded(COSInterface* object);
     // Saves `object` into `value` (a 1-by-1 structure of its stored, not
@@ -205,21 +184,8 @@ public:
     // Restores `object` from a saved `value`; false lets the host restore the
     // stored property values itself.
     virtual bool customLoad(COSInterfacePtr object, const COSValue& value);
-    virtual const char* getModule() const;
-    virtual bool areClassFunctionsAllowed() const;
-    virtual bool areExtensionMethodsAllowed() const;
     // Objects carry native instance data (createInstanceData).
     virtual bool hasNativeInstanceData() const;
-    virtual bool doEventsHaveSeparateNamespace() const;
-    virtual bool doesInexactPropertyNameIssueWarning() const;
-    virtual bool usesCustomChildrenList() const;
-    virtual int getArrayNature() const;
-    virtual Enumeration<COSInterface*> getChildrenOfInstance(COSInterface* object) const;
-    virtual bool classIsAbstract() const;
-    virtual bool allowInstanceUpdates() const;
-    virtual bool isIDConsistent() const;
-    virtual void* copyData(const void* data);
-    virtual bool willAllocateData() const;
 };
 
 // A class as the host built it from its info.
@@ -237,7 +203,6 @@ public:
     // The full name, "pkg.Name" (the short name for the top-level package).
     InternedName getInternedName() const noexcept { return name_; }
     COSClassInfo& getClassInfo() const noexcept { return *info_; }
-    COSPackage& getPackage() const noexcept { return *package_; }
 
     // Declares `superclass` (a class name) as a superclass; `required` makes
     // a missing class an error (UndefinedClass).
@@ -256,7 +221,6 @@ public:
     bool isSubclassOf(const COSClass& other) const;
 
 private:
-    COSPackage* package_;
     COSClassInfo* info_;
     InternedName name_;
     std::vector<COSClass*> superclasses_;
@@ -295,8 +259,6 @@ namespace COSDictionary {
 QZHOST_API void registerBuiltinClassAlias(InternedName alias, InternedName target, bool replace);
 // The target of an alias; the name itself when it is no alias. Any thread.
 QZHOST_API InternedName resolveAlias(InternedName name);
-// Removes an alias (tests and unloading). Any thread.
-QZHOST_API void unregisterBuiltinClassAlias(InternedName alias);
 } // namespace COSDictionary
 
 // The package of that name, made on first use. Any thread.

@@ -89,7 +89,6 @@ public:
     COSInterface* get() const noexcept;
     COSInterface* operator->() const noexcept { return get(); }
     explicit operator bool() const noexcept { return get() != nullptr; }
-    COSReferenceType getReferenceType() const noexcept { return type_; }
     // A shared owner of the object; null as for get().
     std::shared_ptr<COSInterface> lock() const noexcept;
 

@@ -21,9 +21,7 @@ public:
     explicit COSValue(boost::intrusive_ptr<dvArray> array) noexcept;
     // Takes over the reference that `array` carries (matrix::to_korvex).
     static COSValue adopt(dvArray* array) noexcept;
-    static COSValue fromBool(bool value) noexcept;
 
-    bool isEmpty() const noexcept;
     bool holdsArray() const noexcept;
     bool holdsBool() const noexcept;
 
@@ -50,7 +48,6 @@ private:
 class QZHOST_API COSClient {
 public:
     explicit constexpr COSClient(int accessLevel) noexcept : accessLevel_(accessLevel) {}
-    int getAccessLevel() const noexcept { return accessLevel_; }
     bool mayAccess(int memberAccess) const noexcept { return memberAccess <= accessLevel_; }
     // The client of the class's own code (all access).
     static const COSClient* getClassClient() noexcept;
@@ -62,7 +59,6 @@ private:
 // Member access values.
 namespace access {
 inline constexpr int Public = 0;
-inline constexpr int Protected = 1;
 inline constexpr int Private = 2;
 } // namespace access
 

@@ -28,7 +28,6 @@ public:
     const std::string& str() const noexcept;
     std::string_view view() const noexcept { return str(); }
     const char* c_str() const noexcept { return str().c_str(); }
-    bool isNull() const noexcept { return text_ == nullptr; }
     explicit operator bool() const noexcept { return text_ != nullptr; }
 
     friend bool operator==(InternedName a, InternedName b) noexcept { return a.text_ == b.text_; }

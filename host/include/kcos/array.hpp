@@ -51,9 +51,6 @@ QZHOST_API dvArray* omCreateKCOSEmpty(kcos::InternedName className);
 QZHOST_API kcos::COSInterfacePtr omGetArrayElement(const dvArray* array, std::size_t index);
 // The object itself, not a new handle; null as for omGetArrayElement.
 QZHOST_API kcos::COSInterface* omGetLiveArrayElement(dvArray* array, std::size_t index);
-// Every element as omGetLiveArrayElement gives it, in element order; the
-// objects stay alive while the array is neither written nor released.
-QZHOST_API std::vector<kcos::COSInterface*> omGetLiveArrayElements(const dvArray* array);
 // One element of dvGetObjects as omGetLiveArrayElement gives it.
 QZHOST_API kcos::COSInterface* omLiveObjectOf(matrix::dvObject* element) noexcept;
 // Stores the handle's object (an empty handle stores null). The array's

@@ -102,20 +102,6 @@ private:
     std::u16string* previous_;
 };
 
-// A warning of the language: prints "Warning: <message>" and a line break
-// through print(), and becomes the last warning of the calling thread's
-// interpreter. Any thread.
-QZHOST_API void warning(std::string_view id, std::u16string_view message);
-
-struct Warning {
-    std::string id;
-    std::u16string message;
-};
-// The last warning given on this interpreter thread; empty texts when none.
-QZHOST_API Warning lastWarning();
-// Forgets the last warning of this interpreter thread.
-QZHOST_API void clearLastWarning();
-
 } // namespace kvm
 
 // The interrupt state of the calling thread's interpreter.

@@ -68,15 +68,12 @@ using FunctionBody = std::function<std::vector<boost::intrusive_ptr<dvArray>>(
 // array's memory to the parent's owner (an object). Any thread.
 class QZHOST_API RootRecord {
 public:
-    explicit RootRecord(std::size_t bytes = 0) noexcept;
-    std::size_t getBytes() const noexcept;
     std::shared_ptr<RootRecord> getParent() const;
     void setParent(std::shared_ptr<RootRecord> parent);
     // True when `owner` is this record or one of its ancestors.
     bool isAccountedTo(const RootRecord* owner) const;
 
 private:
-    std::size_t bytes_;
     mutable std::mutex mutex_;
     std::shared_ptr<RootRecord> parent_;
 };
@@ -98,10 +95,6 @@ class QZHOST_API dvArray_tag {
 public:
     dvArray_tag(const dvArray_tag&) = delete;
     dvArray_tag& operator=(const dvArray_tag&) = delete;
-
-    // True when the element storage is shared with another array, so that a
-    // write in place would show through the other array.
-    bool is_data_shared_impl() const noexcept;
 
 private:
     friend struct matrix::detail::ArrayAccess;
@@ -210,8 +203,6 @@ QZHOST_API std::u16string_view dvGetChars(const dvArray* array);
 QZHOST_API const dvArray* dvGetCell(const dvArray* cell, std::size_t index);
 // Stores `value` (may be null) into the element in place, releasing the old one.
 QZHOST_API void dvSetCell(dvArray* cell, std::size_t index, matrix::unique_dvArray value);
-// As dvSetCell, but first detaches shared storage, so it never refuses.
-QZHOST_API void dvReplaceCell(dvArray* cell, std::size_t index, matrix::unique_dvArray value);
 
 // Structures. Errors: std::invalid_argument "Array is not struct array.",
 // "Struct array is not writable.", "Wrong field name."; std::out_of_range

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <chrono>
 #include <cmath>
 #include <ctime>
 
@@ -64,16 +63,9 @@ std::string zoneArgument(const kcos::COSValue& value) {
     return zone;
 }
 
-// datetime() is now; datetime(X, name, value, ...) reads epoch ticks.
+// datetime(X, name, value, ...) reads epoch ticks.
 void construct(int& numOutputs, kcos::COSValue* outputs, std::span<const kcos::COSValue> inputs) {
     DateTimeData& data = requireData(outputs[0].getArray());
-    if (inputs.empty()) {
-        data.seconds =
-            std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
-                .count();
-        numOutputs = 1;
-        return;
-    }
     if (inputs.size() % 2 == 0) {
         fail<Invalid>();
     }

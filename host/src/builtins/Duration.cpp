@@ -2,9 +2,6 @@
 
 #include "BuiltinMethod.hpp"
 
-#include <cmath>
-#include <cstdio>
-
 namespace hostclasses {
 
 namespace {
@@ -55,42 +52,12 @@ void seconds(int& numOutputs, kcos::COSValue* outputs, std::span<const kcos::COS
     numOutputs = 1;
 }
 
-// "hh:mm:ss", with the fraction of a second when there is one: "00:00:01.5".
-std::string formatted(double total) {
-    if (!std::isfinite(total)) {
-        return "NaN";
-    }
-    const bool negative = total < 0;
-    total = std::fabs(total);
-    const auto hours = static_cast<long long>(total / 3600.0);
-    const auto minutes = static_cast<int>((total - static_cast<double>(hours) * 3600.0) / 60.0);
-    const double secs = total - static_cast<double>(hours) * 3600.0 - minutes * 60.0;
-    char text[64];
-    if (secs == std::floor(secs)) {
-        std::snprintf(text, sizeof text, "%s%02lld:%02d:%02d", negative ? "-" : "", hours, minutes,
-                      static_cast<int>(secs));
-    } else {
-        std::snprintf(text, sizeof text, "%s%02lld:%02d:%s%g", negative ? "-" : "", hours, minutes,
-                      secs < 10.0 ? "0" : "", secs);
-    }
-    return text;
-}
-
-void toChar(int& numOutputs, kcos::COSValue* outputs, std::span<const kcos::COSValue> inputs) {
-    if (inputs.size() != 1) {
-        fail<Invalid>();
-    }
-    outputs[0].setArray(charRow(formatted(requireData(inputs[0].getArray()).seconds)));
-    numOutputs = 1;
-}
-
 class DurationInfo : public DataClassInfo<DurationData> {
 public:
     const char* getName() const override { return "duration"; }
     void initializeClass(kcos::COSClass* cls, const kcos::COSClient*) override {
         addMethod(*cls, "duration", false, construct);
         addMethod(*cls, "seconds", false, seconds);
-        addMethod(*cls, "char", false, toChar);
     }
 };
 

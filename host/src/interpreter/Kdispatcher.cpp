@@ -60,9 +60,8 @@ warnOnceCannotSave(std::size_t, const std::vector<boost::intrusive_ptr<dvArray>>
             return {};
         }
     }
-    kvm::warning("parallel:future:CannotSave",
-                 u"Objects of class '" + className +
-                     u"' cannot be saved; they load as unavailable futures.");
+    kvm::print(u"Warning: Objects of class '" + className +
+               u"' cannot be saved; they load as unavailable futures.\n");
     return {};
 }
 

@@ -71,10 +71,6 @@ COSPropT::COSPropT(InternedName name, COSDataTypePtr type, int getAccess, int se
 
 COSPropT::~COSPropT() = default;
 
-bool COSPropT::isWeakReference() const {
-    return false;
-}
-
 void COSPropT::getValue(COSValue* out, COSInterface* object) const {
     out->reset();
     if (boost::intrusive_ptr<dvArray> stored = object->getStoredValue(name_)) {
@@ -150,79 +146,19 @@ const char16_t* COSClassInfo::getDescription() const {
 const char16_t* COSClassInfo::getDetailedDescription() const {
     return u"";
 }
-int COSClassInfo::getAccess() const {
-    return access::Public;
-}
 void COSClassInfo::initializeClass(COSClass*, const COSClient*) {}
 void* COSClassInfo::createInstanceData() {
     return nullptr;
 }
 void COSClassInfo::destroyInstanceData(COSInterface*, void*) {}
 void COSClassInfo::instanceDataHook(COSInterface*, void*) {}
-bool COSClassInfo::isOkToDestroy(COSInterface*) const {
-    return true;
-}
-bool COSClassInfo::isHidden() const {
-    return false;
-}
-bool COSClassInfo::isCompatibleInexactProperties() const {
-    return false;
-}
-bool COSClassInfo::isFullNameDisplayed() const {
-    return false;
-}
-bool COSClassInfo::isPropertyNameReservedByThisClass(InternedName) const {
-    return false;
-}
-bool COSClassInfo::canOtherClassContainThisClass() const {
-    return true;
-}
-bool COSClassInfo::canThisClassContainOtherClass() const {
-    return true;
-}
 bool COSClassInfo::isHandleClass() const {
     return false;
-}
-bool COSClassInfo::isHandleCompatible() const {
-    return false;
-}
-bool COSClassInfo::isEnumeration() const {
-    return false;
-}
-int COSClassInfo::getConnectAccess() const {
-    return access::Public;
-}
-int COSClassInfo::getConnectivity() const {
-    return 0;
 }
 bool COSClassInfo::isSealed() const {
     return false;
 }
-bool COSClassInfo::isAbstract() const {
-    return false;
-}
-bool COSClassInfo::useClassDefaultsOnLoad() const {
-    return false;
-}
 bool COSClassInfo::allowsHeterogeneousArrays() const {
-    return false;
-}
-bool COSClassInfo::isPropertyTruncationAllowed() const {
-    return false;
-}
-bool COSClassInfo::isConstructedOnLoad() const {
-    return false;
-}
-bool COSClassInfo::arePropertiesCaseInsensitive() const {
-    return false;
-}
-bool COSClassInfo::isInstanceLeaf() const {
-    return false;
-}
-bool COSClassInfo::isDestructible() const {
-    return true;
-}
-bool COSClassInfo::isLocked() const {
     return false;
 }
 void COSClassInfo::instanceLoaded(COSInterface*) {}
@@ -265,53 +201,14 @@ bool COSClassInfo::customSave(COSInterfacePtr object, COSValue& value, COSDataTy
 bool COSClassInfo::customLoad(COSInterfacePtr, const COSValue&) {
     return false;
 }
-const char* COSClassInfo::getModule() const {
-    return nullptr;
-}
-bool COSClassInfo::areClassFunctionsAllowed() const {
-    return true;
-}
-bool COSClassInfo::areExtensionMethodsAllowed() const {
-    return false;
-}
 bool COSClassInfo::hasNativeInstanceData() const {
-    return false;
-}
-bool COSClassInfo::doEventsHaveSeparateNamespace() const {
-    return false;
-}
-bool COSClassInfo::doesInexactPropertyNameIssueWarning() const {
-    return false;
-}
-bool COSClassInfo::usesCustomChildrenList() const {
-    return false;
-}
-int COSClassInfo::getArrayNature() const {
-    return 0;
-}
-Enumeration<COSInterface*> COSClassInfo::getChildrenOfInstance(COSInterface*) const {
-    return {};
-}
-bool COSClassInfo::classIsAbstract() const {
-    return false;
-}
-bool COSClassInfo::allowInstanceUpdates() const {
-    return true;
-}
-bool COSClassInfo::isIDConsistent() const {
-    return true;
-}
-void* COSClassInfo::copyData(const void*) {
-    return nullptr;
-}
-bool COSClassInfo::willAllocateData() const {
     return false;
 }
 
 // --- COSClass ---------------------------------------------------------------
 
 COSClass::COSClass(COSPackage& package, COSClassInfo& info)
-    : package_(&package), info_(&info),
+    : info_(&info),
       name_(internal::makeInterned(package.getPackageName().empty()
                                        ? std::string(info.getName())
                                        : package.getPackageName() + "." + info.getName())) {}
@@ -487,12 +384,6 @@ InternedName COSDictionary::resolveAlias(InternedName name) {
     const std::lock_guard lock(reg.mutex);
     const auto it = reg.aliases.find(name);
     return it != reg.aliases.end() ? it->second : name;
-}
-
-void COSDictionary::unregisterBuiltinClassAlias(InternedName alias) {
-    Registry& reg = registry();
-    const std::lock_guard lock(reg.mutex);
-    reg.aliases.erase(alias);
 }
 
 } // namespace kcos

@@ -21,15 +21,6 @@ COSValue COSValue::adopt(dvArray* array) noexcept {
     return value;
 }
 
-COSValue COSValue::fromBool(bool value) noexcept {
-    COSValue result;
-    result.setBool(value);
-    return result;
-}
-
-bool COSValue::isEmpty() const noexcept {
-    return std::holds_alternative<std::monostate>(value_);
-}
 bool COSValue::holdsArray() const noexcept {
     return std::holds_alternative<boost::intrusive_ptr<dvArray>>(value_);
 }

@@ -68,16 +68,6 @@ kcos::COSInterface* omLiveObjectOf(matrix::dvObject* element) noexcept {
                : nullptr;
 }
 
-std::vector<kcos::COSInterface*> omGetLiveArrayElements(const dvArray* array) {
-    const auto elements = dvGetObjects(array);
-    std::vector<kcos::COSInterface*> objects;
-    objects.reserve(elements.size());
-    for (const std::shared_ptr<matrix::dvObject>& element : elements) {
-        objects.push_back(omLiveObjectOf(element.get()));
-    }
-    return objects;
-}
-
 void omSetArrayElement(dvArray* array, std::size_t index, const kcos::COSInterfacePtr& object) {
     dvSetObject(array, index, object.lock());
 }

@@ -86,11 +86,6 @@ void dvSetCell(dvArray* cell, std::size_t index, unique_dvArray value) {
         ArrayRef(value.release(), false);
 }
 
-void dvReplaceCell(dvArray* cell, std::size_t index, unique_dvArray value) {
-    checkIndex(checked(cell, ClassID::Cell, notCell), index, "Cell index is out of range.");
-    detachedValueOf<CellData>(cell).elements[index] = ArrayRef(value.release(), false);
-}
-
 const std::vector<std::string>& dvGetFieldNames(const dvArray* structure) {
     return valueOf<StructData>(checked(structure, ClassID::Struct, notStruct)).fields;
 }

@@ -7,12 +7,6 @@
 
 namespace matrix {
 
-RootRecord::RootRecord(std::size_t bytes) noexcept : bytes_(bytes) {}
-
-std::size_t RootRecord::getBytes() const noexcept {
-    return bytes_;
-}
-
 std::shared_ptr<RootRecord> RootRecord::getParent() const {
     std::lock_guard lock(mutex_);
     return parent_;

@@ -94,7 +94,6 @@ struct ArrayAccess {
 Dimensions normalized(Dimensions dims);
 // The product of `dims`; std::length_error when it overflows.
 std::size_t countOf(const Dimensions& dims);
-std::size_t approximateBytes(const StorageValue& value) noexcept;
 
 // `array` when it is non-null and of class `id`; std::invalid_argument
 // `message` otherwise.

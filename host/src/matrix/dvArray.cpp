@@ -17,16 +17,12 @@ using namespace matrix::detail;
 
 dvArray_tag::dvArray_tag(ClassID classID, Dimensions dims, std::shared_ptr<Storage> data)
     : classID_(classID), dims_(std::move(dims)), data_(std::move(data)),
-      root_(std::make_shared<matrix::RootRecord>(approximateBytes(data_->value))) {
+      root_(std::make_shared<matrix::RootRecord>()) {
     data_->users.fetch_add(1, std::memory_order_relaxed);
 }
 
 dvArray_tag::~dvArray_tag() {
     data_->users.fetch_sub(1, std::memory_order_release);
-}
-
-bool dvArray_tag::is_data_shared_impl() const noexcept {
-    return ArrayAccess::isShared(this);
 }
 
 void intrusive_ptr_add_ref(const dvArray* array) noexcept {
@@ -84,35 +80,6 @@ std::size_t countOf(const Dimensions& dims) {
         }
     }
     return count;
-}
-
-std::size_t approximateBytes(const StorageValue& value) noexcept {
-    return std::visit(
-        [](const auto& v) -> std::size_t {
-            using T = std::decay_t<decltype(v)>;
-            if constexpr (std::is_same_v<T, CellData>) {
-                return v.elements.size() * sizeof(ArrayRef);
-            } else if constexpr (std::is_same_v<T, StructData>) {
-                std::size_t bytes = v.values.size() * sizeof(ArrayRef);
-                for (const auto& field : v.fields) {
-                    bytes += field.size();
-                }
-                return bytes;
-            } else if constexpr (std::is_same_v<T, FunctionData>) {
-                return v.name.size() + sizeof(FunctionBody);
-            } else if constexpr (std::is_same_v<T, ObjectData>) {
-                return v.objects.size() * sizeof(std::shared_ptr<dvObject>);
-            } else if constexpr (std::is_same_v<T, StringData>) {
-                std::size_t bytes = v.elements.size() * sizeof(std::optional<std::u16string>);
-                for (const auto& element : v.elements) {
-                    bytes += element ? element->size() * sizeof(char16_t) : 0;
-                }
-                return bytes;
-            } else {
-                return v.size() * sizeof(typename T::value_type);
-            }
-        },
-        value);
 }
 
 const dvArray* checked(const dvArray* array, ClassID id, const char* message) {

@@ -4,11 +4,8 @@
 
 using foundation::core::diag::terminate;
 
-TEST(TerminateDeathTest, ReportsMessageSourceAndFunctionThenAborts) {
+TEST(TerminateDeathTest, ReportsMessageSourceAndFunctionWhenGivenThenAborts) {
     EXPECT_DEATH(terminate("Unknown policy.", "src/Promise.cpp", 42, "void f()"),
                  "Fatal error: Unknown policy\\.\n  at src/Promise\\.cpp:42\n  in void f\\(\\)\n");
-}
-
-TEST(TerminateDeathTest, LeavesOutTheFunctionLineWhenNoneIsGiven) {
     EXPECT_DEATH(terminate("Boom.", "a.cpp", 7), "Fatal error: Boom\\.\n  at a\\.cpp:7\n$");
 }

@@ -29,12 +29,10 @@ TEST(Exception, CarriesIdentifiersArgumentsAndCatalogueText) {
               u"Too many outputs requested: the futures have 1 outputs, but 3 were requested.");
     EXPECT_STREQ(error.what(),
                  "Too many outputs requested: the futures have 1 outputs, but 3 were requested.");
-}
-
-TEST(Exception, TagMayNameAnotherErrorIdentifier) {
-    const Cancelled error;
-    EXPECT_EQ(error.get_error_id(), "parallel:fevalqueue:ExecutionCancelled");
-    EXPECT_EQ(error.get_message_id().str(), "KORVEX:parallel:future:ExecutionCancelled");
+    // A tag may name another error identifier than its message identifier.
+    const Cancelled cancelled;
+    EXPECT_EQ(cancelled.get_error_id(), "parallel:fevalqueue:ExecutionCancelled");
+    EXPECT_EQ(cancelled.get_message_id().str(), "KORVEX:parallel:future:ExecutionCancelled");
 }
 
 TEST(Exception, IsCaughtThroughEachOfItsInterfaces) {
