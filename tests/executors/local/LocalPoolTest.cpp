@@ -1,9 +1,9 @@
 // qz-test-label: concurrency
 #include <localpool/LocalPool.hpp>
 
-#include <executor/ExecutorErrors.hpp>
 #include <parallel/language/future/ScopedTaskFinishedListener.hpp>
 
+#include <Veldspire/KException/KExceptionEnvelope.hpp>
 #include <foundation/core/except/Exception.hpp>
 #include <kcos/Language.hpp>
 #include <kvm/KVM.hpp>
@@ -16,7 +16,10 @@
 #include <functional>
 #include <future>
 #include <latch>
+#include <map>
 #include <memory>
+#include <mutex>
+#include <set>
 #include <thread>
 
 namespace localpool {
@@ -26,6 +29,7 @@ namespace future = parallel::language::future;
 using future::FutureState;
 using Array = boost::intrusive_ptr<dvArray>;
 using FuturePtr = std::shared_ptr<FevalFuture>;
+using OnAllPtr = std::shared_ptr<FevalOnAllFuture>;
 
 Array scalar(double value) {
     return Array(matrix::to_korvex(dvCreateDoubleScalar(value)), false);
@@ -57,19 +61,37 @@ double outputOf(const FuturePtr& f) {
     return dvGetDoubles(f->getTask()->getOutputsOrError().value().value().at(0).get())[0];
 }
 
-// The message identifier of a typed error, else the text; "" without an error.
-std::string errorOf(const FuturePtr& f) {
-    EXPECT_EQ(f->getState(), FutureState::Finished);
+// The message identifier of a typed error or of an error envelope (the form
+// that a future's errors take), else the text; "" without an error.
+std::string idOf(const std::exception_ptr& error) {
     try {
-        if (const auto result = f->getTask()->getOutputsOrError(); result.hasError()) {
-            std::rethrow_exception(result.error());
+        if (error) {
+            std::rethrow_exception(error);
         }
     } catch (const foundation::core::except::IMsgIDException& e) {
         return e.get_message_id().str();
+    } catch (const Veldspire::KException::KExceptionEnvelope& e) {
+        return e.GetMessageID().str();
     } catch (const std::exception& e) {
         return e.what();
     }
     return "";
+}
+
+std::string errorOf(const FuturePtr& f) {
+    EXPECT_EQ(f->getState(), FutureState::Finished);
+    const auto result = f->getTask()->getOutputsOrError();
+    return result.hasError() ? idOf(result.error()) : "";
+}
+
+std::vector<std::string> taskErrorsOf(const OnAllPtr& f) {
+    EXPECT_EQ(f->getState(), FutureState::Finished);
+    const auto errors = f->getError();
+    std::vector<std::string> ids;
+    for (std::size_t i = 0; i < errors.size(); ++i) {
+        ids.push_back(idOf(errors[i]));
+    }
+    return ids;
 }
 
 constexpr const char* kCancelled = "KORVEX:parallel:future:ExecutionCancelled";
@@ -100,12 +122,8 @@ TEST(LocalPool, RunsOnItsOwnInputsAndKeepsOutputsTimesAndDiary) {
 TEST(LocalPool, ErrorsBecomeTheTaskErrorAndWorkersSurviveFailingNotifications) {
     future::ScopedTaskFinishedListener listener(std::make_shared<ThrowingListener>());
     LocalPool pool(1);
-    // Refused by typed errors, and before a worker sizes anything by the count.
-    using InvalidFunction = foundation::core::except::Exception<KORVEX::executor::InvalidFunction>;
+    // Refused before a worker sizes anything by the count.
     using TooManyOutputs = foundation::core::except::Exception<KORVEX::maxlhs>;
-    EXPECT_THROW(pool.submit(scalar(1), 0, {}), InvalidFunction);
-    EXPECT_THROW(pool.submitOnAll(nullptr, 0, {}), InvalidFunction);
-    EXPECT_THROW(pool.submit(plusOne(), 4294967295u, {}), TooManyOutputs);
     EXPECT_THROW(pool.submitOnAll(plusOne(), kcos::kMaxNumOutputs + 1, {}), TooManyOutputs);
     auto throwing = pool.submit(plusOne([] { throw std::runtime_error("boom"); }), 1, {});
     auto tooManyOutputs = pool.submit(plusOne(), 3, {scalar(1)});
@@ -115,34 +133,87 @@ TEST(LocalPool, ErrorsBecomeTheTaskErrorAndWorkersSurviveFailingNotifications) {
     EXPECT_EQ(errorOf(tooManyOutputs), "KORVEX:maxlhs");
 }
 
+TEST(LocalPool, SubmitOnAllRunsTaskIOnWorkerI) {
+    const auto interpreter = kvm::KVM::create(); // fetchOutputs needs one
+    LocalPool pool(4);
+    std::mutex mutex;
+    std::map<double, std::thread::id> threadOf; // by output, which is unique
+    std::atomic<int> tickets{0};
+    auto body = [&](std::size_t, const DvArrayVector&) {
+        const int ticket = tickets++;
+        const std::lock_guard lock(mutex);
+        threadOf[ticket] = std::this_thread::get_id();
+        return DvArrayVector{scalar(ticket)};
+    };
+    const Array ticket(matrix::to_korvex(matrix::createFunctionHandle("ticket", body)), false);
+
+    std::vector<std::vector<double>> outputs;
+    for (int round = 0; round < 2; ++round) {
+        const OnAllPtr f = pool.submitOnAll(ticket, 1, {});
+        const auto all = future::FutureBase::fetchOutputs({f}, true, 1);
+        ASSERT_EQ(dvGetDimensions(all.at(0).get()), (matrix::Dimensions{4, 1}));
+        const auto values = dvGetDoubles(all[0].get());
+        outputs.emplace_back(values.begin(), values.end());
+    }
+    // Task i ran on worker i both times, and the four workers are distinct threads.
+    const std::lock_guard lock(mutex);
+    std::set<std::thread::id> workers;
+    for (std::size_t i = 0; i < 4; ++i) {
+        EXPECT_EQ(threadOf.at(outputs[0][i]), threadOf.at(outputs[1][i])) << "task " << i;
+        workers.insert(threadOf.at(outputs[0][i]));
+    }
+    EXPECT_EQ(workers.size(), 4u);
+}
+
+// Every task a cancel or the shutdown ends, shared or pinned, waiting or
+// running, must tell the listeners: only Finished wakes a fetchNext asleep on
+// another thread.
 TEST(LocalPool, CancelAndShutdownSkipQueuedWorkAndStopRunningWork) {
     EXPECT_FALSE(stopRequested());
+    const Array never = plusOne([] { ADD_FAILURE() << "cancelled work ran"; });
     for (bool shutdown : {false, true}) {
-        std::latch started(1);
-        FuturePtr running, queued;
-        // Only Finished wakes a fetchNext asleep on another thread: every
-        // task the cancel or the shutdown ends must tell the listeners.
+        std::latch started(2);
+        OnAllPtr running, queuedOnAll;
+        FuturePtr queued;
         const auto finished = std::make_shared<CountingListener>();
         const future::ScopedTaskFinishedListener listening(finished);
         {
-            LocalPool pool(1);
-            running = pool.submit(plusOne([&] { untilStopped(started); }), 1, {});
-            queued = pool.submit(plusOne([] { ADD_FAILURE() << "cancelled work ran"; }), 0, {});
+            LocalPool pool(2);
+            running = pool.submitOnAll(plusOne([&] { untilStopped(started); }), 1, {});
+            queued = pool.submit(never, 0, {});
+            queuedOnAll = pool.submitOnAll(never, 0, {});
             started.wait();
+            EXPECT_EQ(queuedOnAll->getState(), FutureState::Queued); // every worker is busy
             EXPECT_EQ(finished->calls, 0);
             if (!shutdown) {
                 queued->cancel();
-                EXPECT_EQ(finished->calls, 1) << "the cancel of a queued task";
+                queuedOnAll->cancel();
+                EXPECT_EQ(finished->calls, 3) << "the cancels of the queued tasks";
+                EXPECT_EQ(errorOf(queued), kCancelled);
+                EXPECT_EQ(taskErrorsOf(queuedOnAll), std::vector<std::string>(2, kCancelled));
+                // Only the queues could still hold the cancelled tasks: once
+                // their futures are gone, nothing may.
+                std::vector<std::weak_ptr<future::TaskBase>> cancelled{queued->getTask()};
+                for (unsigned long long i = 0; i < 2; ++i) {
+                    cancelled.push_back(queuedOnAll->getMultiTask()->getTask(i));
+                }
+                queued.reset();
+                queuedOnAll.reset();
+                for (const auto& task : cancelled) {
+                    EXPECT_TRUE(task.expired());
+                }
                 running->cancel();
-                // The only worker is free again once the function has returned; had
-                // the cancelled task stayed queued, it would have run before this one.
+                // The workers are free again once the functions have returned.
                 EXPECT_EQ(outputOf(pool.submit(plusOne(), 1, {scalar(1)})), 2);
             }
         }
-        EXPECT_EQ(finished->calls, shutdown ? 2 : 3) << "the running, the queued (and the last)";
-        EXPECT_EQ(errorOf(queued), kCancelled);
-        // Asked to stop by the shutdown, the running function returns normally.
-        EXPECT_EQ(errorOf(running), shutdown ? "" : kCancelled);
+        EXPECT_EQ(finished->calls, shutdown ? 5 : 6) << "the running, the queued (and the last)";
+        if (shutdown) {
+            EXPECT_EQ(errorOf(queued), kCancelled);
+            EXPECT_EQ(taskErrorsOf(queuedOnAll), std::vector<std::string>(2, kCancelled));
+        }
+        // Asked to stop by the shutdown, the running functions return normally.
+        EXPECT_EQ(taskErrorsOf(running), std::vector<std::string>(2, shutdown ? "" : kCancelled));
     }
 }
 
@@ -185,28 +256,6 @@ TEST(LocalPool, ShutdownGivesUpOnAFunctionThatIgnoresStopAfterTheGracePeriod) {
     release.set_value(); // the left-behind worker finishes alone
     workerExited.get_future().wait();
     EXPECT_EQ(errorOf(stuck), kCancelled); // its late result changes nothing
-}
-
-TEST(LocalPool, SubmissionsFromManyThreadsAllFinish) {
-    LocalPool pool(2);
-    std::latch go(4);
-    std::vector<std::vector<FuturePtr>> futures(4);
-    {
-        std::vector<std::jthread> submitters;
-        for (auto& mine : futures) {
-            submitters.emplace_back([&] {
-                go.arrive_and_wait();
-                for (int i = 0; i < 50; ++i) {
-                    mine.push_back(pool.submit(plusOne(), 1, {scalar(i)}));
-                }
-            });
-        }
-    }
-    for (const auto& perThread : futures) {
-        for (int i = 0; i < 50; ++i) {
-            EXPECT_EQ(outputOf(perThread[i]), i + 1);
-        }
-    }
 }
 
 } // namespace

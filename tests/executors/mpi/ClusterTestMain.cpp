@@ -75,8 +75,9 @@ void registerFunctions() {
     });
     registerFunction("tally",
                      [](std::size_t, const DvArrayVector&) { return one(scalar(++gTally)); });
-    registerFunction("tallySoFar",
-                     [](std::size_t, const DvArrayVector&) { return one(scalar(gTally)); });
+    registerFunction("tallyAndRank", [](std::size_t, const DvArrayVector&) {
+        return DvArrayVector{scalar(gTally), scalar(thisRank())};
+    });
     registerFunction("rank",
                      [](std::size_t, const DvArrayVector&) { return one(scalar(thisRank())); });
     registerFunction("giveObject", [](std::size_t, const DvArrayVector&) {
@@ -92,11 +93,6 @@ Cluster& cluster() {
 
 Array scalar(double value) {
     return Array(matrix::to_korvex(dvCreateDoubleScalar(value)), false);
-}
-
-Array text(const char* utf8) {
-    return Array(matrix::to_korvex(matrix::create(utf8, std::char_traits<char>::length(utf8))),
-                 false);
 }
 
 Array handle(const char* registeredName) {

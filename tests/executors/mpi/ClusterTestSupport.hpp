@@ -31,7 +31,7 @@ using Array = boost::intrusive_ptr<dvArray>;
 //                  envelope with two causes, 3 a host typed error, 4 a non-exception
 //   "untilStopped" waits until its task is asked to stop, then gives 1
 //   "tally"        counts its calls in the process; gives the count so far
-//   "tallySoFar"   the count so far, without counting
+//   "tallyAndRank" the count so far, without counting, and the rank
 //   "rank"         the rank of the process that runs it
 //   "giveObject"   gives an error object, which cannot be sent
 void registerFunctions();
@@ -41,7 +41,6 @@ Cluster& cluster();
 extern Cluster* gCluster;
 
 Array scalar(double value);
-Array text(const char* utf8);
 Array handle(const char* registeredName);
 double valueOf(const dvArray* array);
 
