@@ -30,6 +30,8 @@ void attachCacheCallbacks(const std::shared_ptr<ContinuationTask>& task,
     // The running promise of a task that never runs stays pending: this
     // callback must not hold the task, or the task would hold itself.
     const std::weak_ptr<ContinuationTask> weakTask = task;
+    // Boost runs this inside doNotifyRunning with TaskBase's mutex held: it
+    // takes only the continuation's own mutex (takeInputs).
     task->afterRunningThen(boost::launch::sync, [=] {
         runOnInterpreter(
             target,
