@@ -2,7 +2,6 @@
 #include "support/FutureTestSupport.hpp"
 
 #include <parallel/language/future/FutureErrors.hpp>
-#include <parallel/language/future/UnavailableFuture.hpp>
 
 #include <latch>
 #include <thread>
@@ -18,30 +17,6 @@ class FetchNext : public InterpreterTest {};
 
 FetchNextState stateOf(const std::tuple<FetchNextState, std::size_t, DvArrayVector>& result) {
     return std::get<0>(result);
-}
-
-TEST_F(FetchNext, TakesFinishedFuturesLowestIndexFirst) {
-    std::vector<TestFuture> f(4);
-    Futures futures;
-    for (std::size_t i = 0; i < f.size(); ++i) {
-        f[i].running();
-        futures.push_back(f[i].future);
-    }
-    f[3].task->result = OutputsOrError(std::optional<DvArrayVector>(DvArrayVector{scalar(3.0)}));
-    f[1].task->result = OutputsOrError(std::optional<DvArrayVector>(DvArrayVector{scalar(1.0)}));
-    f[3].task->doNotifyFinished();
-    f[1].task->doNotifyFinished();
-    auto [state, index, outputs] = FutureBase::fetchNext(futures, 1, kForever);
-    EXPECT_EQ(state, FetchNextState::Fetched);
-    EXPECT_EQ(index, 1u);
-    EXPECT_EQ(valueOf(outputs.at(0).get()), 1.0);
-    EXPECT_TRUE(f[1].future->getRead());
-    EXPECT_EQ(std::get<1>(FutureBase::fetchNext(futures, 1, kForever)), 3u);
-    EXPECT_EQ(stateOf(FutureBase::fetchNext(futures, 1, Seconds(0.0))), FetchNextState::TimedOut);
-    // What the method refuses before it fetches.
-    EXPECT_EQ(stateOf(FutureBase::fetchNext({}, 1, kForever)), FetchNextState::NotSubmitted);
-    EXPECT_EQ(stateOf(FutureBase::fetchNext({std::make_shared<UnavailableFuture>()}, 1, kForever)),
-              FetchNextState::InvalidFuture);
 }
 
 TEST_F(FetchNext, WakesWhenWorkFinishesOnAnotherThread) {

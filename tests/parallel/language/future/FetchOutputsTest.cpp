@@ -115,13 +115,6 @@ TEST_F(FetchOutputs, RefusesUnavailableFuturesBeforeWaiting) {
     EXPECT_FALSE(running.future->getRead());
 }
 
-TEST_F(FetchOutputs, ReadFuturesAreFetchedAgainFromTheirCache) {
-    const Futures futures = threeNumbers();
-    FutureBase::fetchOutputs(futures, true, 1);
-    const DvArrayVector again = FutureBase::fetchOutputs(futures, true, 1);
-    EXPECT_EQ(dvGetNumberOfElements(again[0].get()), 3u);
-}
-
 TEST_F(FetchOutputs, WaitsForWorkThatAnotherThreadFinishes) {
     TestFuture running;
     running.running();

@@ -62,11 +62,6 @@ bool truth(const matrix::unique_dvArray& answer) {
     return dvGetLogicals(answer.get())[0] != 0;
 }
 
-bool isEmptyDouble(const matrix::unique_dvArray& array) {
-    return std::string(dvGetClassName(array.get())) == "double" &&
-           dvGetDimensions(array.get()) == matrix::Dimensions{0, 0};
-}
-
 std::vector<double> doublesOf(const matrix::unique_dvArray& array) {
     const auto values = dvGetDoubles(array.get());
     return {values.begin(), values.end()};
@@ -79,12 +74,12 @@ DvArrayVector squareOf(std::size_t, const DvArrayVector& in) {
 
 class FutureMethods : public LanguageTest {
 protected:
-    const Array yes{matrix::to_korvex(dvCreateLogicalScalar(true)), false};
-    const Array no{matrix::to_korvex(dvCreateLogicalScalar(false)), false};
+    const Array yes = own(dvCreateLogicalScalar(true));
+    const Array no = own(dvCreateLogicalScalar(false));
     const Array one = scalar(1), zero = scalar(0), generous = scalar(60),
                 finished = text("finished");
-    const Array nothing{matrix::to_korvex(objects({})), false};
-    const Array unavailable{matrix::to_korvex(construct("parallel.Future")), false};
+    const Array nothing = own(objects({}));
+    const Array unavailable = own(construct("parallel.Future"));
 };
 
 TEST_F(FutureMethods, FetchNextTakesFinishedFuturesThenTimesOutThenHasNoneLeft) {
@@ -101,7 +96,8 @@ TEST_F(FutureMethods, FetchNextTakesFinishedFuturesThenTimesOutThenHasNoneLeft) 
 
     const auto timedOut = call("fetchNext", 2, {both.get(), zero.get()});
     ASSERT_EQ(timedOut.size(), 2u);
-    EXPECT_TRUE(isEmptyDouble(timedOut[0]) && isEmptyDouble(timedOut[1]));
+    EXPECT_TRUE(isEmptyOfClass(timedOut[0].get(), "double") &&
+                isEmptyOfClass(timedOut[1].get(), "double"));
     EXPECT_FALSE(first.future->getRead());
 
     first.task->doNotifyFinished();
@@ -120,9 +116,7 @@ TEST_F(FutureMethods, FetchNextRefusesBadTimeoutsAndFuturesItCannotFetch) {
     next.finishedWith({scalar(2)});
     failed.failedWith(std::make_exception_ptr(KExceptionEnvelope("user:oops", u"Broke.")));
     const auto doneArray = objects({done.future});
-    const Array wide{
-        matrix::to_korvex(matrix::detail::do_create_numeric({1, 2}, matrix::ClassID::Double)),
-        false};
+    const Array wide = own(matrix::detail::do_create_numeric({1, 2}, matrix::ClassID::Double));
     for (const Array& timeout : {scalar(-1), scalar(std::nan("")), text("1"), wide}) {
         EXPECT_EQ(raised("fetchNext", 1, {doneArray.get(), timeout.get()}).id,
                   kFuture + "FetchNextTimeoutScalar");
@@ -272,12 +266,12 @@ TEST_F(FutureMethods, StringScalarsAreTextWhereOptionsAndStatesAreRead) {
     TestFuture done;
     done.finishedWith({scalar(1)});
     const auto f = objects({done.future});
-    const Array uni{matrix::to_korvex(str::createScalar(u"uni")), false};
-    const Array running{matrix::to_korvex(str::createScalar(u"Running")), false};
-    const Array missing{matrix::to_korvex(str::createScalar(std::nullopt)), false};
-    const Array pair{matrix::to_korvex(str::create({1, 2}, {u"uni", u"uni"})), false};
-    const Array accented{matrix::to_korvex(str::createScalar(u"uni\u00e9")), false};
-    const Array bogus{matrix::to_korvex(str::createScalar(u"Bogus")), false};
+    const Array uni = own(str::createScalar(u"uni"));
+    const Array running = own(str::createScalar(u"Running"));
+    const Array missing = own(str::createScalar(std::nullopt));
+    const Array pair = own(str::create({1, 2}, {u"uni", u"uni"}));
+    const Array accented = own(str::createScalar(u"uni\u00e9"));
+    const Array bogus = own(str::createScalar(u"Bogus"));
 
     EXPECT_EQ(doublesOf(call("fetchOutputs", 1, {f.get(), uni.get(), yes.get()}).at(0)),
               std::vector<double>{1});
@@ -451,7 +445,7 @@ TEST_F(FutureMethods, EvaluationsOnAPoolDrainedFollowedAndWaitedFor) {
         LanguagePool() { localpool::setLanguagePool(pool); }
         ~LanguagePool() { localpool::setLanguagePool(nullptr); }
     } languagePool;
-    const Array square(matrix::to_korvex(matrix::createFunctionHandle("square", squareOf)), false);
+    const Array square = functionHandle("square", squareOf);
     std::vector<matrix::unique_dvArray> constructed;
     std::vector<std::shared_ptr<FutureBase>> started;
     for (double x : {1.0, 2.0, 3.0}) {
@@ -465,7 +459,7 @@ TEST_F(FutureMethods, EvaluationsOnAPoolDrainedFollowedAndWaitedFor) {
     for (std::size_t round = 0; round <= started.size() && stop.id == Raised{}.id; ++round) {
         stop = raisedBy([&] {
             const auto out = call("fetchNext", 2, {futures.get(), generous.get()});
-            ASSERT_FALSE(isEmptyDouble(out.at(0))) << "timed out";
+            ASSERT_FALSE(isEmptyOfClass(out.at(0).get(), "double")) << "timed out";
             fetched[valueOf(out[0].get())] = valueOf(out.at(1).get());
         });
     }

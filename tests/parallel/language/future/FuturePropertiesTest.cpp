@@ -39,11 +39,6 @@ private:
     const char* doGetCosAliasName() const override { return "parallel.FevalFuture"; }
 };
 
-bool isEmptyOfClass(const dvArray* array, const char* className) {
-    return std::string(dvGetClassName(array)) == className &&
-           dvGetDimensions(array) == matrix::Dimensions{0, 0};
-}
-
 std::string errorIdOf(const dvArray* error) {
     return KExceptionEnvelope(error).GetID();
 }

@@ -47,19 +47,27 @@ inline KExceptionEnvelope envelopeOf(const std::exception_ptr& error) {
     }
 }
 
+// Shares `array` with the test, taking over its one reference.
+inline boost::intrusive_ptr<dvArray> own(matrix::unique_dvArray array) {
+    return boost::intrusive_ptr<dvArray>(matrix::to_korvex(std::move(array)), false);
+}
+
 // A function handle named `name` that runs `body`.
 inline boost::intrusive_ptr<dvArray> functionHandle(const char* name, matrix::FunctionBody body) {
-    return boost::intrusive_ptr<dvArray>(
-        matrix::to_korvex(matrix::createFunctionHandle(name, std::move(body))), false);
+    return own(matrix::createFunctionHandle(name, std::move(body)));
 }
 
 inline boost::intrusive_ptr<dvArray> scalar(double value) {
-    return boost::intrusive_ptr<dvArray>(matrix::to_korvex(dvCreateDoubleScalar(value)), false);
+    return own(dvCreateDoubleScalar(value));
 }
 
 inline boost::intrusive_ptr<dvArray> text(const char* value) {
-    return boost::intrusive_ptr<dvArray>(
-        matrix::to_korvex(matrix::create(value, std::char_traits<char>::length(value))), false);
+    return own(matrix::create(value, std::char_traits<char>::length(value)));
+}
+
+inline bool isEmptyOfClass(const dvArray* array, const char* className) {
+    return std::string(dvGetClassName(array)) == className &&
+           dvGetDimensions(array) == matrix::Dimensions{0, 0};
 }
 
 inline double valueOf(const dvArray* array) {

@@ -29,16 +29,13 @@ namespace parallel::language::future::fuzz {
 
 using testing::futureOf;
 using testing::interned;
+using testing::own;
 using testing::scalar;
 using testing::TestFuture;
 using testing::text;
 using Veldspire::KException::KExceptionEnvelope;
 using Array = boost::intrusive_ptr<dvArray>;
 using Rng = std::mt19937_64;
-
-inline Array own(matrix::unique_dvArray array) {
-    return Array(matrix::to_korvex(std::move(array)), false);
-}
 
 inline Array numeric(matrix::Dimensions dims, matrix::ClassID type = matrix::ClassID::Double) {
     return own(matrix::detail::do_create_numeric(dims, type));
