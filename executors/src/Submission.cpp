@@ -4,10 +4,14 @@
 
 namespace executor {
 
-void checkSubmission(const boost::intrusive_ptr<dvArray>& function, unsigned int numOutputs) {
-    if (!function || dvGetClassID(function.get()) != matrix::ClassID::FunctionHandle) {
+void checkFunction(const dvArray* function) {
+    if (function == nullptr || dvGetClassID(function) != matrix::ClassID::FunctionHandle) {
         throw errors::InvalidFunction();
     }
+}
+
+void checkSubmission(const boost::intrusive_ptr<dvArray>& function, unsigned int numOutputs) {
+    checkFunction(function.get());
     if (numOutputs > kcos::kMaxNumOutputs) {
         matrix::detail::error_maxlhs();
     }

@@ -27,6 +27,9 @@
 
 namespace executor {
 
+// Refuses anything but a function handle: KORVEX:executor:InvalidFunction.
+void checkFunction(const dvArray* function);
+
 // Refuses what no worker could run, before anything is sized by the count:
 // KORVEX:executor:InvalidFunction for a null or non-function `function`, the
 // host's maxlhs error for more than kcos::kMaxNumOutputs outputs.

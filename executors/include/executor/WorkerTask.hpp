@@ -15,6 +15,8 @@
 // Threads: any thread marks, cancels and reads; the result and the diary are
 // guarded by the task's own mutex.
 
+#include <executor/NotifySafely.hpp>
+
 #include <parallel/language/future/TaskBase.hpp>
 
 #include <foundation/core/sync/Mutex.hpp>
@@ -94,5 +96,21 @@ struct Evaluated {
 // the error of the result; none leaves. The thread that runs the work.
 Evaluated evaluateCapturing(const std::atomic<bool>& stop,
                             const std::function<DvArrayVector()>& evaluate) noexcept;
+
+// Runs `task` as a worker thread does: Running, then `task.run()`, then
+// Finished. A task asked to stop before it started is cancelled instead of
+// run. A failing notification is reported under `executorName` (see
+// notifySafely) and the worker carries on. `Task` derives from WorkerTask
+// and has `void run()`. The executor's worker thread.
+template <class Task>
+void runAsWorker(const char* executorName, Task& task) noexcept {
+    notifySafely(executorName, "Running", [&] { task.markRunning(); });
+    if (task.isStopRequested()) {
+        task.cancel();
+    } else {
+        task.run();
+    }
+    notifySafely(executorName, "Finished", [&] { task.markFinished(); });
+}
 
 } // namespace executor

@@ -5,7 +5,7 @@
 
 #include "PoolErrors.hpp"
 
-#include <executor/ExecutorErrors.hpp>
+#include <executor/Submission.hpp>
 #include <parallel/language/future/FutureBase.hpp>
 
 #include <foundation/core/sync/Mutex.hpp>
@@ -61,9 +61,7 @@ unsigned int numOutputsArgument(const dvArray* value) {
 }
 
 boost::intrusive_ptr<dvArray> functionArgument(const dvArray* value) {
-    if (value == nullptr || dvGetClassID(value) != matrix::ClassID::FunctionHandle) {
-        throw executor::errors::InvalidFunction();
-    }
+    executor::checkFunction(value);
     return boost::intrusive_ptr<dvArray>(matrix::to_korvex(matrix::detail::do_shared_copy(value)),
                                          false);
 }

@@ -3,7 +3,6 @@
 #include "PoolTask.hpp"
 
 #include <executor/FinishOnceCancelled.hpp>
-#include <executor/NotifySafely.hpp>
 #include <executor/PinnedQueue.hpp>
 #include <executor/Submission.hpp>
 #include <parallel/language/future/TimelineRecorder.hpp>
@@ -24,18 +23,6 @@ namespace localpool {
 namespace {
 
 using TaskQueue = executor::PinnedQueue<PoolTask>;
-
-// A task that was asked to stop before its function started is cancelled
-// instead of run. Worker thread.
-void execute(PoolTask& task) noexcept {
-    executor::notifySafely("localpool", "Running", [&] { task.markRunning(); });
-    if (task.isStopRequested()) {
-        task.cancel();
-    } else {
-        task.run();
-    }
-    executor::notifySafely("localpool", "Finished", [&] { task.markFinished(); });
-}
 
 // Which workers have left their loop. Shared by the pool and its workers:
 // a worker the pool stopped waiting for still reports here after the pool
@@ -89,7 +76,7 @@ void workerLoop(const std::shared_ptr<TaskQueue>& queue, const std::shared_ptr<W
     parallel::language::future::TimelineRecorder::nameThisThread("worker " +
                                                                  std::to_string(worker + 1));
     while (const auto task = queue->takeNext(worker)) {
-        execute(*task);
+        executor::runAsWorker("localpool", *task);
         queue->release(worker);
     }
     exits->markExited(worker);
