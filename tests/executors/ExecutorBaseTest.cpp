@@ -8,8 +8,8 @@
 #include <executor/Submission.hpp>
 #include <executor/WorkerTask.hpp>
 
-#include <foundation/core/except/Exception.hpp>
 #include <kcos/Language.hpp>
+#include <support/ErrorIds.hpp>
 
 #include <gtest/gtest.h>
 
@@ -25,19 +25,7 @@ using future::FutureState;
 using Array = boost::intrusive_ptr<dvArray>;
 using Queue = PinnedQueue<WorkerTask>;
 using TaskPtr = Queue::TaskPtr;
-
-// The message identifier of a typed error thrown by `call`, else its text.
-template <class Call>
-std::string thrownBy(Call call) {
-    try {
-        call();
-    } catch (const foundation::core::except::IMsgIDException& e) {
-        return e.get_message_id().str();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "";
-}
+using testsupport::thrownBy;
 
 Array scalar(double value) {
     return Array(matrix::to_korvex(dvCreateDoubleScalar(value)), false);

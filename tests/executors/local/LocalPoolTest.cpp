@@ -3,11 +3,10 @@
 
 #include <parallel/language/future/ScopedTaskFinishedListener.hpp>
 
-#include <Veldspire/KException/KExceptionEnvelope.hpp>
-#include <foundation/core/except/Exception.hpp>
 #include <kcos/Language.hpp>
 #include <kvm/KVM.hpp>
 #include <matrix/Errors.hpp>
+#include <support/ErrorIds.hpp>
 
 #include <gtest/gtest.h>
 
@@ -28,6 +27,7 @@ namespace {
 namespace future = parallel::language::future;
 using future::FutureState;
 using Array = boost::intrusive_ptr<dvArray>;
+using testsupport::idOf;
 using FuturePtr = std::shared_ptr<FevalFuture>;
 using OnAllPtr = std::shared_ptr<FevalOnAllFuture>;
 
@@ -59,23 +59,6 @@ double outputOf(const FuturePtr& f) {
     EXPECT_TRUE(f->getTask()->wait(FutureState::Finished,
                                    future::clock::getCurrentSteadyTime() + future::Seconds(60)));
     return dvGetDoubles(f->getTask()->getOutputsOrError().value().value().at(0).get())[0];
-}
-
-// The message identifier of a typed error or of an error envelope (the form
-// that a future's errors take), else the text; "" without an error.
-std::string idOf(const std::exception_ptr& error) {
-    try {
-        if (error) {
-            std::rethrow_exception(error);
-        }
-    } catch (const foundation::core::except::IMsgIDException& e) {
-        return e.get_message_id().str();
-    } catch (const Veldspire::KException::KExceptionEnvelope& e) {
-        return e.GetMessageID().str();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "";
 }
 
 std::string errorOf(const FuturePtr& f) {

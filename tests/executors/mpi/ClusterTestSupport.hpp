@@ -10,8 +10,7 @@
 
 #include <parallel/language/future/FutureBase.hpp>
 
-#include <Veldspire/KException/KExceptionEnvelope.hpp>
-#include <foundation/core/except/Exception.hpp>
+#include <support/ErrorIds.hpp>
 
 #include <gtest/gtest.h>
 
@@ -22,6 +21,7 @@ namespace mpipool::testing {
 namespace future = parallel::language::future;
 using future::FutureState;
 using Array = boost::intrusive_ptr<dvArray>;
+using testsupport::thrownBy;
 
 // The registered functions (see ClusterTestMain.cpp):
 //   "plusOne"      x + 1 (1 without inputs); prints "adding one"
@@ -51,19 +51,6 @@ bool reaches(const std::shared_ptr<future::FevalFuture>& f, FutureState state);
 double outputOf(const std::shared_ptr<future::FevalFuture>& f);
 // The message identifier of the error of `f` ("" without one).
 std::string errorOf(const std::shared_ptr<future::FevalFuture>& f);
-// The message identifier of a host typed error or error envelope thrown by
-// `call` ("" when none).
-template <class Call>
-std::string thrownBy(Call call) {
-    try {
-        call();
-    } catch (const foundation::core::except::IMsgIDException& e) {
-        return e.get_message_id().str();
-    } catch (const Veldspire::KException::KExceptionEnvelope& e) {
-        return e.GetMessageID().str();
-    }
-    return "";
-}
 
 inline constexpr const char* kCancelled = "KORVEX:parallel:future:ExecutionCancelled";
 
