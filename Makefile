@@ -9,6 +9,8 @@
 #   make thread-safety  the libraries built by Clang with its lock
 #                   analysis, warnings as errors           (build/clang)
 #   make bench      build and run the benchmarks           (build/bench)
+#   make package    Debian packages of the libraries, in build/package/packages
+#   make docs       the HTML API reference, in build/docs/html
 #   make format     clang-format the sources in place
 #   make format-check  fail when a source is not clang-formatted
 #   make clean      remove build/
@@ -26,6 +28,8 @@ CTEST := ctest --output-on-failure -j$(JOBS) --timeout $(TEST_TIMEOUT)
 
 RELEASE_FLAGS := -DCMAKE_BUILD_TYPE=Release -DQZ_SANITIZER= \
                  -DQZ_BUILD_TESTS=ON -DQZ_BUILD_EXAMPLES=ON -DQZ_BUILD_BENCHMARKS=OFF
+PACKAGE_FLAGS := -DCMAKE_BUILD_TYPE=Release -DQZ_SANITIZER= -DCMAKE_INSTALL_PREFIX=/usr \
+                 -DQZ_BUILD_TESTS=OFF -DQZ_BUILD_EXAMPLES=OFF -DQZ_BUILD_BENCHMARKS=OFF
 BENCH_FLAGS   := -DCMAKE_BUILD_TYPE=Release -DQZ_SANITIZER= \
                  -DQZ_BUILD_TESTS=OFF -DQZ_BUILD_EXAMPLES=OFF -DQZ_BUILD_BENCHMARKS=ON
 SANITIZE_FLAGS := -DCMAKE_BUILD_TYPE=Debug \
@@ -40,7 +44,7 @@ FORMAT_DIRS := host executors parallel tests bench examples
 # The targets share build folders and the machine's cores: run them one at a time.
 .NOTPARALLEL:
 
-.PHONY: demo test sanitize sanitize-address sanitize-thread thread-safety bench format format-check clean bootstrap
+.PHONY: demo test package package-check docs sanitize sanitize-address sanitize-thread thread-safety bench format format-check clean bootstrap
 
 bootstrap:
 	@bash scripts/bootstrap
@@ -54,6 +58,24 @@ test: bootstrap
 	$(CMAKE_CONFIGURE) -B build/release $(RELEASE_FLAGS)
 	cmake --build build/release -j$(JOBS)
 	$(CTEST) --test-dir build/release
+
+# dpkg-shlibdeps (dpkg-dev) computes the runtime package's dependencies.
+package:
+	@bash scripts/bootstrap dpkg-dev
+	$(CMAKE_CONFIGURE) -B build/package $(PACKAGE_FLAGS)
+	cmake --build build/package -j$(JOBS)
+	rm -rf build/package/packages
+	cd build/package && cpack
+
+# Unpacks the packages into a scratch root and builds and runs programs
+# against them alone: the install smoke test's consumer and a README example.
+package-check: package
+	bash scripts/check-packages build/package/packages build/package-check
+
+docs:
+	@bash scripts/bootstrap doxygen
+	$(CMAKE_CONFIGURE) -B build/docs -DQZ_BUILD_TESTS=OFF -DQZ_BUILD_EXAMPLES=OFF -DQZ_BUILD_BENCHMARKS=OFF
+	cmake --build build/docs --target docs
 
 sanitize: sanitize-address sanitize-thread
 
