@@ -9,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-
 namespace {
 
 using kcos::internal::makeInterned;
@@ -49,10 +48,29 @@ protected:
     }
 };
 
-// Dates from epoch ticks in UTC shown in local time, and durations from hours,
-// minutes and seconds, are read through the futures' properties
-// (FuturePropertiesTest.cpp); what only the language reaches is left here.
-TEST_F(HostClasses, EmptyDateTimeAndBadArguments) {
+// Only the language reaches these; dates from epoch ticks and their time zone
+// are read through the futures' properties (FuturePropertiesTest.cpp).
+TEST_F(HostClasses, DateTimeTextAndSubsasgnLeavesItsInputAsItWas) {
+    const auto date = epochUtc(1.5e6, 1e6);
+    EXPECT_EQ(textOf(call("char", {date.get()}).get()), "01-Jan-1970 00:00:01");
+    auto subscript = matrix::detail::do_create_struct({1, 1}, {"type", "subs"});
+    dvSetField(subscript.get(), 0, "type", chars("."));
+    dvSetField(subscript.get(), 0, "subs", chars("TimeZone"));
+    const auto local = chars("local");
+    dvArray* inputs[] = {date.get(), subscript.get(), local.get()};
+    dvArray* result = nullptr;
+    omCallMethod(makeInterned("datetime"), makeInterned("subsasgn"), COSGetPublicClient(), 1,
+                 &result, 3, inputs, false);
+    const matrix::unique_dvArray shifted(result);
+    EXPECT_EQ(textOf(omGetProperty(date.get(), "TimeZone", COSGetPublicClient()).get()), "UTC");
+}
+
+// The futures' properties give durations in seconds only.
+TEST_F(HostClasses, DurationsFromHoursMinutesSecondsEmptyDateTimesAndBadArguments) {
+    const auto one = number(1), half = number(1.5);
+    const auto d = construct("duration", {one.get(), one.get(), half.get()});
+    EXPECT_DOUBLE_EQ(dvGetDoubles(call("seconds", {d.get()}).get())[0], 3661.5);
+
     dvArray* empty = nullptr;
     omCallMethod(makeInterned("datetime"), makeInterned("empty"), COSGetPublicClient(), 1, &empty,
                  0, nullptr, true);

@@ -137,7 +137,7 @@ TEST_F(CmdDistributorTest, RefusesNullRequestsAndIDsThatCannotNameAHeldRequest) 
                     ThrowsMessage<std::invalid_argument>("request ID is missing or in use."));
     }
     distributor->setReadyToExecute(taken.id);
-    EXPECT_TRUE(dequeue());
+    ASSERT_TRUE(dequeue()); // else the result would never come
     EXPECT_EQ(taken.future.get(), 1);
 }
 
