@@ -33,7 +33,7 @@ protected:
     foundation::log::RecordCapture capture{kChannel};
 };
 
-TEST_F(TaskBaseLogging, TracesBracketAnOperationAndIndentWhatItCalls) {
+TEST_F(TaskBaseLogging, TracesBracketAnOperationIndentWhatItCallsAndMarkAThrow) {
     enable(switches::trace);
     auto task = TestTask::make();
     task->doNotifyPending();
@@ -55,15 +55,11 @@ TEST_F(TaskBaseLogging, TracesBracketAnOperationAndIndentWhatItCalls) {
     for (std::size_t i = 1; i + 1 < records.size(); ++i) {
         EXPECT_GT(records[i].indent, records.front().indent) << records[i].message;
     }
-}
 
-TEST_F(TaskBaseLogging, AnOperationLeftByAnExceptionSaysSo) {
-    enable(switches::trace);
-    auto task = TestTask::make();
     task->doNotifyRunning();
     capture.clear();
     EXPECT_THROW(task->doNotifyRunning(), boost::promise_already_satisfied);
-    const std::vector<CapturedRecord> records = capture.records();
+    records = capture.records();
     ASSERT_EQ(records.size(), 2u);
     EXPECT_EQ(records[1].message,
               "void parallel::language::future::TaskBase::doNotifyRunning() [throw]");
