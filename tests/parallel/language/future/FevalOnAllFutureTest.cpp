@@ -122,28 +122,17 @@ TEST(FevalOnAllFuture, AfterFinishRunsOnceAfterTheLastTask) {
     EXPECT_EQ(immediately, 1);
 }
 
-TEST(FevalOnAllFuture, ReportsPerTaskAndRefusesFetchNext) {
+// Diaries per task are read through the Diary property (FuturePropertiesTest.cpp).
+TEST(FevalOnAllFuture, GathersOutputsPerTaskAndRefusesFetchNext) {
     OnAll f(2);
-    f.tasks[0]->diary = u"first";
-    f.tasks[1]->diary = u"second";
-    f.tasks[0]->result = OutputsOrError(std::optional<DvArrayVector>(DvArrayVector{scalar(1)}));
-    f.tasks[1]->result = OutputsOrError(std::optional<DvArrayVector>(DvArrayVector{scalar(2)}));
     for (auto& task : f.tasks) {
+        task->result = OutputsOrError(std::optional<DvArrayVector>(DvArrayVector{scalar(1)}));
         task->runToFinish();
     }
-    EXPECT_TRUE(f.future->isMultiFuture());
-    EXPECT_STREQ(f.future->getCosAliasName(), "parallel.FevalOnAllFuture");
-    const PerTaskVariant<std::u16string> diary = f.future->getDiary();
-    ASSERT_TRUE(diary.isMulti());
-    EXPECT_EQ(diary[1], u"second");
     const DvArrayVector cells = f.future->getOutputsAs(1, OutputFormat::Cell);
     EXPECT_EQ(dvGetDimensions(cells.at(0).get()), (matrix::Dimensions{2, 1}));
     EXPECT_EQ(std::get<0>(FutureBase::fetchNext({f.future}, 1, Seconds(0.0))),
               FetchNextState::UnsupportedFutureType);
-
-    OnAll none(0);
-    EXPECT_EQ(none.future->getDiary().size(), 0u);
-    EXPECT_TRUE(none.future->getDiary().isMulti());
 }
 
 } // namespace
