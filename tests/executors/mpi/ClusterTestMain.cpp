@@ -5,10 +5,8 @@
 
 #include <mpipool/FunctionRegistry.hpp>
 
-#include <localpool/LanguageClasses.hpp>
 #include <localpool/LocalPool.hpp>
 #include <parallel/language/future/FutureErrors.hpp>
-#include <parallel/language/future/Module.hpp>
 
 #include <Veldspire/KException/KExceptionEnvelope.hpp>
 #include <kcos/array.hpp>
@@ -78,8 +76,6 @@ void registerFunctions() {
     registerFunction("tallyAndRank", [](std::size_t, const DvArrayVector&) {
         return DvArrayVector{scalar(gTally), scalar(thisRank())};
     });
-    registerFunction("rank",
-                     [](std::size_t, const DvArrayVector&) { return one(scalar(thisRank())); });
     registerFunction("giveObject", [](std::size_t, const DvArrayVector&) {
         const Veldspire::KException::KExceptionEnvelope error("test:object", u"an object");
         return one(
@@ -133,8 +129,6 @@ int main(int argc, char** argv) {
         return cluster.serve();
     }
     mpipool::testing::gCluster = &cluster;
-    KVInitialize_libqzparallellanguagefuture();
-    localpool::registerLanguageClasses();
     const auto interpreter = kvm::KVM::create();
     return RUN_ALL_TESTS();
 }

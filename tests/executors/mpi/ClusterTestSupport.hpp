@@ -32,7 +32,6 @@ using testsupport::thrownBy;
 //   "untilStopped" waits until its task is asked to stop, then gives 1
 //   "tally"        counts its calls in the process; gives the count so far
 //   "tallyAndRank" the count so far, without counting, and the rank
-//   "rank"         the rank of the process that runs it
 //   "giveObject"   gives an error object, which cannot be sent
 void registerFunctions();
 

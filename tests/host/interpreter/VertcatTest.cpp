@@ -41,19 +41,27 @@ ArrayRef stacked(const Inputs& inputs) {
 
 } // namespace
 
-TEST(Vertcat, StacksNumbersLogicalsCharsAndCells) {
-    // [1 2; 3 4] over [5 6]; logical values among numbers become numbers.
-    EXPECT_TRUE(dvIsEqual(stacked({numbers({2, 2}, {1, 3, 2, 4}), numbers({1, 2}, {5, 6})}).get(),
-                          numbers({3, 2}, {1, 3, 5, 2, 4, 6}).get()));
-    EXPECT_TRUE(dvIsEqual(stacked({flag(true), numbers({1, 1}, {2})}).get(),
-                          numbers({2, 1}, {1, 2}).get()));
-    const auto flags = stacked({flag(true), flag(false)});
-    EXPECT_EQ(dvGetClassID(flags.get()), ClassID::Logical);
-    EXPECT_EQ(dvGetDimensions(flags.get()), (Dimensions{2, 1}));
-
-    const auto chars = stacked({text("abc"), text("def")});
-    EXPECT_EQ(dvGetDimensions(chars.get()), (Dimensions{2, 3}));
-    EXPECT_EQ(dvGetChars(chars.get()), u"adbecf");
+TEST(Vertcat, StacksNumbersLogicalsCharsAndCellsSkippingZeroByZeroInputs) {
+    const auto none = numbers({0, 0}, {});
+    const auto five = numbers({1, 1}, {5});
+    auto flags = matrix::detail::do_create_numeric({2, 1}, ClassID::Logical);
+    dvGetMutableLogicals(flags.get())[0] = 1;
+    const std::pair<Inputs, ArrayRef> cases[] = {
+        // [1 2; 3 4] over [5 6], values in column-major order
+        {{numbers({2, 2}, {1, 3, 2, 4}), numbers({1, 2}, {5, 6})},
+         numbers({3, 2}, {1, 3, 5, 2, 4, 6})},
+        {{flag(true), numbers({1, 1}, {2})}, numbers({2, 1}, {1, 2})}, // logicals become numbers
+        {{flag(true), flag(false)}, adopt(std::move(flags))},
+        {{text("abc"), text("def")}, adopt(matrix::createChars({2, 3}, u"adbecf"))},
+        {{none, five, text(""), adopt(do_create_cell({0, 0}))}, five},
+        {{}, none},
+        {{none, text("")}, none},
+    };
+    for (const auto& [inputs, expected] : cases) {
+        const auto result = stacked(inputs);
+        EXPECT_EQ(dvGetClassID(result.get()), dvGetClassID(expected.get()));
+        EXPECT_TRUE(dvIsEqual(result.get(), expected.get()));
+    }
 
     auto top = do_create_cell({1, 2});
     dvSetCell(top.get(), 0, matrix::create("x", 1)); // element 1 stays empty
@@ -61,16 +69,6 @@ TEST(Vertcat, StacksNumbersLogicalsCharsAndCells) {
     EXPECT_EQ(dvGetDimensions(cells.get()), (Dimensions{2, 2}));
     EXPECT_EQ(dvGetChars(dvGetCell(cells.get(), 0)), u"x");
     EXPECT_EQ(dvGetCell(cells.get(), 2), nullptr);
-}
-
-TEST(Vertcat, SkipsZeroByZeroInputs) {
-    const auto none = numbers({0, 0}, {});
-    const auto five = numbers({1, 1}, {5});
-    EXPECT_TRUE(dvIsEqual(stacked({none, five, text(""), adopt(do_create_cell({0, 0}))}).get(),
-                          five.get()));
-    for (const auto& inputs : {Inputs{}, Inputs{none, text("")}}) {
-        EXPECT_TRUE(dvIsEqual(stacked(inputs).get(), none.get()));
-    }
 }
 
 TEST(Vertcat, RaisesMismatchErrors) {

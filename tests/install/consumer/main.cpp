@@ -64,15 +64,9 @@ private:
     std::u16string diary_;
 };
 
-bool check(bool ok, const std::string& what) {
-    if (!ok) {
-        std::cerr << "consumer: " << what << " failed\n";
-    }
-    return ok;
-}
-
-// A task of this program's own executor, seen through its future.
-bool ownTask() {
+// A task of this program's own executor, seen through its future, and one
+// evaluation on the installed local pool; false when any step went wrong.
+bool ownTaskAndPoolEvaluation() {
     const auto task = std::make_shared<AddTask>(2, 3);
     const auto future =
         std::make_shared<pf::FevalFuture>(nullptr, nullptr, 1, DvArrayVector{}, task);
@@ -81,15 +75,8 @@ bool ownTask() {
     const bool finished =
         pf::FutureBase::wait({future}, pf::FutureState::Finished, pf::Seconds(60));
     executor.join();
-    const DvArrayVector outputs = pf::FutureBase::fetchOutputs({future}, true, 1);
-    return check(queued, "queueing the own task") && check(finished, "waiting on the own task") &&
-           check(outputs.size() == 1 && valueOf(outputs[0]) == 5, "fetching its output") &&
-           check(future->getRead(), "marking it read") &&
-           check(future->getDiary().getAsSingle() == u"added\n", "reading its diary");
-}
+    const DvArrayVector added = pf::FutureBase::fetchOutputs({future}, true, 1);
 
-// One evaluation on the installed local pool.
-bool poolEvaluation() {
     localpool::LocalPool pool(2);
     const boost::intrusive_ptr<dvArray> square(
         matrix::to_korvex(matrix::createFunctionHandle(
@@ -98,16 +85,19 @@ bool poolEvaluation() {
                 return DvArrayVector{scalar(valueOf(in.at(0)) * valueOf(in.at(0)))};
             })),
         false);
-    const auto future = pool.submit(square, 1, {scalar(7)});
-    const DvArrayVector outputs = pf::FutureBase::fetchOutputs({future}, true, 1);
-    return check(outputs.size() == 1 && valueOf(outputs[0]) == 49, "evaluating on the pool");
+    const DvArrayVector squared =
+        pf::FutureBase::fetchOutputs({pool.submit(square, 1, {scalar(7)})}, true, 1);
+    return queued && finished && valueOf(added.at(0)) == 5 && future->getRead() &&
+           future->getDiary().getAsSingle() == u"added\n" && valueOf(squared.at(0)) == 49;
 }
 
 } // namespace
 
 int main() {
     const auto interpreter = kvm::KVM::create(); // waiting needs an interpreter thread
-    const bool own = ownTask();
-    const bool pool = poolEvaluation();
-    return own && pool ? 0 : 1;
+    if (!ownTaskAndPoolEvaluation()) {
+        std::cerr << "consumer: the installed package did not work as expected\n";
+        return 1;
+    }
+    return 0;
 }

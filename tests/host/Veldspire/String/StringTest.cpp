@@ -33,16 +33,4 @@ TEST(String, RefusesWhatIsNotAStringScalarOrDoesNotFill) {
     EXPECT_THROW(str::getString(matrix::create(u"a", 1).get()), std::invalid_argument);
 }
 
-TEST(String, CopiesCompareByTextAndAMissingStringEqualsNothing) {
-    const auto a = str::create({1, 2}, {u"x", u"y"});
-    EXPECT_TRUE(dvIsEqual(a.get(), str::create({1, 2}, {u"x", u"y"}).get()));
-    EXPECT_TRUE(dvIsEqual(a.get(), matrix::detail::do_shared_copy(a.get()).get()));
-    EXPECT_TRUE(dvIsEqual(a.get(), dvDuplicateArray(a.get()).get()));
-    EXPECT_FALSE(dvIsEqual(a.get(), str::create({2, 1}, {u"x", u"y"}).get()));
-
-    const auto missing = str::createScalar(std::nullopt);
-    EXPECT_FALSE(dvIsEqual(missing.get(), missing.get()));
-    EXPECT_FALSE(dvIsEqual(missing.get(), matrix::detail::do_shared_copy(missing.get()).get()));
-}
-
 } // namespace

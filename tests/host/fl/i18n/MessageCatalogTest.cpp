@@ -72,9 +72,6 @@ TEST(MessageCatalog, FormatsArgumentsIntoPlaceholdersOrAfterAnUnknownIdentifier)
         EXPECT_EQ(MessageCatalog::get_message({"KORVEX:unknown", "UserError"}, {argument}),
                   expected);
     }
-    EXPECT_EQ(MessageCatalog::get_message({"KORVEX:parallel:future", "TooManyOutputsRequested"},
-                                          {std::uint64_t{2}, std::uint64_t{5}}),
-              u"Too many outputs requested: the futures have 2 outputs, but 5 were requested.");
     // Missing arguments leave their placeholders visible.
     EXPECT_NE(
         MessageCatalog::get_message({"KORVEX:parallel:future", "InvalidStateToWait"}, {u"failed"})

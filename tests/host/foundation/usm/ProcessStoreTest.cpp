@@ -26,17 +26,10 @@ Store::Holder hold(Counted* object) {
 
 } // namespace
 
-TEST(ProcessStore, FindsWhatWasInsertedUnderItsOwnIdentifierOnly) {
+TEST(ProcessStore, RacingInsertsAgreeOnOneObjectFoundUnderItsIdentifierAndDestroyTheOther) {
     const Store::ID id = Store::getNextID(typeid(Counted));
     EXPECT_NE(Store::getNextID(typeid(Counted)), id);
     EXPECT_EQ(Store::find(id, typeid(Counted)), nullptr);
-    auto* object = new Counted(5);
-    EXPECT_EQ(Store::findOrInsert(id, typeid(Counted), hold(object)), object);
-    EXPECT_EQ(Store::find(id, typeid(Counted)), object);
-}
-
-TEST(ProcessStore, RacingInsertsAgreeOnOneObjectAndDestroyTheOther) {
-    const Store::ID id = Store::getNextID(typeid(Counted));
     const int before = destroyed.load();
     std::barrier start(2);
     auto insert = [&](int value) {

@@ -62,40 +62,29 @@ TEST(FevalOnAllFuture, TimesTreatUnsetAsLatest) {
     EXPECT_GE(two.future->getFinishTime(), two.tasks[1]->getFinishTime());
 }
 
-TEST(FevalOnAllFuture, WaitForRunningEndsOnceATaskRuns) {
+TEST(FevalOnAllFuture, WaitForRunningNeedsOneTaskAndWaitForFinishedAll) {
     auto interpreter = kvm::KVM::create();
     OnAll f(3);
     for (auto& task : f.tasks) {
         task->doNotifyQueued();
     }
     std::latch waiting(1);
-    std::jthread starter([&] {
+    std::jthread worker([&] {
         waiting.wait();
         f.tasks[2]->doNotifyRunning();
+        f.tasks[2]->doNotifyFinished();
     });
     waiting.count_down();
     EXPECT_TRUE(FutureBase::wait({f.future}, FutureState::Running, kGenerous));
-    starter.join();
-    EXPECT_EQ(f.future->getState(), FutureState::Running);
-}
-
-TEST(FevalOnAllFuture, WaitForFinishedStopsAtTheFirstUnfinishedTask) {
-    auto interpreter = kvm::KVM::create();
-    OnAll f(3);
-    for (auto& task : f.tasks) {
-        task->doNotifyRunning();
-    }
+    worker.join();
+    f.tasks[0]->doNotifyRunning();
     f.tasks[0]->doNotifyFinished();
-    f.tasks[2]->doNotifyFinished();
-    EXPECT_FALSE(FutureBase::wait({f.future}, FutureState::Finished, Seconds(0.02)));
-    std::latch waiting(1);
+    EXPECT_FALSE(FutureBase::wait({f.future}, FutureState::Finished, Seconds(0.0)));
     std::jthread finisher([&] {
-        waiting.wait();
+        f.tasks[1]->doNotifyRunning();
         f.tasks[1]->doNotifyFinished();
     });
-    waiting.count_down();
     EXPECT_TRUE(FutureBase::wait({f.future}, FutureState::Finished, kGenerous));
-    finisher.join();
     EXPECT_TRUE(FutureBase::wait({OnAll(0).future}, FutureState::Finished, Seconds(0.0)));
 }
 
@@ -133,28 +122,17 @@ TEST(FevalOnAllFuture, AfterFinishRunsOnceAfterTheLastTask) {
     EXPECT_EQ(immediately, 1);
 }
 
-TEST(FevalOnAllFuture, ReportsPerTaskAndRefusesFetchNext) {
+// Diaries per task are read through the Diary property (FuturePropertiesTest.cpp).
+TEST(FevalOnAllFuture, GathersOutputsPerTaskAndRefusesFetchNext) {
     OnAll f(2);
-    f.tasks[0]->diary = u"first";
-    f.tasks[1]->diary = u"second";
-    f.tasks[0]->result = OutputsOrError(std::optional<DvArrayVector>(DvArrayVector{scalar(1)}));
-    f.tasks[1]->result = OutputsOrError(std::optional<DvArrayVector>(DvArrayVector{scalar(2)}));
     for (auto& task : f.tasks) {
+        task->result = OutputsOrError(std::optional<DvArrayVector>(DvArrayVector{scalar(1)}));
         task->runToFinish();
     }
-    EXPECT_TRUE(f.future->isMultiFuture());
-    EXPECT_STREQ(f.future->getCosAliasName(), "parallel.FevalOnAllFuture");
-    const PerTaskVariant<std::u16string> diary = f.future->getDiary();
-    ASSERT_TRUE(diary.isMulti());
-    EXPECT_EQ(diary[1], u"second");
     const DvArrayVector cells = f.future->getOutputsAs(1, OutputFormat::Cell);
     EXPECT_EQ(dvGetDimensions(cells.at(0).get()), (matrix::Dimensions{2, 1}));
     EXPECT_EQ(std::get<0>(FutureBase::fetchNext({f.future}, 1, Seconds(0.0))),
               FetchNextState::UnsupportedFutureType);
-
-    OnAll none(0);
-    EXPECT_EQ(none.future->getDiary().size(), 0u);
-    EXPECT_TRUE(none.future->getDiary().isMulti());
 }
 
 } // namespace

@@ -25,8 +25,6 @@ kcos::COSClassInfo* registeredInfo() {
 TEST_F(FutureClass, RegistersOnceWithItsAliases) {
     kcos::COSClass* cls = kcos::COSClass::getClass(interned("parallel.Future"));
     ASSERT_NE(cls, nullptr);
-    EXPECT_EQ(cls->getInternedName().str(), "parallel.Future");
-    EXPECT_EQ(std::u16string(cls->getClassInfo().getDescription()), u"Unified Future 2.0");
     for (const char* alias : {"parallel.FevalFuture", "parallel.FevalOnAllFuture",
                               "parallel.AfterEachFuture", "parallel.AfterAllFuture"}) {
         EXPECT_EQ(kcos::COSClass::getClass(interned(alias)), cls) << alias;
@@ -66,61 +64,13 @@ TEST_F(FutureClass, ConstructorWithoutInputsMakesAnUnavailableFutureOfTheNameCal
     }
 }
 
+// With the creation class, the evaluation names forward their inputs to it
+// (LanguageScenarioTest.cpp); this program never registers it.
 TEST_F(FutureClass, ConstructorInputsNeedAnEvaluationNameAndTheCreationClass) {
-    // The creation class is not registered in this program until the next test.
-    EXPECT_THROW(construct("parallel.FevalFuture", {scalar(1)}), Exception<KORVEX::maxrhs>);
-    EXPECT_THROW(construct("parallel.AfterEachFuture", {scalar(1)}), Exception<KORVEX::maxrhs>);
-    EXPECT_THROW(construct("parallel.Future", {scalar(1)}), Exception<KORVEX::maxrhs>);
-}
-
-// Stands in for the creation class: records the call and answers a marker.
-struct CreationCalls {
-    std::string method;
-    std::vector<double> inputs;
-};
-CreationCalls gCreationCalls;
-
-class RecordingBuild : public kcos::COSMethodBase {
-public:
-    explicit RecordingBuild(const char* name) : kcos::COSMethodBase(interned(name), 0, nullptr) {
-        setStatic();
-        getSignature().addInputType(kcos::COSTypeRepository::getType(interned("any")));
-        getSignature().setVariableInputs();
-        getSignature().addOutputType(kcos::COSTypeRepository::getType(interned("any")));
+    for (const char* name :
+         {"parallel.FevalFuture", "parallel.AfterEachFuture", "parallel.Future"}) {
+        EXPECT_THROW(construct(name, {scalar(1)}), Exception<KORVEX::maxrhs>) << name;
     }
-    void invoke(const kcos::COSClient*, int& numOutputs, kcos::COSValue* outputs, int numInputs,
-                const kcos::COSValue* inputs) override {
-        gCreationCalls.method = getName().str();
-        gCreationCalls.inputs.clear();
-        for (int i = 0; i < numInputs; ++i) {
-            gCreationCalls.inputs.push_back(valueOf(inputs[i].getArray()));
-        }
-        outputs[0].setArray(dvCreateDoubleScalar(42));
-        numOutputs = 1;
-    }
-};
-
-class RecordingCreationInfo : public kcos::COSClassInfo {
-public:
-    const char* getName() const override { return "FutureCreation"; }
-    void initializeClass(kcos::COSClass* cls, const kcos::COSClient*) override {
-        cls->addMethod(new RecordingBuild("buildFutures"));
-        cls->addMethod(new RecordingBuild("buildOnAllFutures"));
-    }
-};
-
-TEST_F(FutureClass, EvaluationNamesForwardTheirInputsToTheCreationClass) {
-    kcos::omGetNamespace("parallel.internal.queue")
-        ->registerClassInfo(new RecordingCreationInfo, 0, 0);
-
-    const auto result = construct("parallel.FevalFuture", {scalar(1), scalar(2), scalar(3)});
-    EXPECT_EQ(valueOf(result.get()), 42.0);
-    EXPECT_EQ(gCreationCalls.method, "buildFutures");
-    EXPECT_EQ(gCreationCalls.inputs, (std::vector<double>{1, 2, 3}));
-
-    construct("parallel.FevalOnAllFuture", {scalar(7)});
-    EXPECT_EQ(gCreationCalls.method, "buildOnAllFutures");
-    EXPECT_THROW(construct("parallel.AfterAllFuture", {scalar(1)}), Exception<KORVEX::maxrhs>);
 }
 
 TEST_F(FutureClass, ListsVisibleMembersOnly) {
@@ -136,10 +86,6 @@ TEST_F(FutureClass, ListsVisibleMembersOnly) {
                                                   "cancel",  "fetchNext", "fetchOutputs",
                                                   "isequal", "wait"};
     EXPECT_EQ(methods, visibleMethods); // "class", "isa", "disp" and "submit" are hidden
-    // Hidden, yet readable and callable.
-    TestFuture f;
-    const auto object = objects({f.future});
-    EXPECT_FALSE(dvGetLogicals(property(object.get(), "hHasParentProperty").get())[0]);
 }
 
 TEST_F(FutureClass, PropertiesCannotBeAssignedAndOwnedResourcesAreClosed) {
@@ -151,8 +97,6 @@ TEST_F(FutureClass, PropertiesCannotBeAssignedAndOwnedResourcesAreClosed) {
     EXPECT_THROW(omSetProperty(object.get(), "ID", scalar(5).get(), COSGetPublicClient()),
                  Exception<KORVEX::kcos::SetProhibited>);
     EXPECT_THROW(property(object.get(), "OwnedResources"), Exception<KORVEX::kcos::GetProhibited>);
-    EXPECT_EQ(propertyText(object.get(), "State"), "queued");
-    EXPECT_EQ(valueOf(property(object.get(), "ID").get()), static_cast<double>(f.future->getID()));
 }
 
 TEST_F(FutureClass, OwnedResourcesShowTheObjectsAFutureHolds) {
@@ -167,14 +111,12 @@ TEST_F(FutureClass, OwnedResourcesShowTheObjectsAFutureHolds) {
         kcos::COSClass::getClass(interned("parallel.Future"))->findProperty("OwnedResources");
     ASSERT_NE(owned, nullptr);
     EXPECT_TRUE(owned->canContainInterfaces());
-
-    auto arrays = owned->getKVArrays(kcos::COSClient::getClassClient(), object).drain();
-    EXPECT_EQ(arrays, outer.future->getOwnedResources());
+    EXPECT_EQ(owned->getKVArrays(kcos::COSClient::getClassClient(), object).drain(),
+              outer.future->getOwnedResources());
     auto interfaces = owned->getInterfaces(kcos::COSClient::getClassClient(), object);
     ASSERT_TRUE(interfaces.hasMoreElements());
     EXPECT_EQ(interfaces.nextElement(), omGetLiveArrayElement(innerObject.get(), 0));
     EXPECT_FALSE(interfaces.hasMoreElements());
-    EXPECT_THROW(interfaces.nextElement(), kcos::ENoElements);
 }
 
 TEST_F(FutureClass, SavingWarnsForEveryObjectAndLoadsAsUnavailable) {
@@ -207,34 +149,27 @@ TEST_F(FutureClass, ClassAndIsaAnswerFromTheAliasNames) {
     const auto none = objects({});
     const auto mixed =
         FutureBase::toKorvexArray({a.future, FutureBase::fromKorvexArray(plain.get()).at(0)}, {});
-
-    auto classOf = [](const dvArray* array) {
-        return textOf(call("class", 1, {array}).at(0).get());
+    auto classOf = [](const matrix::unique_dvArray& array) {
+        return textOf(call("class", 1, {array.get()}).at(0).get());
     };
-    EXPECT_EQ(classOf(feval.get()), "parallel.FevalFuture");
-    EXPECT_EQ(classOf(mixed.get()), "parallel.Future");
-    EXPECT_EQ(classOf(none.get()), "parallel.Future");
-
-    auto isa = [](const dvArray* array, const char* name) {
-        const auto answer = call("isa", 1, {array, text(name).get()});
-        return dvGetLogicals(answer.at(0).get())[0] != 0;
-    };
-    EXPECT_TRUE(isa(none.get(), "handle"));
-    EXPECT_TRUE(isa(none.get(), "parallel.Future"));
-    EXPECT_FALSE(isa(none.get(), "parallel.FevalFuture"));
-    EXPECT_TRUE(isa(feval.get(), "parallel.FevalFuture"));
-    EXPECT_FALSE(isa(mixed.get(), "parallel.FevalFuture"));
-    EXPECT_THROW(call("isa", 1, {feval.get(), scalar(1).get()}),
-                 errors::MustBeStringScalarOrCharacterVector);
+    EXPECT_EQ(classOf(feval), "parallel.FevalFuture");
+    EXPECT_EQ(classOf(mixed), "parallel.Future");
+    EXPECT_EQ(classOf(none), "parallel.Future");
+    EXPECT_THROW(call("class", 2, {feval.get()}), Exception<KORVEX::maxlhs>);
 
     namespace str = Veldspire::String;
-    const auto named = str::createScalar(u"parallel.FevalFuture");
-    EXPECT_TRUE(dvGetLogicals(call("isa", 1, {feval.get(), named.get()}).at(0).get())[0]);
-    EXPECT_THROW(call("isa", 1, {feval.get(), str::createScalar(std::nullopt).get()}),
-                 errors::MissingNotSupported);
-    EXPECT_THROW(call("isa", 1, {feval.get(), str::create({1, 2}, {u"a", u"b"}).get()}),
+    auto isa = [](const matrix::unique_dvArray& array, const boost::intrusive_ptr<dvArray>& name) {
+        return dvGetLogicals(call("isa", 1, {array.get(), name.get()}).at(0).get())[0] != 0;
+    };
+    EXPECT_TRUE(isa(none, text("handle")));
+    EXPECT_TRUE(isa(none, text("parallel.Future")));
+    EXPECT_FALSE(isa(none, text("parallel.FevalFuture")));
+    EXPECT_TRUE(isa(feval, own(str::createScalar(u"parallel.FevalFuture"))));
+    EXPECT_FALSE(isa(mixed, text("parallel.FevalFuture")));
+    EXPECT_THROW(isa(feval, scalar(1)), errors::MustBeStringScalarOrCharacterVector);
+    EXPECT_THROW(isa(feval, own(str::create({1, 2}, {u"a", u"b"}))),
                  errors::MustBeStringScalarOrCharacterVector);
-    EXPECT_THROW(call("class", 2, {feval.get()}), Exception<KORVEX::maxlhs>);
+    EXPECT_THROW(isa(feval, own(str::createScalar(std::nullopt))), errors::MissingNotSupported);
 }
 
 TEST_F(FutureClass, DispShowsTheFuturesThroughTheDisplayer) {

@@ -4,40 +4,10 @@
 #include <parallel/language/future/FutureErrors.hpp>
 #include <parallel/language/future/VectorMultiTask.hpp>
 
-#include <cmath>
-
 namespace parallel::language::future {
 namespace {
 
 using namespace testing;
-
-// A future whose state and times the test sets.
-class FixedFuture : public FutureBase {
-public:
-    FixedFuture(kcos::COSInterface* parent = nullptr)
-        : FutureBase(parent, nullptr, 2, DvArrayVector{}, std::nullopt) {}
-    FutureState state = FutureState::Running;
-    double start = 0.0;
-    double finish = 0.0;
-
-private:
-    void doCancel() override {}
-    boost::shared_future<void> doGetWaitableFuture() override { return {}; }
-    bool doWait(FutureState, SteadyTimePoint) override { return true; }
-    void doAfterFinishThen(boost::launch, std::function<void()>) override {}
-    PerTaskVariant<std::u16string> doGetDiary() const override { return std::u16string(u"hi"); }
-    WallClockTimePoint doGetFinishTime() const override {
-        return WallClockTimePoint(Seconds(finish));
-    }
-    PerTaskVariant<OutputsOrError> doGetOutputsOrError() const override {
-        return OutputsOrError(std::optional<DvArrayVector>(DvArrayVector{}));
-    }
-    WallClockTimePoint doGetStartTime() const override {
-        return WallClockTimePoint(Seconds(start));
-    }
-    FutureState doGetState() const override { return state; }
-    const char* doGetCosAliasName() const override { return "parallel.FevalFuture"; }
-};
 
 std::string errorIdOf(const dvArray* error) {
     return KExceptionEnvelope(error).GetID();
@@ -54,10 +24,8 @@ TEST_F(FutureProperties, AFutureThatHasNotStarted) {
     EXPECT_TRUE(isEmptyOfClass(property(object.get(), "StartDateTime").get(), "datetime"));
     EXPECT_TRUE(isEmptyOfClass(property(object.get(), "FinishDateTime").get(), "datetime"));
     EXPECT_EQ(secondsOf(property(object.get(), "RunningDuration").get()), 0.0);
-    const auto created = property(object.get(), "CreateDateTime");
-    EXPECT_NEAR(posixTime(created.get()), f.future->getCreateTime().time_since_epoch().count(),
-                1e-6);
-    EXPECT_EQ(propertyText(created.get(), "TimeZone"), "local");
+    EXPECT_NEAR(posixTime(property(object.get(), "CreateDateTime").get()),
+                f.future->getCreateTime().time_since_epoch().count(), 1e-6);
 
     EXPECT_EQ(valueOf(property(object.get(), "ID").get()), static_cast<double>(f.future->getID()));
     EXPECT_EQ(valueOf(property(object.get(), "NumOutputArguments").get()), 1.0);
@@ -74,60 +42,38 @@ TEST_F(FutureProperties, AFutureThatHasNotStarted) {
     EXPECT_EQ(textOf(property(object.get(), "Diary").get()), "");
 }
 
-TEST_F(FutureProperties, DatesAreBuiltInUtcAndShownInLocalTime) {
-    const auto fixed = std::make_shared<FixedFuture>();
-    fixed->start = 1.5;
-    fixed->finish = 4.0;
-    const auto object = objects({fixed});
-
-    const auto start = property(object.get(), "StartDateTime");
-    EXPECT_DOUBLE_EQ(posixTime(start.get()), 1.5);
-    EXPECT_EQ(propertyText(start.get(), "TimeZone"), "local");
-    EXPECT_DOUBLE_EQ(posixTime(property(object.get(), "FinishDateTime").get()), 4.0);
-    EXPECT_DOUBLE_EQ(secondsOf(property(object.get(), "RunningDuration").get()), 2.5);
-    // Before the object was made: the start time is the creation time.
-    EXPECT_DOUBLE_EQ(posixTime(property(object.get(), "CreateDateTime").get()), 1.5);
-    // A NaN is a time, not "not set".
-    fixed->start = std::nan("");
-    EXPECT_EQ(std::string(dvGetClassName(property(object.get(), "StartDateTime").get())),
-              "datetime");
-}
-
-TEST_F(FutureProperties, StateWordsFollowTheWork) {
-    const auto fixed = std::make_shared<FixedFuture>();
-    const auto object = objects({fixed});
-    const std::pair<FutureState, const char*> words[] = {{FutureState::Pending, "pending"},
-                                                         {FutureState::Queued, "queued"},
-                                                         {FutureState::Running, "running"},
-                                                         {FutureState::Finished, "finished"},
-                                                         {FutureState::Unavailable, "unavailable"}};
-    for (const auto& [state, word] : words) {
-        fixed->state = state;
-        EXPECT_EQ(propertyText(object.get(), "State"), word);
-    }
-    fixed->state = static_cast<FutureState>(9);
-    try {
-        property(object.get(), "State");
-        ADD_FAILURE() << "a state outside the table has no word";
-    } catch (const std::out_of_range& error) {
-        EXPECT_STREQ(error.what(), "invalid unordered_map<K, T> key");
-    }
-}
-
-TEST_F(FutureProperties, AFinishedFuture) {
+TEST_F(FutureProperties, StateWordsDatesAndResultsFollowTheWork) {
     TestFuture f(1);
-    f.task->diary = u"said hello\n";
-    f.finishedWith({scalar(3)});
     const auto object = objects({f.future});
+    const auto state = [&] { return propertyText(object.get(), "State"); };
+    EXPECT_EQ(state(), "unavailable");
+    f.task->doNotifyPending();
+    EXPECT_EQ(state(), "pending");
+    f.task->doNotifyQueued();
+    EXPECT_EQ(state(), "queued");
+    f.task->doNotifyRunning();
+    EXPECT_EQ(state(), "running");
+    f.task->diary = u"said hello\n";
+    f.task->result = OutputsOrError(std::optional<DvArrayVector>(DvArrayVector{scalar(3)}));
+    f.task->doNotifyFinished();
+    EXPECT_EQ(state(), "finished");
 
-    EXPECT_EQ(propertyText(object.get(), "State"), "finished");
+    // Built in UTC from the work's times, shown in local time.
+    const double start = f.task->getStartTime().time_since_epoch().count();
+    const double finish = f.task->getFinishTime().time_since_epoch().count();
+    const auto started = property(object.get(), "StartDateTime");
+    EXPECT_NEAR(posixTime(started.get()), start, 1e-6);
+    EXPECT_EQ(propertyText(started.get(), "TimeZone"), "local");
+    EXPECT_NEAR(posixTime(property(object.get(), "FinishDateTime").get()), finish, 1e-6);
+    EXPECT_NEAR(secondsOf(property(object.get(), "RunningDuration").get()), finish - start, 1e-6);
+
     const auto outputs = property(object.get(), "OutputArguments");
     ASSERT_EQ(dvGetNumberOfElements(outputs.get()), 1u);
     EXPECT_EQ(valueOf(dvGetCell(outputs.get(), 0)), 3.0);
     EXPECT_TRUE(isEmptyOfClass(property(object.get(), "Error").get(), "ParallelException"));
     EXPECT_EQ(textOf(property(object.get(), "Diary").get()), "said hello\n");
-    EXPECT_GE(secondsOf(property(object.get(), "RunningDuration").get()), 0.0);
-    EXPECT_GT(posixTime(property(object.get(), "FinishDateTime").get()), 0.0);
+    FutureBase::fetchOutputs({f.future}, true, 1);
+    EXPECT_TRUE(dvGetLogicals(property(object.get(), "Read").get())[0]);
 }
 
 TEST_F(FutureProperties, FailedAndCancelledFuturesAreFinishedWithAnError) {
@@ -164,11 +110,6 @@ OutputsOrError failure() {
 }
 
 TEST_F(FutureProperties, ErrorsOfTasksPerTask) {
-    OnAll clean(2);
-    clean.finish(0, ok());
-    clean.finish(1, ok());
-    EXPECT_TRUE(isEmptyOfClass(property(objects({clean.future}).get(), "Error").get(), "cell"));
-
     OnAll oneFailed(2);
     oneFailed.finish(0, failure());
     oneFailed.finish(1, ok());
@@ -207,19 +148,13 @@ TEST_F(FutureProperties, DiaryAndOutputsPerTaskInputsShared) {
 TEST_F(FutureProperties, ParentAndFunction) {
     const auto parentArray = construct("parallel.Future");
     kcos::COSInterface* parent = omGetLiveArrayElement(parentArray.get(), 0);
-    const auto child = std::make_shared<FixedFuture>(parent);
-    const auto object = objects({child});
-    EXPECT_TRUE(dvGetLogicals(property(object.get(), "hHasParentProperty").get())[0]);
-    const auto shown = property(object.get(), "Parent");
-    EXPECT_EQ(omGetLiveArrayElement(shown.get(), 0), parent);
-
     const auto function =
         functionHandle("twice", [](std::size_t, const DvArrayVector&) { return DvArrayVector{}; });
-    TestFuture f;
-    const auto withFunction =
-        std::make_shared<FevalFuture>(nullptr, function, 1, DvArrayVector{}, f.task);
-    const auto read = property(objects({withFunction}).get(), "Function");
-    EXPECT_EQ(dvGetFunctionHandleName(read.get()), "twice");
+    const auto object = objects(
+        {std::make_shared<FevalFuture>(parent, function, 1, DvArrayVector{}, TestTask::make())});
+    EXPECT_TRUE(dvGetLogicals(property(object.get(), "hHasParentProperty").get())[0]);
+    EXPECT_EQ(omGetLiveArrayElement(property(object.get(), "Parent").get(), 0), parent);
+    EXPECT_EQ(dvGetFunctionHandleName(property(object.get(), "Function").get()), "twice");
 }
 
 } // namespace

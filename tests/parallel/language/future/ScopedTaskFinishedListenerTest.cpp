@@ -29,10 +29,6 @@ struct Listener : TaskFinishedListener {
     }
 };
 
-std::shared_ptr<TaskFinishedListener> asListener(const std::shared_ptr<Listener>& listener) {
-    return listener;
-}
-
 void finishOneTask() {
     TestTask::make()->runToFinish();
 }
@@ -40,11 +36,11 @@ void finishOneTask() {
 TEST(ScopedTaskFinishedListener, HearsEveryFinishWhileItLivesOncePerRegistration) {
     auto listener = std::make_shared<Listener>();
     {
-        ScopedTaskFinishedListener registration(asListener(listener));
+        ScopedTaskFinishedListener registration(listener);
         finishOneTask();
         finishOneTask();
         EXPECT_EQ(listener->calls, 2);
-        ScopedTaskFinishedListener again(asListener(listener));
+        ScopedTaskFinishedListener again(listener);
         finishOneTask();
         EXPECT_EQ(listener->calls, 4);
     }
@@ -59,9 +55,9 @@ TEST(ScopedTaskFinishedListener, HearsEveryFinishWhileItLivesOncePerRegistration
 TEST(ScopedTaskFinishedListener, ListenerRemovedDuringAPassIsStillCalledInIt) {
     auto first = std::make_shared<Listener>();
     auto second = std::make_shared<Listener>();
-    ScopedTaskFinishedListener firstRegistration(asListener(first));
+    ScopedTaskFinishedListener firstRegistration(first);
     std::optional<ScopedTaskFinishedListener> secondRegistration;
-    secondRegistration.emplace(asListener(second));
+    secondRegistration.emplace(second);
     first->action = [&] { secondRegistration.reset(); };
 
     finishOneTask();
@@ -77,8 +73,8 @@ TEST(ScopedTaskFinishedListener, ListenerFailureReachesTheNotifyingExecutor) {
     auto failing = std::make_shared<Listener>();
     auto later = std::make_shared<Listener>();
     failing->action = [] { throw std::runtime_error("listener failed"); };
-    ScopedTaskFinishedListener failingRegistration(asListener(failing));
-    ScopedTaskFinishedListener laterRegistration(asListener(later));
+    ScopedTaskFinishedListener failingRegistration(failing);
+    ScopedTaskFinishedListener laterRegistration(later);
     auto task = TestTask::make();
     task->doNotifyRunning();
     EXPECT_THROW(task->doNotifyFinished(), std::runtime_error);
@@ -90,7 +86,7 @@ TEST(ScopedTaskFinishedListener, ConcurrentFinishesAndRegistrationsAreAllCounted
     constexpr int kFinishers = 3;
     constexpr int kTasksEach = 200;
     auto steady = std::make_shared<Listener>();
-    ScopedTaskFinishedListener steadyRegistration(asListener(steady));
+    ScopedTaskFinishedListener steadyRegistration(steady);
     std::barrier start(kFinishers + 1);
     std::atomic<bool> done{false};
     std::vector<std::thread> finishers;
@@ -106,7 +102,7 @@ TEST(ScopedTaskFinishedListener, ConcurrentFinishesAndRegistrationsAreAllCounted
         start.arrive_and_wait();
         while (!done) {
             auto transient = std::make_shared<Listener>();
-            ScopedTaskFinishedListener registration(asListener(transient));
+            ScopedTaskFinishedListener registration(transient);
         }
     });
     for (auto& finisher : finishers) {
