@@ -456,9 +456,14 @@ bool FutureBase::wait(std::vector<std::shared_ptr<FutureBase>> futures, FutureSt
         return current == FutureState::Finished ||
                (state == FutureState::Running && current == FutureState::Running);
     };
+    // Looked at after every wake-up: the futures already seen there are not
+    // asked again: a wait on N futures asks N times plus once per wake-up.
+    std::size_t firstUnreached = 0;
     const auto allReached = [&] {
-        return std::all_of(futures.begin(), futures.end(),
-                           [&](const auto& future) { return reached(*future); });
+        while (firstUnreached < futures.size() && reached(*futures[firstUnreached])) {
+            ++firstUnreached;
+        }
+        return firstUnreached == futures.size();
     };
     const std::shared_ptr<iqm::Iqm> queueManager = iqm::Iqm::getCurrent();
     // Inside queued work nested as deep as it may go, this wait runs no
