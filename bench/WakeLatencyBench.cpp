@@ -4,7 +4,13 @@
 // boost::promise<void> / boost::shared_future<void>. Each round uses a fresh
 // task (or promise) and a fresh waiter thread; the median and the 99th
 // percentile over the rounds are reported in microseconds.
+//
+// WaitInterruptLatency: Ctrl-C during FutureBase::wait. The main thread is
+// the interpreter, asleep in wait (no timeout) on a running future; another
+// thread calls KVM::requestInterrupt. From just before that call to the
+// interrupt error reaching the waiter, in microseconds.
 
+#include <parallel/language/future/FevalFuture.hpp>
 #include <parallel/language/future/FutureState.hpp>
 #include <parallel/language/future/TaskBase.hpp>
 #include <parallel/language/future/TimeTypes.hpp>
@@ -14,12 +20,15 @@
 #include <benchmark/benchmark.h>
 #include <boost/chrono/system_clocks.hpp>
 #include <boost/thread/future.hpp>
+#include <foundation/core/except/Exception.hpp>
+#include <kvm/KVM.hpp>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
 #include <latch>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -96,8 +105,41 @@ void BM_BarePromiseWakeLatency(benchmark::State& state) {
     bench::reportPercentiles(state, std::move(latencies));
 }
 
+void BM_WaitInterruptLatency(benchmark::State& state) {
+    const auto rounds = static_cast<std::size_t>(state.range(0));
+    const auto interpreter = kvm::KVM::create();
+    auto task = std::make_shared<bench::BenchTask>();
+    task->advanceTo(pf::FutureState::Running);
+    const auto future =
+        std::make_shared<pf::FevalFuture>(nullptr, nullptr, 1, pf::DvArrayVector{}, task, 1);
+    const pf::Seconds noTimeout(std::numeric_limits<double>::max());
+    std::vector<double> latencies;
+    for (auto _ : state) {
+        latencies.clear();
+        for (std::size_t i = 0; i < rounds; ++i) {
+            std::atomic<long long> requestedAt{0};
+            std::jthread interrupter([&] {
+                // Time for the interpreter to go to sleep in the wait.
+                std::this_thread::sleep_for(std::chrono::microseconds(500));
+                requestedAt.store(nowNanoseconds(), std::memory_order_release);
+                interpreter->requestInterrupt();
+            });
+            try {
+                pf::FutureBase::wait({future}, pf::FutureState::Finished, noTimeout);
+                state.SkipWithError("the wait ended without the interrupt");
+                return;
+            } catch (const foundation::core::except::IMsgIDException&) {
+                latencies.push_back(double(nowNanoseconds() - requestedAt.load()));
+            }
+        }
+    }
+    task->doNotifyFinished();
+    bench::reportPercentiles(state, std::move(latencies));
+}
+
 } // namespace
 
+BENCHMARK(BM_WaitInterruptLatency)->Arg(200)->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_TaskWakeLatency)->Arg(2000)->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_BarePromiseWakeLatency)->Arg(2000)->Iterations(1)->Unit(benchmark::kMillisecond);
 

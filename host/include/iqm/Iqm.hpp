@@ -9,6 +9,13 @@
 // queues takes the oldest piece of work among them. Work that throws never
 // leaves a processing call: its exception reaches the poster's future, or,
 // for detached work, the host's error report (reportDetachedError).
+//
+// Nesting: work may itself call a processing call (a wait inside queued work
+// runs further queued work), so pieces of work run one inside another. At
+// most kMaxNestedWork of them are on the interpreter's stack at once; a
+// processing call made inside the innermost one runs no work (processUntil
+// still waits, for its predicate, a wake-up or its wake-by time), and the
+// queued work runs once the stack has unwound.
 
 #include <host/Export.hpp>
 
@@ -31,6 +38,10 @@ using SteadyTimePoint =
 
 class QZHOST_API Iqm {
 public:
+    // The deepest that pieces of work nest, one running inside another:
+    // the recursion limit an array language has for its functions.
+    static constexpr std::size_t kMaxNestedWork = 500;
+
     Iqm();
     ~Iqm();
     Iqm(const Iqm&) = delete;
@@ -47,6 +58,8 @@ public:
 
     // Runs queued work of the named queues, at most `limit` pieces (all that
     // is queued when empty), without waiting. True when any work ran.
+    // Runs nothing at the nesting limit (see the banner), as do processUntil
+    // and runQueue.
     bool processOnce(const QueueNames& queues, std::optional<std::size_t> limit);
 
     // Runs queued work of the named queues until `stop` answers true. `stop`
@@ -68,6 +81,10 @@ public:
 
     // Pieces of work queued under `queue` and not yet run. Any thread.
     std::size_t pending(const QueueName& queue) const;
+
+    // Whether kMaxNestedWork pieces of work are running one inside another,
+    // so that processing calls run no more. Interpreter thread only.
+    bool atNestingLimit() const noexcept;
 
 private:
     struct Impl;

@@ -2,7 +2,8 @@
 // Each piece of work carries a sequence number from one counter, so that a
 // processing call naming several queues can take the oldest piece among them.
 // Work always runs with the mutex released: it may post more work or wake the
-// manager up.
+// manager up, or process queued work itself; runningDepth counts how deep such
+// pieces are nested, and is touched on the interpreter thread only.
 
 #include <iqm/Iqm.hpp>
 
@@ -118,6 +119,8 @@ struct Iqm::Impl {
     // Counts posts and wake-up calls, so that a sleeper can tell whether one
     // happened after it last looked.
     std::uint64_t wakeUpCount = 0;
+    // Pieces of work running now, one inside another. Interpreter thread only.
+    std::size_t runningDepth = 0;
 
     // Any thread.
     void requireInterpreterThread(const char* operation) const {
@@ -176,8 +179,12 @@ struct Iqm::Impl {
     }
 
     // Runs the oldest piece of work of `names` posted before `horizon`; false
-    // when there is none. Interpreter thread only.
+    // when there is none, or when work may nest no deeper. Interpreter thread
+    // only.
     bool runOldest(const QueueNames& names, Sequence horizon) {
+        if (runningDepth >= kMaxNestedWork) {
+            return false;
+        }
         std::optional<WorkItem> item;
         {
             std::lock_guard lock(mutex);
@@ -186,7 +193,9 @@ struct Iqm::Impl {
         if (!item) {
             return false;
         }
+        ++runningDepth;
         run(*item);
+        --runningDepth;
         return true;
     }
 
@@ -217,12 +226,19 @@ struct Iqm::Impl {
 Iqm::Iqm() : impl_(std::make_unique<Impl>()) {}
 
 Iqm::~Iqm() {
-    // Work still queued is dropped; destroying its promises breaks the
-    // posters' futures. It is destroyed outside the mutex.
-    Queues dropped;
-    {
-        std::lock_guard lock(impl_->mutex);
-        dropped.swap(impl_->queues);
+    // Work still queued is dropped, outside the mutex, one piece after
+    // another; destroying its promises breaks the posters' futures. Dropping
+    // a piece may release what it holds and so post more work here: that is
+    // dropped in the next round.
+    for (;;) {
+        Queues dropped;
+        {
+            std::lock_guard lock(impl_->mutex);
+            dropped.swap(impl_->queues);
+        }
+        if (dropped.empty()) {
+            return;
+        }
     }
 }
 
@@ -285,6 +301,10 @@ void Iqm::wakeUp() {
 void Iqm::runQueue(const QueueName& queue, std::optional<std::size_t> limit) {
     impl_->requireInterpreterThread("runQueue");
     impl_->runQueued(QueueNames{queue}, limit);
+}
+
+bool Iqm::atNestingLimit() const noexcept {
+    return impl_->runningDepth >= kMaxNestedWork;
 }
 
 std::size_t Iqm::pending(const QueueName& queue) const {

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <functional>
@@ -157,4 +158,25 @@ TEST(Iqm, ProcessUntilThrowsAUserInterruptAtOnceAndTakesIt) {
     iqm.postDetached(u"q", [&] { ran = true; });
     iqm.processUntil({u"q"}, [&] { return ran; });
     EXPECT_TRUE(ran);
+}
+
+// Every piece processes the queue again, as a wait inside a continuation does.
+TEST(Iqm, WorkNestsNoDeeperThanTheLimitAndAllOfItRuns) {
+    Iqm iqm;
+    constexpr std::size_t kPieces = 4 * Iqm::kMaxNestedWork;
+    std::size_t ran = 0, depth = 0, deepest = 0, atLimit = 0;
+    for (std::size_t i = 0; i < kPieces; ++i) {
+        iqm.postDetached(u"q", [&] {
+            ++ran;
+            deepest = std::max(deepest, ++depth);
+            atLimit += iqm.atNestingLimit() ? 1 : 0;
+            EXPECT_EQ(iqm.processOnce({u"q"}, 1), !iqm.atNestingLimit() && ran < kPieces);
+            --depth;
+        });
+    }
+    EXPECT_FALSE(iqm.atNestingLimit());
+    iqm.processUntil({u"q"}, [&] { return ran == kPieces; });
+    EXPECT_EQ(deepest, Iqm::kMaxNestedWork);
+    EXPECT_GE(atLimit, 1u);
+    EXPECT_EQ(iqm.pending(u"q"), 0u);
 }

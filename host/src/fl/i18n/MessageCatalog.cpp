@@ -80,6 +80,9 @@ const std::unordered_map<std::string_view, std::u16string_view>& catalogue() {
          u"The future resulted in an error of an unknown kind."},
         {"KORVEX:parallel:future:UnknownWaitErrors",
          u"An unknown error occurred while waiting for the future."},
+        {"KORVEX:parallel:future:WaitNestingLimit",
+         u"Waits are nested {0} deep in queued work, the limit: this wait cannot run the queued "
+         u"work that its futures need to finish. Wait for them outside the continuation."},
         {"KORVEX:parallel:future:WaitOnUnavailableFuture",
          u"Cannot wait on an unavailable future."},
         {"KORVEX:parallel:future:WaitOnUnsubmittedFuture",

@@ -1,9 +1,15 @@
 #include "support/ContinuationSupport.hpp"
 
+#include <parallel/language/future/AfterAllFuture.hpp>
 #include <parallel/language/future/ContinuationTask.hpp>
 #include <parallel/language/future/FutureErrors.hpp>
 
+#include "support/ErrorIds.hpp"
+
+#include <functional>
 #include <limits>
+#include <map>
+#include <string>
 
 namespace parallel::language::future {
 namespace {
@@ -167,6 +173,69 @@ TEST_F(ContinuationTaskTest, CancelledBeforeItRanItNeverRuns) {
         EXPECT_EQ(task->getState(), FutureState::Finished);
         EXPECT_EQ(errorOf(*task).GetID(), "parallel:fevalqueue:ExecutionCancelled");
     }
+}
+
+// Each continuation waits while the interpreter has more of them queued: a
+// wait runs the next one inside itself until work is nested as deep as the
+// queue manager lets it. There, a wait for work that runs elsewhere blocks
+// and answers as usual; a wait for a continuation, which could never run, is
+// the typed nesting error (the first one lets that continuation's predecessor
+// finish, so the waits above it end finished).
+TEST_F(ContinuationTaskTest, ContinuationsThatWaitNestNoDeeperThanTheLimit) {
+    using Answers = std::map<std::string, std::size_t>;
+    TestFuture running, done;
+    running.running();
+    done.finishedWith({scalar(1)});
+    // Queues `count` continuations that each make `wait` once, runs them all,
+    // and counts their answers (an error by its identifier).
+    const auto answersOf = [&](std::size_t count, std::function<std::string()> wait) {
+        Answers answers;
+        std::size_t finished = 0;
+        const auto waiter = functionHandle("waiter", [&](std::size_t, const DvArrayVector&) {
+            std::string answer;
+            try {
+                answer = wait();
+            } catch (...) {
+                answer = testsupport::idOf(std::current_exception());
+            }
+            ++answers[answer];
+            ++finished;
+            return DvArrayVector{};
+        });
+        for (std::size_t i = 0; i < count; ++i) {
+            ContinuationTask::build(waiter, 0, {done.future}, {}, false);
+        }
+        interpreter->getIqm()->processUntil({u"parallel"}, [&] { return finished == count; });
+        return answers;
+    };
+
+    // Waits on a queue manager's mutex while 500 others are registered: slow
+    // under AddressSanitizer, which crashed at 2,000 before the limit.
+    constexpr std::size_t kWaiting = underAddressSanitizer() ? 10'000 : 100'000;
+    EXPECT_EQ(answersOf(kWaiting,
+                        [&] {
+                            const auto [state, index, outputs] =
+                                FutureBase::fetchNext({running.future}, 1, Seconds(0.001));
+                            return state == FetchNextState::TimedOut ? "timed out" : "other";
+                        }),
+              (Answers{{"timed out", kWaiting}}));
+
+    const std::shared_ptr<FutureBase> neverRuns =
+        AfterAllFuture::build(nullptr, function.handle, 1, {running.future}, {}, false);
+    const Answers onContinuation = answersOf(3 * iqm::Iqm::kMaxNestedWork, [&]() -> std::string {
+        try {
+            return FutureBase::wait({neverRuns}, FutureState::Finished, kGenerous) ? "finished"
+                                                                                   : "timed out";
+        } catch (...) {
+            if (running.future->getState() != FutureState::Finished) {
+                running.task->doNotifyFinished();
+            }
+            throw;
+        }
+    });
+    EXPECT_EQ(onContinuation.at("finished"), iqm::Iqm::kMaxNestedWork - 1);
+    EXPECT_EQ(onContinuation.at("KORVEX:parallel:future:WaitNestingLimit"),
+              2 * iqm::Iqm::kMaxNestedWork + 1);
 }
 
 TEST(ContinuationTaskWithoutDistributor, FinishesAtOnceWithTheDistributorError) {

@@ -4,6 +4,9 @@
 #include <parallel/language/future/FutureErrors.hpp>
 #include <parallel/language/future/UnavailableFuture.hpp>
 
+#include "support/ErrorIds.hpp"
+
+#include <limits>
 #include <thread>
 
 namespace parallel::language::future {
@@ -41,13 +44,6 @@ protected:
         return f.future;
     }
 };
-
-TEST_F(FetchOutputs, EmptyVectorGivesNullOutputs) {
-    const DvArrayVector outputs = FutureBase::fetchOutputs({}, true, 2);
-    ASSERT_EQ(outputs.size(), 2u);
-    EXPECT_EQ(outputs[0], nullptr);
-    EXPECT_EQ(outputs[1], nullptr);
-}
 
 TEST_F(FetchOutputs, ConcatenatesOrGathersInVectorOrder) {
     const Futures futures = threeNumbers();
@@ -106,13 +102,25 @@ TEST_F(FetchOutputs, ConcatenationFailureCarriesItsCause) {
     EXPECT_TRUE(number.future->getRead());
 }
 
-TEST_F(FetchOutputs, RefusesUnavailableFuturesBeforeWaiting) {
-    TestFuture running;
+TEST_F(FetchOutputs, RefusesUnavailableFuturesAndTooManyOutputsBeforeWaiting) {
+    TestFuture running, two(2);
     running.running();
+    two.running();
     auto invalid = std::make_shared<UnavailableFuture>();
     EXPECT_THROW(FutureBase::fetchOutputs({running.future, invalid}, true, 1),
                  errors::FetchOutputsOnUnavailableFuture);
+    // Above the fewest outputs any future has (none without futures),
+    // before the count sizes anything.
+    const auto tooMany = [](const Futures& futures, unsigned int count) {
+        return testsupport::thrownBy([&] { FutureBase::fetchOutputs(futures, true, count); }) ==
+               "KORVEX:parallel:future:TooManyOutputsRequested";
+    };
+    EXPECT_TRUE(tooMany({running.future, two.future}, 2));
+    EXPECT_TRUE(tooMany({two.future}, std::numeric_limits<unsigned int>::max()));
+    EXPECT_TRUE(tooMany({}, 1));
+    EXPECT_TRUE(FutureBase::fetchOutputs({}, true, 0).empty());
     EXPECT_FALSE(running.future->getRead());
+    EXPECT_FALSE(two.future->getRead());
 }
 
 TEST_F(FetchOutputs, WaitsForWorkThatAnotherThreadFinishes) {

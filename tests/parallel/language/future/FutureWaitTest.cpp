@@ -46,7 +46,12 @@ TEST_F(FutureWait, ZeroTimeoutIsAPoll) {
     EXPECT_FALSE(FutureBase::wait({running.future}, FutureState::Finished, Seconds(0.01)));
 }
 
-TEST_F(FutureWait, ReturnsWhenOtherThreadsFinishTheWork) {
+TEST_F(FutureWait, ReturnsWhenOtherThreadsStartOrFinishTheWork) {
+    TestFuture queued;
+    queued.submitted();
+    std::jthread starter([&] { queued.task->doNotifyRunning(); });
+    EXPECT_TRUE(FutureBase::wait({queued.future}, FutureState::Running, kForever));
+
     TestFuture a;
     TestFuture b;
     a.running();

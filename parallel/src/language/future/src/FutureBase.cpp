@@ -16,7 +16,9 @@
 #include <algorithm>
 #include <atomic>
 #include <limits>
+#include <optional>
 #include <stdexcept>
+#include <string_view>
 
 namespace parallel::language::future {
 
@@ -28,10 +30,13 @@ logging::Logger& logger() noexcept {
     return logging::futureBaseLogger();
 }
 
-// How long a wait blocks before it looks at interrupts and queued work again.
+// The longest a wait blocks in one pass. Within a pass it wakes as soon as a
+// task finishes, work is queued for the interpreter thread or an interrupt is
+// requested.
 constexpr Seconds kWaitSlice{1.0};
-// How many queued work items a wait runs between two looks at its futures.
-constexpr std::size_t kWorkItemsPerLook = 1;
+// How often a wait for Running looks at its futures: a task that starts
+// running, unlike one that finishes, wakes nobody.
+constexpr Seconds kRunningLookInterval{0.005};
 
 std::atomic<long long> gNextID{1};
 
@@ -196,6 +201,14 @@ void runParallelQueue() {
     if (std::shared_ptr<iqm::Iqm> queueManager = iqm::Iqm::getCurrent()) {
         queueManager->runQueue(kParallelQueue, std::nullopt);
     }
+}
+
+// Whether `future` finishes only through work that runs on the interpreter
+// thread: a continuation that has not finished yet.
+bool needsInterpreterToFinish(const FutureBase& future) {
+    const std::string_view kind = future.getCosAliasName();
+    return (kind == "parallel.AfterAllFuture" || kind == "parallel.AfterEachFuture") &&
+           future.getState() != FutureState::Finished;
 }
 
 } // namespace
@@ -443,28 +456,45 @@ bool FutureBase::wait(std::vector<std::shared_ptr<FutureBase>> futures, FutureSt
         return current == FutureState::Finished ||
                (state == FutureState::Running && current == FutureState::Running);
     };
+    // Looked at after every wake-up: the futures already seen there are not
+    // asked again: a wait on N futures asks N times plus once per wake-up.
+    std::size_t firstUnreached = 0;
+    const auto allReached = [&] {
+        while (firstUnreached < futures.size() && reached(*futures[firstUnreached])) {
+            ++firstUnreached;
+        }
+        return firstUnreached == futures.size();
+    };
     const std::shared_ptr<iqm::Iqm> queueManager = iqm::Iqm::getCurrent();
+    // Inside queued work nested as deep as it may go, this wait runs no
+    // queued work: it blocks for work that finishes elsewhere (on a pool),
+    // but a continuation would never run, so waiting for one is an error.
+    if (queueManager && queueManager->atNestingLimit() && !allReached() &&
+        std::any_of(futures.begin(), futures.end(),
+                    [](const auto& future) { return needsInterpreterToFinish(*future); })) {
+        throw errors::WaitNestingLimit(std::uint64_t{iqm::Iqm::kMaxNestedWork});
+    }
+    // Queued work and interrupt requests wake the queue manager themselves.
+    std::optional<ScopedTaskFinishedListener> wakeOnFinish;
+    if (queueManager) {
+        wakeOnFinish.emplace(std::make_shared<WaitForAnyTaskFinishedListener>(queueManager));
+    }
+    const Seconds longestPass =
+        queueManager && state == FutureState::Running ? kRunningLookInterval : kWaitSlice;
     SteadyTimePoint now = getCurrentSteadyTime();
     for (;;) {
-        utInterruptState::ThrowIfInterruptPending();
-        const bool ranWork =
-            queueManager && queueManager->processOnce(waitingQueueNames(), kWorkItemsPerLook);
-        bool allReached = true;
-        if (ranWork) {
-            allReached = std::all_of(futures.begin(), futures.end(),
-                                     [&](const auto& future) { return reached(*future); });
+        const SteadyTimePoint passEnd = now + std::min(longestPass, deadline - now);
+        if (queueManager) {
+            queueManager->processUntil(waitingQueueNames(), allReached, passEnd);
         } else {
-            // Block at most a slice, so that interrupts and queued work are
-            // looked at again soon even without a deadline.
-            const SteadyTimePoint slice = now + std::min(kWaitSlice, deadline - now);
+            utInterruptState::ThrowIfInterruptPending();
             for (const auto& future : futures) {
-                if (!future->doWait(state, slice)) {
-                    allReached = false;
+                if (!future->doWait(state, passEnd)) {
                     break;
                 }
             }
         }
-        if (allReached) {
+        if (allReached()) {
             runParallelQueue();
             return true;
         }
@@ -501,6 +531,16 @@ DvArrayVector FutureBase::fetchOutputs(std::vector<std::shared_ptr<FutureBase>> 
         if (afterEach) {
             throw errors::FetchOutputsScalarAfterEachFuture();
         }
+    }
+    // Before anything is sized by it, the count is checked against the
+    // fewest outputs any future has (none without futures).
+    const auto fewest =
+        std::min_element(futures.begin(), futures.end(), [](const auto& a, const auto& b) {
+            return a->getNumOutputs() < b->getNumOutputs();
+        });
+    const unsigned int available = fewest == futures.end() ? 0 : (*fewest)->getNumOutputs();
+    if (numOutputs > available) {
+        throw errors::TooManyOutputsRequested(std::uint64_t{available}, std::uint64_t{numOutputs});
     }
     if (!std::all_of(futures.begin(), futures.end(),
                      [](const auto& future) { return future->getRead(); })) {

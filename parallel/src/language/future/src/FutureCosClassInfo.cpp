@@ -7,6 +7,7 @@
 
 #include "ClassBinding.hpp"
 #include "FutureClassNames.hpp"
+#include "FutureRelease.hpp"
 
 #include <interpreter/Kdispatcher.hpp>
 #include <kcos/COSClass.hpp>
@@ -69,7 +70,8 @@ public:
         return new binding::FutureCell(std::make_shared<UnavailableFuture>("parallel.Future"));
     }
     void destroyInstanceData(kcos::COSInterface*, void* data) override {
-        delete static_cast<binding::FutureCell*>(data);
+        const std::unique_ptr<binding::FutureCell> cell(static_cast<binding::FutureCell*>(data));
+        detail::releaseFuture(std::move(*cell));
     }
     void instanceDataHook(kcos::COSInterface*, void*) override {}
 

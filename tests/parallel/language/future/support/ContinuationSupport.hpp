@@ -40,6 +40,22 @@ struct RecordingFunction {
     }
 };
 
+// Whether this build runs under AddressSanitizer, whose larger frames and
+// slower allocation make deep tests shallower.
+constexpr bool underAddressSanitizer() {
+#if defined(__SANITIZE_ADDRESS__)
+    return true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+    return true;
+#else
+    return false;
+#endif
+#else
+    return false;
+#endif
+}
+
 // Runs what the interpreter has queued under "parallel" now; true when any ran.
 inline bool runParallelQueue() {
     return iqm::Iqm::getCurrent()->processOnce({u"parallel"}, std::nullopt);

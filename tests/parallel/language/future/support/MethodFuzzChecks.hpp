@@ -11,6 +11,7 @@
 #include "ContinuationSupport.hpp"
 
 #include <Veldspire/KException/KExceptionEnvelope.hpp>
+#include <kvm/KVM.hpp>
 
 #include <algorithm>
 #include <climits>
@@ -53,10 +54,12 @@ const char* const kCreationClass = "parallel.internal.queue.FutureCreation";
 const char* const kQueueClass = "parallel.FevalQueue";
 
 // Values by name. The functions echo, answer nothing, answer three outputs
-// whatever is asked, or fail with a language or a C++ error; they keep
-// nothing, so futures passed to them do not outlive the run, and they may run
-// on pool workers. "queue" is a queue object of the language pool,
-// "queue(0x0)" an empty array of that class.
+// whatever is asked, fail with a language or a C++ error, or (on the
+// interpreter thread, as a continuation) wait briefly with fetchNext and wait
+// on a future that never finishes, then echo; they keep nothing, so futures
+// passed to them do not outlive the run, and they may run on pool workers.
+// "queue" is a queue object of the language pool, "queue(0x0)" an empty array
+// of that class.
 inline std::map<std::string, Array> valuePool() {
     std::map<std::string, Array> pool;
     const double inf = std::numeric_limits<double>::infinity();
@@ -80,10 +83,21 @@ inline std::map<std::string, Array> valuePool() {
     pool["char(non-ASCII)"] = own(matrix::create(u"\u00e9t\u00e9", 3));
     pool["cell(1x2)"] = own(matrix::detail::do_create_cell({1, 2}));
     pool["struct"] = own(matrix::detail::do_create_struct({1, 1}, {"a"}));
-    const char* handles[] = {"@echo", "@none", "@three", "@fails", "@throws"};
-    for (int mode = 0; mode < 5; ++mode) {
+    const Array neverFinishes =
+        own(FutureBase::toKorvexArray({TestFuture(1).running().future}, {}));
+    const char* handles[] = {"@echo", "@none", "@three", "@fails", "@throws", "@waits"};
+    for (int mode = 0; mode < 6; ++mode) {
         pool[handles[mode]] = own(matrix::createFunctionHandle(
-            "fuzzed", [mode](std::size_t n, const DvArrayVector& in) -> DvArrayVector {
+            "fuzzed",
+            [mode, neverFinishes](std::size_t n, const DvArrayVector& in) -> DvArrayVector {
+                if (mode == 5 && kvm::Factory::getCurrentLocalKVM()) {
+                    const dvArray* waitedOn = neverFinishes.get();
+                    omInvokeMethod("fetchNext", 0, {waitedOn, scalar(0.001).get()},
+                                   COSGetPublicClient());
+                    omInvokeMethod("wait", 1,
+                                   {waitedOn, text("finished").get(), scalar(0.001).get()},
+                                   COSGetPublicClient());
+                }
                 if (mode == 3) {
                     throw KExceptionEnvelope("fuzz:UserFailure", u"The function failed.");
                 } else if (mode == 4) {
@@ -115,7 +129,7 @@ struct Plan {
         return std::string_view(className).ends_with("." + std::string(method));
     }
 };
-const char* const kFunctions = "@echo @none @three @fails @throws";
+const char* const kFunctions = "@echo @none @three @fails @throws @waits";
 const char* const kCounts = "0 1 2 -1 1.5 nan inf 65537 4.29497e+09 true";
 const char* const kFlags = "true false logical(1x2)";
 const std::vector<const char*> kAfter{kFunctions, kCounts, R"("PassFuture" "pass" "" "bogus")",
@@ -205,34 +219,47 @@ inline std::vector<Entry> settledFutures() {
             {"onAll(3;3)", onAll.future}};
 }
 
+// How a call names the element of another class in a future array.
+const char* const kOtherObject = "other object";
+
 // An array of futures: empty, a constructed unavailable future, or one to
 // four futures as a row, a column or along the third dimension, sometimes
-// with a null element.
-inline std::pair<Array, std::string> futureArray(Rng& rng, const std::vector<Entry>& from) {
+// with a null element or with `other`'s object (of another class) in one.
+inline std::pair<Array, std::string> futureArray(Rng& rng, const std::vector<Entry>& from,
+                                                 const Array& other) {
     if (rng() % 10 == 0) {
         return {own(FutureBase::toKorvexArray({}, {0, rng() % 2})), "empty"};
     } else if (rng() % 10 == 0) {
         return {own(testing::construct("parallel.Future")), "parallel.Future()"};
     }
-    const std::size_t n = 1 + rng() % 4, hole = rng() % 6 == 0 ? rng() % n : n, shape = rng() % 3;
+    const std::size_t n = 1 + rng() % 4, hole = rng() % 6 == 0 ? rng() % n : n, shape = rng() % 3,
+                      alien = rng() % 8 == 0 ? rng() % n : n;
     std::vector<std::shared_ptr<FutureBase>> futures;
     std::string name;
     for (std::size_t i = 0; i < n; ++i) {
         const Entry& entry = pick(rng, from);
         futures.push_back(entry.future);
-        name += (i == 0 ? "[" : ", ") + (i == hole ? "null" : entry.name);
+        name += (i == 0 ? "[" : ", ") + (i == hole    ? "null"
+                                         : i == alien ? std::string(kOtherObject)
+                                                      : entry.name);
     }
     const std::vector<matrix::Dimensions> shapes{{1, n}, {n, 1}, {1, 1, n}};
     const Array array = own(FutureBase::toKorvexArray(futures, shapes[shape]));
     if (hole < n) {
         dvSetObject(array.get(), hole, nullptr);
     }
+    if (alien < n && alien != hole) {
+        omSetArrayElement(array.get(), alien, omGetArrayElement(other.get(), 0));
+    }
     return {array, name + (shape == 0 ? "]" : shape == 1 ? "]'" : "] along dim 3")};
 }
 
-// Empty when `run` succeeds or raises a language error; otherwise what it raised.
+// Empty when `run` succeeds or raises a language error; otherwise what it
+// raised. With `otherObject` (an element of another class was passed), the
+// element's std::invalid_argument is accepted too, as long as not every
+// method gives such an element a typed error.
 template <class Run>
-std::string unacceptedOutcome(Run&& run) {
+std::string unacceptedOutcome(Run&& run, bool otherObject = false) {
     const auto accepted = [](const std::string& id) {
         return id.rfind("KORVEX:", 0) == 0 || id == "parallel:fevalqueue:ExecutionCancelled";
     };
@@ -243,6 +270,8 @@ std::string unacceptedOutcome(Run&& run) {
         return accepted(error.get_error_id()) ? "" : "error " + error.get_error_id();
     } catch (const KExceptionEnvelope& error) {
         return accepted(error.GetID()) ? "" : "error " + error.GetID();
+    } catch (const std::invalid_argument& error) {
+        return otherObject ? "" : std::string("std::invalid_argument: ") + error.what();
     } catch (const std::exception& error) {
         return std::string(typeid(error).name()) + ": " + error.what();
     } catch (...) {
@@ -251,6 +280,23 @@ std::string unacceptedOutcome(Run&& run) {
 }
 
 enum class Path { Invoke, Static, OnObject };
+
+// A chain of up to `maxLevels` afterAll levels made through the language on
+// `head`, each on the one before, run in part (or not at all) and dropped;
+// what is left queued runs with later continuations.
+inline void dropChain(Rng& rng, const Array& head, const Array& function, std::size_t maxLevels) {
+    const std::size_t levels = 1 + rng() % maxLevels;
+    const Array one = scalar(1);
+    Array link = head;
+    for (std::size_t i = 0; i < levels; ++i) {
+        link = own(std::move(omInvokeMethod("afterAll", 1, {link.get(), function.get(), one.get()},
+                                            COSGetPublicClient())
+                                 .at(0)));
+    }
+    const std::size_t toRun = rng() % 2 == 0 ? 0 : rng() % (levels + 1);
+    for (std::size_t i = 0; i < toRun && testing::runParallelQueue(); ++i) {
+    }
+}
 
 // Calls `method` as the language does along `path`; the outputs produced.
 inline std::vector<matrix::unique_dvArray> callAlong(Path path, const char* className,

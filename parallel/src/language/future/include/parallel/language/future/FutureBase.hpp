@@ -120,10 +120,12 @@ public:
     std::vector<std::shared_ptr<FutureBase>> getPredecessors() const;
 
     // Waits until every future has at least reached `state` (Running or
-    // Finished), running the interpreter's queued work and honouring user
-    // interrupts at least once a second. True when all got there before the
+    // Finished), running the interpreter's queued work as it comes and
+    // honouring user interrupts at once. True when all got there before the
     // deadline. Throws WaitOnUnavailableFuture / WaitOnUnsubmittedFuture for
-    // futures that cannot be waited on. Interpreter thread.
+    // futures that cannot be waited on, and WaitNestingLimit when queued work
+    // is nested as deep as it may go and a continuation has not finished.
+    // Interpreter thread.
     static bool wait(std::vector<std::shared_ptr<FutureBase>> futures, FutureState state,
                      Seconds timeout);
     static bool wait(std::vector<std::shared_ptr<FutureBase>> futures, FutureState state,

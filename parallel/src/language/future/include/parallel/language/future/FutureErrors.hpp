@@ -43,6 +43,7 @@
     X(TooManyOutputsRequested)                                                                     \
     X(UnknownGetErrors)                                                                            \
     X(UnknownWaitErrors)                                                                           \
+    X(WaitNestingLimit)                                                                            \
     X(WaitOnUnavailableFuture)                                                                     \
     X(WaitOnUnsubmittedFuture)
 
