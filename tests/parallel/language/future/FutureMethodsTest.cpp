@@ -315,6 +315,30 @@ TEST_F(FutureMethods, FetchNextSeesEachArrayAsItIsNow) {
     EXPECT_EQ(raised("fetchNext", 1, {first.get()}).id, kFuture + "NoUnreadFutures");
 }
 
+// The host lets an array of the future class hold objects of other classes
+// (a load can make one): every method that reads the futures refuses it with
+// a typed error naming that class.
+TEST_F(FutureMethods, MethodsRefuseAnArrayHoldingAnotherObject) {
+    const auto done = TestFuture().finishedWith({scalar(1)}).future;
+    const auto mixed = objects({done, done});
+    const auto stranger = std::make_shared<kcos::COSInterface>("test.Stranger");
+    omSetArrayElement(mixed.get(), 1,
+                      kcos::COSInterfacePtr(stranger.get(), kcos::COSReferenceType::Strong));
+    const RecordingFunction fn;
+    for (const auto& [method, inputs] : std::vector<std::pair<const char*, Inputs>>{
+             {"wait", {mixed.get()}},
+             {"fetchNext", {mixed.get()}},
+             {"fetchOutputs", {mixed.get()}},
+             {"cancel", {mixed.get()}},
+             {"afterEach", {mixed.get(), fn.handle.get(), one.get()}},
+             {"afterAll", {mixed.get(), fn.handle.get(), one.get()}},
+             {"isequal", {mixed.get(), mixed.get()}}}) {
+        const Raised refused = raised(method, 0, inputs);
+        EXPECT_EQ(refused.id, kFuture + "NonFutureElement") << method;
+        EXPECT_EQ(refused.arguments, texts(u"test.Stranger")) << method;
+    }
+}
+
 TEST_F(FutureMethods, CancelGoesFromTheLargestIDAndTakesNoFurtherInputs) {
     std::vector<long long> cancelled;
     std::vector<std::shared_ptr<FutureBase>> futures;
