@@ -714,7 +714,9 @@ DvArrayVector FutureBase::doFetchNext(unsigned int numOutputs) {
     }
     setRead(true);
     const std::shared_ptr<FutureBase> self = shared_from_this();
-    raiseExecutionErrors(self->getError(), envelopeOf(errors::FetchNextFutureErrored()));
+    if (self->hasError()) { // the error to raise is built only when needed
+        raiseExecutionErrors(self->getError(), envelopeOf(errors::FetchNextFutureErrored()));
+    }
     if (numOutputs == 0) {
         return {};
     }
