@@ -16,7 +16,6 @@
 
 #include <benchmark/benchmark.h>
 
-#include <chrono>
 #include <limits>
 
 namespace {
@@ -40,42 +39,14 @@ std::optional<std::size_t> drain(const Futures& futures) {
 }
 
 void BM_FetchNextDrain(benchmark::State& state) {
-    const auto count = static_cast<std::size_t>(state.range(0));
-    const auto finishing = static_cast<Finishing>(state.range(1));
     const auto interpreter = kvm::KVM::create();
-
-    double seconds = 0;
-    std::size_t calls = 0;
-    for (auto _ : state) {
-        DrainFutures made = makeFutures(count, finishing);
-        std::optional<RandomFinisher> finisher;
-        if (finishing == Finishing::During) {
-            finisher.emplace(made.tasks);
-        }
-        const auto start = std::chrono::steady_clock::now();
-        if (finisher) {
-            finisher->start();
-        }
-        const std::optional<std::size_t> fetched = drain(made.futures);
-        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-        state.SetIterationTime(took.count());
-        seconds += took.count();
-        calls += count + 1;
-        if (fetched != count) {
-            state.SkipWithError("the drain did not fetch every future");
-            break;
-        }
-    }
-    reportDrain(state, seconds, calls);
+    timeDrains(state, [](DrainFutures& made) {
+        return [&futures = made.futures] { return drain(futures); };
+    });
 }
 
 } // namespace
 
-BENCHMARK(BM_FetchNextDrain)
-    ->ArgNames({"N", "during"})
-    ->ArgsProduct({{1'000, 10'000, 100'000},
-                   {int64_t(Finishing::Before), int64_t(Finishing::During)}})
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FetchNextDrain)->Apply(drainArguments);
 
 BENCHMARK_MAIN();

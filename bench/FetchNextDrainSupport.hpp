@@ -13,6 +13,7 @@
 #include "BenchSupport.hpp"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <latch>
 #include <memory>
@@ -83,11 +84,49 @@ private:
     std::jthread thread_;
 };
 
-// Counters of a drain benchmark: total time per drain and per fetchNext call.
-inline void reportDrain(benchmark::State& state, double seconds, std::size_t calls) {
+// Times one drain per iteration, with the arguments of drainArguments. For
+// each, `prepare(made)` (untimed) gets the futures and gives the drain: a
+// callable that answers how many futures it fetched, or none on a wrong
+// answer. Counters: ms_per_drain, and ns_per_call over the N + 1 calls.
+template <class Prepare>
+void timeDrains(benchmark::State& state, Prepare prepare) {
+    const auto count = static_cast<std::size_t>(state.range(0));
+    const auto finishing = static_cast<Finishing>(state.range(1));
+    double seconds = 0;
+    std::size_t calls = 0;
+    for (auto _ : state) {
+        DrainFutures made = makeFutures(count, finishing);
+        auto drain = prepare(made);
+        std::optional<RandomFinisher> finisher;
+        if (finishing == Finishing::During) {
+            finisher.emplace(made.tasks);
+        }
+        const auto start = std::chrono::steady_clock::now();
+        if (finisher) {
+            finisher->start();
+        }
+        const std::optional<std::size_t> fetched = drain();
+        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+        state.SetIterationTime(took.count());
+        seconds += took.count();
+        calls += count + 1;
+        if (fetched != count) {
+            state.SkipWithError("the drain did not fetch every future");
+            break;
+        }
+    }
     const auto drains = static_cast<double>(state.iterations());
     state.counters["ms_per_drain"] = seconds * 1e3 / drains;
     state.counters["ns_per_call"] = seconds * 1e9 / double(calls);
+}
+
+// N = 1,000, 10,000 and 100,000, finished before the drain or during it.
+inline void drainArguments(benchmark::internal::Benchmark* benchmark) {
+    benchmark->ArgNames({"N", "during"})
+        ->ArgsProduct({{1'000, 10'000, 100'000},
+                       {std::int64_t(Finishing::Before), std::int64_t(Finishing::During)}})
+        ->UseManualTime()
+        ->Unit(benchmark::kMillisecond);
 }
 
 } // namespace bench::drain

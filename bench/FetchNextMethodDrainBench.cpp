@@ -22,8 +22,6 @@
 
 #include <benchmark/benchmark.h>
 
-#include <chrono>
-
 namespace {
 
 namespace pf = parallel::language::future;
@@ -46,45 +44,19 @@ std::size_t drain(const dvArray* futures) {
 }
 
 void BM_FetchNextMethodDrain(benchmark::State& state) {
-    const auto count = static_cast<std::size_t>(state.range(0));
-    const auto finishing = static_cast<Finishing>(state.range(1));
     const auto interpreter = kvm::KVM::create();
     KVInitialize_libqzparallellanguagefuture();
-
-    double seconds = 0;
-    std::size_t calls = 0;
-    for (auto _ : state) {
-        DrainFutures made = makeFutures(count, finishing);
-        matrix::unique_dvArray array = pf::FutureBase::toKorvexArray(made.futures, {});
-        made.futures.clear();
-        std::optional<RandomFinisher> finisher;
-        if (finishing == Finishing::During) {
-            finisher.emplace(made.tasks);
-        }
-        const auto start = std::chrono::steady_clock::now();
-        if (finisher) {
-            finisher->start();
-        }
-        const std::size_t fetched = drain(array.get());
-        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-        state.SetIterationTime(took.count());
-        seconds += took.count();
-        calls += count + 1;
-        if (fetched != count) {
-            state.SkipWithError("the drain did not fetch every future");
-            break;
-        }
-    }
-    reportDrain(state, seconds, calls);
+    timeDrains(state, [](DrainFutures& made) {
+        std::shared_ptr<dvArray> array(
+            matrix::to_korvex(pf::FutureBase::toKorvexArray(made.futures, {})),
+            matrix::destroyArray);
+        made.futures.clear(); // the array holds them alone, as in the language
+        return [array] { return std::optional(drain(array.get())); };
+    });
 }
 
 } // namespace
 
-BENCHMARK(BM_FetchNextMethodDrain)
-    ->ArgNames({"N", "during"})
-    ->ArgsProduct({{1'000, 10'000, 100'000},
-                   {int64_t(Finishing::Before), int64_t(Finishing::During)}})
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FetchNextMethodDrain)->Apply(drainArguments);
 
 BENCHMARK_MAIN();
