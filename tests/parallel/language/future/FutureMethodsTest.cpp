@@ -141,6 +141,9 @@ TEST_F(FutureMethods, FetchNextEndsOnAUserInterruptAndTakesIt) {
     TestFuture never;
     never.running();
     const auto futures = objects({never.future});
+    // A first call, so that the interrupted one is a drain's later call.
+    EXPECT_TRUE(
+        isEmptyOfClass(call("fetchNext", 1, {futures.get(), zero.get()})[0].get(), "double"));
     // Requested from another thread once fetchNext waits: the queued work it
     // runs while waiting lets that thread go.
     std::latch waiting(1);
@@ -152,6 +155,8 @@ TEST_F(FutureMethods, FetchNextEndsOnAUserInterruptAndTakesIt) {
     // Ignored, the interrupt would leave fetchNext to time out, raising nothing.
     EXPECT_EQ(raised("fetchNext", 2, {futures.get(), generous.get()}).id, "KORVEX:interrupted");
     EXPECT_FALSE(interpreter->consumeInterrupt()); // taken, not left for the next call
+    EXPECT_TRUE(
+        isEmptyOfClass(call("fetchNext", 1, {futures.get(), zero.get()})[0].get(), "double"));
     never.task->doNotifyFinished();
 }
 

@@ -24,9 +24,13 @@
 // Every entry is examined once, pushed and popped once per structure, so a
 // drain costs O(N log N) heap work at worst and O(N) when the futures
 // finished before the loop. The first call on a drain walks instead (see
-// takeFirstUse): the drain starts paying off from the second call. A future seen finished only through its
-// callback: one whose callback is still running on its worker is taken by a
-// later call, as if it had finished a moment later.
+// takeFirstUse): the drain starts paying off from the second call.
+//
+// A wait ends for the futures that were submitted, unread and running when
+// it began, as the walk's wait does; one read meanwhile by other code does
+// not end it. A future is seen finished through its callback: one whose
+// callback is still running on its worker is taken by a later call, as if
+// it had finished a moment later.
 //
 // The drain trusts the futures it is given to be those it was made for, in
 // the same order: every entry it looks at is checked against the identity
