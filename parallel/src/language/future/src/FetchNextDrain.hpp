@@ -54,8 +54,8 @@
 #include <memory>
 #include <optional>
 #include <queue>
-#include <utility>
 #include <span>
+#include <utility>
 #include <vector>
 
 namespace iqm {
