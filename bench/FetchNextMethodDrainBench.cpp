@@ -1,44 +1,31 @@
-// Draining N finished futures held in one object array by calling the
-// language method "fetchNext" on the array until it raises NoUnreadFutures,
-// as a program in the language does. The futures are FevalFutures over tasks
-// driven to Finished with one 1-by-1 output before the timed region.
+// Draining N futures held in one object array by calling the language method
+// "fetchNext" on the array until it raises NoUnreadFutures, as a program in
+// the language does:
 //
-// Every call converts the whole array into futures and walks it from the
-// start past the futures already read: the k-th call (from 1) walks k
-// elements, N(N+1)/2 element visits per drain, the count the drain's cost is
-// quoted in. Counters: total time per drain (ms_per_drain), time per element
-// visited (ns_per_element_visited, total over N(N+1)/2) and per call.
+//     for k = 1:numel(F), [idx, value] = fetchNext(F); end
+//
+// The futures are FevalFutures over bench tasks, finished before the drain
+// (argument Finishing::Before) or finished by another thread in a random
+// order while the drain waits (Finishing::During).
+//
+// The drain should cost the same per call whatever N is: counters
+// ns_per_call (time over the N + 1 calls) and ms_per_drain.
 
-#include <parallel/language/future/FevalFuture.hpp>
 #include <parallel/language/future/FutureBase.hpp>
 #include <parallel/language/future/Module.hpp>
 
 #include <foundation/core/except/Exception.hpp>
 #include <kcos/Language.hpp>
 #include <kvm/KVM.hpp>
-#include <matrix/dvArray.hpp>
 
-#include "BenchSupport.hpp"
+#include "FetchNextDrainSupport.hpp"
 
 #include <benchmark/benchmark.h>
-
-#include <chrono>
-#include <memory>
-#include <optional>
-#include <string>
-#include <vector>
 
 namespace {
 
 namespace pf = parallel::language::future;
-
-std::shared_ptr<pf::FutureBase> finishedFuture() {
-    pf::DvArrayVector outputs{{matrix::to_korvex(dvCreateDoubleScalar(1.0)), false}};
-    auto task = std::make_shared<bench::BenchTask>(
-        pf::OutputsOrError(std::optional<pf::DvArrayVector>(std::move(outputs))));
-    task->advanceTo(pf::FutureState::Finished);
-    return std::make_shared<pf::FevalFuture>(nullptr, nullptr, 1, pf::DvArrayVector{}, task);
-}
+using namespace bench::drain;
 
 // Calls "fetchNext" for the index and one output until NoUnreadFutures;
 // the number of calls that fetched a future.
@@ -57,51 +44,19 @@ std::size_t drain(const dvArray* futures) {
 }
 
 void BM_FetchNextMethodDrain(benchmark::State& state) {
-    const auto count = static_cast<std::size_t>(state.range(0));
     const auto interpreter = kvm::KVM::create();
     KVInitialize_libqzparallellanguagefuture();
-
-    double seconds = 0;
-    std::size_t calls = 0;
-    for (auto _ : state) {
-        state.PauseTiming();
-        std::vector<std::shared_ptr<pf::FutureBase>> futures;
-        for (std::size_t i = 0; i < count; ++i) {
-            futures.push_back(finishedFuture());
-        }
-        matrix::unique_dvArray array = pf::FutureBase::toKorvexArray(futures, {});
-        futures.clear();
-        state.ResumeTiming();
-
-        const auto start = std::chrono::steady_clock::now();
-        const std::size_t fetched = drain(array.get());
-        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-        state.SetIterationTime(took.count());
-        seconds += took.count();
-        if (fetched != count) {
-            state.SkipWithError("the drain did not fetch every future");
-        }
-        calls += count + 1;
-
-        state.PauseTiming();
-        array.reset();
-        state.ResumeTiming();
-    }
-    const auto drains = static_cast<double>(state.iterations());
-    const double visits = double(count) * double(count + 1) / 2 * drains;
-    state.counters["ms_per_drain"] = seconds * 1e3 / drains;
-    state.counters["ns_per_element_visited"] = seconds * 1e9 / visits;
-    state.counters["us_per_call"] = seconds * 1e6 / double(calls);
+    timeDrains(state, [](DrainFutures& made) {
+        std::shared_ptr<dvArray> array(
+            matrix::to_korvex(pf::FutureBase::toKorvexArray(made.futures, {})),
+            matrix::destroyArray);
+        made.futures.clear(); // the array holds them alone, as in the language
+        return [array] { return std::optional(drain(array.get())); };
+    });
 }
 
-BENCHMARK(BM_FetchNextMethodDrain)
-    ->Arg(1000)
-    ->Arg(3000)
-    ->Arg(10000)
-    ->Iterations(1)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond);
-
 } // namespace
+
+BENCHMARK(BM_FetchNextMethodDrain)->Apply(drainArguments);
 
 BENCHMARK_MAIN();

@@ -22,7 +22,9 @@
 #include <kcos/Interned.hpp>
 #include <matrix/dvArray.hpp>
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -220,12 +222,24 @@ public:
     // This class, or one of its superclasses (transitively), is `other`.
     bool isSubclassOf(const COSClass& other) const;
 
+    // How many objects of this class have been deleted so far: while it
+    // stays the same, every object of the class that was alive is alive.
+    // The count is raised after the object is marked destroyed (release),
+    // read with acquire. Any thread.
+    std::uint64_t getDeletionCount() const noexcept {
+        return deletions_.load(std::memory_order_acquire);
+    }
+
 private:
+    friend class COSInterface; // counts its own deletion
+    void countDeletion() noexcept { deletions_.fetch_add(1, std::memory_order_release); }
+
     COSClassInfo* info_;
     InternedName name_;
     std::vector<COSClass*> superclasses_;
     std::vector<std::unique_ptr<COSPropT>> properties_;
     std::vector<std::unique_ptr<COSMethodBase>> methods_;
+    std::atomic<std::uint64_t> deletions_{0};
 };
 
 // A package (namespace) of classes. Packages live for the process.

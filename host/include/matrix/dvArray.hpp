@@ -79,6 +79,17 @@ private:
 };
 using RootRecordPtr = std::shared_ptr<RootRecord>;
 
+// What a library remembers about the elements of an object array (for
+// example the native objects behind them), kept with the element storage
+// that the array shares with its shared copies. A memo lives as long as that
+// storage and is dropped by the first write to the elements (dvSetObject,
+// a change of class); a copy made by copy-on-write starts without one. A
+// library derives its own kind and recognises it with dynamic_cast.
+class QZHOST_API ObjectsMemo {
+public:
+    virtual ~ObjectsMemo();
+};
+
 namespace detail {
 struct QZHOST_API dvDestroy_deleter {
     void operator()(dvArray* array) const noexcept;
@@ -221,6 +232,12 @@ QZHOST_API std::shared_ptr<matrix::dvObject> dvGetObject(const dvArray* array, s
 QZHOST_API std::span<const std::shared_ptr<matrix::dvObject>> dvGetObjects(const dvArray* array);
 QZHOST_API void dvSetObject(dvArray* array, std::size_t index,
                             std::shared_ptr<matrix::dvObject> object);
+// The memo of the array's element storage (see matrix::ObjectsMemo); null
+// when none. Any thread.
+QZHOST_API std::shared_ptr<matrix::ObjectsMemo> dvGetObjectsMemo(const dvArray* array);
+// Attaches `memo` to the array's element storage, replacing the one there.
+// Any thread; the storage is not written otherwise.
+QZHOST_API void dvSetObjectsMemo(const dvArray* array, std::shared_ptr<matrix::ObjectsMemo> memo);
 
 // Function handles. Errors: std::invalid_argument "Array is not function handle.".
 QZHOST_API const std::string& dvGetFunctionHandleName(const dvArray* function);

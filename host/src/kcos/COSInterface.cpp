@@ -38,7 +38,12 @@ void COSInterface::setData(InternedName classKey, void* data) {
 }
 
 void COSInterface::destroy() noexcept {
-    destroyed_ = true;
+    if (!destroyed_) {
+        destroyed_ = true;
+        if (class_ != nullptr) {
+            class_->countDeletion();
+        }
+    }
     releaseInstanceData();
 }
 

@@ -37,6 +37,13 @@ T& writableValueOf(dvArray* array, const char* message) {
     return detachedValueOf<T>(array);
 }
 
+// The elements of an object array to write in place; its memo is dropped.
+ObjectData& writableObjects(dvArray* array) {
+    ObjectData& data = detachedValueOf<ObjectData>(checked(array, ClassID::Object, notObject));
+    data.memo.memo.store(nullptr);
+    return data;
+}
+
 void checkIndex(const dvArray* array, std::size_t index, const char* message) {
     if (index >= dvGetNumberOfElements(array)) {
         throw std::out_of_range(message);
@@ -116,10 +123,18 @@ std::span<const std::shared_ptr<matrix::dvObject>> dvGetObjects(const dvArray* a
 
 void dvSetObject(dvArray* array, std::size_t index, std::shared_ptr<matrix::dvObject> object) {
     checkIndex(checked(array, ClassID::Object, notObject), index, "Object index is out of range.");
-    detachedValueOf<ObjectData>(array).objects[index] = std::move(object);
+    writableObjects(array).objects[index] = std::move(object);
+}
+
+std::shared_ptr<matrix::ObjectsMemo> dvGetObjectsMemo(const dvArray* array) {
+    return valueOf<ObjectData>(checked(array, ClassID::Object, notObject)).memo.memo.load();
+}
+
+void dvSetObjectsMemo(const dvArray* array, std::shared_ptr<matrix::ObjectsMemo> memo) {
+    valueOf<ObjectData>(checked(array, ClassID::Object, notObject))
+        .memo.memo.store(std::move(memo));
 }
 
 void matrix::detail::setObjectArrayClass(dvArray* array, std::string className) {
-    detachedValueOf<ObjectData>(checked(array, ClassID::Object, notObject)).className =
-        std::move(className);
+    writableObjects(array).className = std::move(className);
 }

@@ -44,9 +44,23 @@ struct StringData {
     }
 };
 
+// The memo slot of an object array's storage. A copy of the storage starts
+// with an empty slot. Any thread: the memo is swapped atomically.
+struct ObjectsMemoSlot {
+    ObjectsMemoSlot() = default;
+    ObjectsMemoSlot(const ObjectsMemoSlot&) noexcept {}
+    ObjectsMemoSlot& operator=(const ObjectsMemoSlot&) noexcept {
+        memo.store(nullptr);
+        return *this;
+    }
+    std::atomic<std::shared_ptr<ObjectsMemo>> memo;
+};
+
 struct ObjectData {
     std::string className;
     std::vector<std::shared_ptr<dvObject>> objects;
+    // Not part of the value: never compared, dropped by every write.
+    mutable ObjectsMemoSlot memo;
 };
 
 // One alternative per class: Double, Logical (0/1), Char (UTF-16), Cell,

@@ -40,6 +40,7 @@ void intrusive_ptr_release(const dvArray* array) noexcept {
 namespace matrix {
 
 dvObject::~dvObject() = default;
+ObjectsMemo::~ObjectsMemo() = default;
 
 namespace detail {
 
@@ -195,7 +196,7 @@ unique_dvArray dvCreateStackStruct(std::size_t n) {
 unique_dvArray createObjectArray(const Dimensions& dims, std::string className) {
     std::vector<std::shared_ptr<dvObject>> objects(countOf(normalized(dims)));
     return ArrayAccess::make(ClassID::Object, dims,
-                             ObjectData{std::move(className), std::move(objects)});
+                             ObjectData{std::move(className), std::move(objects), {}});
 }
 
 dvArray* to_korvex(unique_dvArray&& array) noexcept {

@@ -181,9 +181,13 @@ TEST_F(ClassObjectSystem, ConstructionRunsTheConstructorUnderTheNameWritten) {
 TEST_F(ClassObjectSystem, InstanceDataIsReleasedOnceWhetherDeletedOrDropped) {
     const int created = gEvents.created;
     const int destroyed = gEvents.destroyed;
+    const kcos::COSClass& counterClass = *kcos::COSClass::getClass(makeInterned("test.Counter"));
+    const std::uint64_t deletions = counterClass.getDeletionCount();
     auto deleted = construct("test.Counter");
     omDeleteObjects(deleted.get());
+    omDeleteObjects(deleted.get());
     EXPECT_EQ(gEvents.destroyed, destroyed + 1);
+    EXPECT_EQ(counterClass.getDeletionCount(), deletions + 1); // counted once, on deletion
     EXPECT_TRUE(omGetArrayElement(deleted.get(), 0)->isDestroyed());
     EXPECT_THROW(omGetProperty(deleted.get(), "Count", COSGetPublicClient()),
                  Exception<KORVEX::kcos::InvalidHandle>);
@@ -193,6 +197,7 @@ TEST_F(ClassObjectSystem, InstanceDataIsReleasedOnceWhetherDeletedOrDropped) {
     construct("test.Counter").reset();
     EXPECT_EQ(gEvents.created, created + 2);
     EXPECT_EQ(gEvents.destroyed, destroyed + 2);
+    EXPECT_EQ(counterClass.getDeletionCount(), deletions + 1); // dropping is no deletion
 }
 
 TEST_F(ClassObjectSystem, PropertiesHonourAccessAndVisibility) {

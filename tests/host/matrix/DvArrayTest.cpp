@@ -126,6 +126,28 @@ TEST(DvArray, ReferencesAndSharedStorageAcrossThreads) {
     EXPECT_TRUE(watch.expired());
 }
 
+TEST(DvArray, ObjectsMemoLivesWithTheElementStorageUntilItIsWritten) {
+    struct Memo : matrix::ObjectsMemo {};
+    const auto object = std::make_shared<kcos::COSInterface>("test.Thing");
+    const auto original = matrix::createObjectArray({1, 2}, "test.Thing");
+    EXPECT_EQ(dvGetObjectsMemo(original.get()), nullptr);
+    const auto memo = std::make_shared<Memo>();
+    dvSetObjectsMemo(original.get(), memo);
+    const auto copy = do_shared_copy(original.get());
+    EXPECT_EQ(dvGetObjectsMemo(copy.get()), memo); // shared storage, shared memo
+
+    dvSetObject(original.get(), 0, object); // copy-on-write: a fresh storage
+    EXPECT_EQ(dvGetObjectsMemo(original.get()), nullptr);
+    EXPECT_EQ(dvGetObjectsMemo(copy.get()), memo);
+    dvSetObject(copy.get(), 1, object); // written in place
+    EXPECT_EQ(dvGetObjectsMemo(copy.get()), nullptr);
+    dvSetObjectsMemo(copy.get(), memo);
+    setObjectArrayClass(copy.get(), "test.Other");
+    EXPECT_EQ(dvGetObjectsMemo(copy.get()), nullptr);
+    EXPECT_EQ(dvGetObjectsMemo(do_deep_copy(original.get()).get()), nullptr);
+    EXPECT_THROW(dvGetObjectsMemo(dvCreateDoubleScalar(1).get()), std::invalid_argument);
+}
+
 TEST(DvArray, RootRecordParents) {
     auto owner = std::make_shared<matrix::RootRecord>();
     auto array = do_create_cell({1, 4});

@@ -65,6 +65,8 @@ const std::unordered_map<std::string_view, std::u16string_view>& catalogue() {
          u"Cannot wait for the state '{0}'. The states that can be waited for are: {1}."},
         {"KORVEX:parallel:future:NoUnreadFutures",
          u"There are no unread futures left to fetch. Every future has already been read."},
+        {"KORVEX:parallel:future:NonFutureElement",
+         u"An element of the future array is an object of class '{0}', which is not a future."},
         {"KORVEX:parallel:future:PrecedingExecutionErrors",
          u"The continuation did not run because the preceding futures with IDs {0} resulted in "
          u"errors. See the causes for details."},

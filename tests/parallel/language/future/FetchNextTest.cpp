@@ -3,6 +3,8 @@
 
 #include <parallel/language/future/FutureErrors.hpp>
 
+#include <iqm/Iqm.hpp>
+
 #include <latch>
 #include <thread>
 
@@ -19,23 +21,48 @@ FetchNextState stateOf(const std::tuple<FetchNextState, std::size_t, DvArrayVect
     return std::get<0>(result);
 }
 
-TEST_F(FetchNext, WakesWhenWorkFinishesOnAnotherThread) {
-    TestFuture a;
-    TestFuture b;
-    a.running();
-    b.running();
-    b.task->result = OutputsOrError(std::optional<DvArrayVector>(DvArrayVector{scalar(7.0)}));
-    std::latch waiting(1);
+// The first call on a vector walks it; later calls use what fetchNext
+// remembers of it. Both wake when work finishes on another thread.
+TEST_F(FetchNext, WakesWhenWorkFinishesOnAnotherThreadFirstAndLaterCalls) {
+    TestFuture a, b, c;
+    const Futures futures{a.running().future, b.running().future, c.running().future};
+    std::latch firstWaits(1), secondWaits(1);
     std::thread finisher([&] {
-        waiting.wait();
+        firstWaits.wait();
+        c.task->doNotifyFinished();
+        secondWaits.wait();
         b.task->doNotifyFinished();
     });
-    waiting.count_down();
-    auto [state, index, outputs] = FutureBase::fetchNext({a.future, b.future}, 1, kForever);
-    EXPECT_EQ(state, FetchNextState::Fetched);
-    EXPECT_EQ(index, 1u);
-    EXPECT_EQ(valueOf(outputs.at(0).get()), 7.0);
+    // Queued work runs once the call waits, and lets the finisher go.
+    const auto fetchOnceWaiting = [&](std::latch& waiting) {
+        interpreter->getIqm()->postDetached(u"parallel", [&] { waiting.count_down(); });
+        return FutureBase::fetchNext(futures, 1, kForever);
+    };
+    EXPECT_EQ(std::get<1>(fetchOnceWaiting(firstWaits)), 2u);
+    EXPECT_EQ(std::get<1>(fetchOnceWaiting(secondWaits)), 1u);
     finisher.join();
+    a.task->doNotifyFinished();
+    EXPECT_EQ(std::get<1>(FutureBase::fetchNext(futures, 1, kForever)), 0u);
+    EXPECT_EQ(stateOf(FutureBase::fetchNext(futures, 1, kForever)),
+              FetchNextState::NoUnreadFutures);
+}
+
+// fetchNext knows a vector by where its elements are: one refilled in
+// place with other futures is seen afresh.
+TEST_F(FetchNext, SeesAVectorRefilledInPlaceAfresh) {
+    Futures futures;
+    futures.reserve(2);
+    for (int round = 0; round < 3; ++round) {
+        futures.clear();
+        futures.push_back(TestFuture().finishedWith({scalar(round)}).future);
+        futures.push_back(TestFuture().finishedWith({scalar(round)}).future);
+        for (std::size_t expected : {0u, 1u}) {
+            const auto [state, index, outputs] = FutureBase::fetchNext(futures, 1, kForever);
+            ASSERT_EQ(state, FetchNextState::Fetched);
+            EXPECT_EQ(index, expected);
+            EXPECT_EQ(valueOf(outputs.at(0).get()), round);
+        }
+    }
 }
 
 TEST_F(FetchNext, RefusesTooManyOutputsAndOffersTheFutureAgain) {

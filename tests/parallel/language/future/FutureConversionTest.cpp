@@ -1,5 +1,6 @@
 #include "support/LanguageTestSupport.hpp"
 
+#include <parallel/language/future/FutureErrors.hpp>
 #include <parallel/language/future/UnavailableFuture.hpp>
 
 namespace parallel::language::future {
@@ -91,7 +92,7 @@ TEST_F(FutureConversion, ShapesAndBadInput) {
     EXPECT_THROW(FutureBase::toKorvexArray({nullptr}, {}), std::invalid_argument);
     EXPECT_THROW(FutureBase::fromKorvexArray(scalar(1).get()), std::invalid_argument);
     const auto notAFuture = construct("duration", {scalar(0), scalar(0), scalar(1)});
-    EXPECT_THROW(FutureBase::fromKorvexArray(notAFuture.get()), std::invalid_argument);
+    EXPECT_THROW(FutureBase::fromKorvexArray(notAFuture.get()), errors::NonFutureElement);
 }
 
 TEST_F(FutureConversion, OwnedArraysAreAccountedToTheObject) {

@@ -141,6 +141,9 @@ TEST_F(FutureMethods, FetchNextEndsOnAUserInterruptAndTakesIt) {
     TestFuture never;
     never.running();
     const auto futures = objects({never.future});
+    // A first call, so that the interrupted one is a drain's later call.
+    EXPECT_TRUE(
+        isEmptyOfClass(call("fetchNext", 1, {futures.get(), zero.get()})[0].get(), "double"));
     // Requested from another thread once fetchNext waits: the queued work it
     // runs while waiting lets that thread go.
     std::latch waiting(1);
@@ -152,6 +155,8 @@ TEST_F(FutureMethods, FetchNextEndsOnAUserInterruptAndTakesIt) {
     // Ignored, the interrupt would leave fetchNext to time out, raising nothing.
     EXPECT_EQ(raised("fetchNext", 2, {futures.get(), generous.get()}).id, "KORVEX:interrupted");
     EXPECT_FALSE(interpreter->consumeInterrupt()); // taken, not left for the next call
+    EXPECT_TRUE(
+        isEmptyOfClass(call("fetchNext", 1, {futures.get(), zero.get()})[0].get(), "double"));
     never.task->doNotifyFinished();
 }
 
@@ -313,6 +318,30 @@ TEST_F(FutureMethods, FetchNextSeesEachArrayAsItIsNow) {
     omGetLiveArrayElement(second.get(), 1)->destroy();
     EXPECT_EQ(raised("fetchNext", 1, {second.get()}).id, kFuture + "FetchNextInvalidFuture");
     EXPECT_EQ(raised("fetchNext", 1, {first.get()}).id, kFuture + "NoUnreadFutures");
+}
+
+// The host lets an array of the future class hold objects of other classes
+// (a load can make one): every method that reads the futures refuses it with
+// a typed error naming that class.
+TEST_F(FutureMethods, MethodsRefuseAnArrayHoldingAnotherObject) {
+    const auto done = TestFuture().finishedWith({scalar(1)}).future;
+    const auto mixed = objects({done, done});
+    const auto stranger = std::make_shared<kcos::COSInterface>("test.Stranger");
+    omSetArrayElement(mixed.get(), 1,
+                      kcos::COSInterfacePtr(stranger.get(), kcos::COSReferenceType::Strong));
+    const RecordingFunction fn;
+    for (const auto& [method, inputs] : std::vector<std::pair<const char*, Inputs>>{
+             {"wait", {mixed.get()}},
+             {"fetchNext", {mixed.get()}},
+             {"fetchOutputs", {mixed.get()}},
+             {"cancel", {mixed.get()}},
+             {"afterEach", {mixed.get(), fn.handle.get(), one.get()}},
+             {"afterAll", {mixed.get(), fn.handle.get(), one.get()}},
+             {"isequal", {mixed.get(), mixed.get()}}}) {
+        const Raised refused = raised(method, 0, inputs);
+        EXPECT_EQ(refused.id, kFuture + "NonFutureElement") << method;
+        EXPECT_EQ(refused.arguments, texts(u"test.Stranger")) << method;
+    }
 }
 
 TEST_F(FutureMethods, CancelGoesFromTheLargestIDAndTakesNoFurtherInputs) {

@@ -19,9 +19,10 @@ namespace parallel::language::future {
 // The class binding's access to what FutureBase keeps private.
 struct FutureBaseAccess {
     static void setCosi(FutureBase& future, kcos::COSInterface* object) { future.setCosi(object); }
-    static auto fetchNextBorrowed(std::span<FutureBase* const> futures, unsigned int numOutputs,
-                                  Seconds timeout) {
-        return FutureBase::fetchNextBorrowed(futures, numOutputs, timeout);
+    static auto fetchNextThrough(detail::FetchNextDrain& drain,
+                                 std::span<const std::shared_ptr<FutureBase>> futures,
+                                 unsigned int numOutputs, Seconds timeout) {
+        return FutureBase::fetchNextThrough(drain, futures, numOutputs, timeout);
     }
 };
 

@@ -6,6 +6,7 @@
 #include "Concatenation.hpp"
 #include "DiagnosticLogging.hpp"
 #include "ErrorConversion.hpp"
+#include "FetchNextDrain.hpp"
 #include "PropertyArrays.hpp"
 
 #include <Veldspire/KException/KExceptionEnvelope.hpp>
@@ -153,11 +154,10 @@ void raiseExecutionErrors(const PerTaskVariant<std::exception_ptr>& errors,
     throw failure;
 }
 
-// One future waiting in fetchNext, owned while it waits.
+// One future waiting in fetchNext's walk.
 struct FetchNextWaitableFuture {
     std::size_t index;
     boost::shared_future<void> future;
-    std::shared_ptr<FutureBase> owner;
 };
 using Candidates = std::vector<FetchNextWaitableFuture>;
 
@@ -179,21 +179,36 @@ Candidates::const_iterator firstReady(Candidates::const_iterator first,
     });
 }
 
-// Runs the interpreter's queued work until a candidate is ready or the
-// deadline passes; the first ready candidate, or `last`. Interpreter thread.
-Candidates::const_iterator waitForAnyWithDequeue(Candidates::const_iterator first,
-                                                 Candidates::const_iterator last,
-                                                 const SteadyTimePoint& deadline) {
+// The queue manager of the calling interpreter thread, where fetchNext waits.
+std::shared_ptr<iqm::Iqm> waitingQueueManager() {
     std::shared_ptr<iqm::Iqm> queueManager = iqm::Iqm::getCurrent();
     if (!queueManager) {
         throw std::logic_error("fetchNext waits on an interpreter thread only.");
     }
+    return queueManager;
+}
+
+// Runs the interpreter's queued work until `done` answers true or the
+// deadline passes; `done` is asked before sleeping and after every piece of
+// work and every wake-up. Interpreter thread.
+void dequeueUntil(iqm::Iqm& queueManager, const std::function<bool()>& done,
+                  const SteadyTimePoint& deadline) {
+    queueManager.processUntil(
+        waitingQueueNames(), [&] { return done() || clock::getCurrentSteadyTime() > deadline; },
+        deadline);
+}
+
+// Runs the interpreter's queued work until a candidate is ready or the
+// deadline passes, woken by every task that finishes; the first ready
+// candidate, or `last`. Interpreter thread.
+Candidates::const_iterator waitForAnyWithDequeue(Candidates::const_iterator first,
+                                                 Candidates::const_iterator last,
+                                                 const SteadyTimePoint& deadline) {
+    const std::shared_ptr<iqm::Iqm> queueManager = waitingQueueManager();
     ScopedTaskFinishedListener registration(
         std::make_shared<WaitForAnyTaskFinishedListener>(queueManager));
-    queueManager->processUntil(
-        waitingQueueNames(),
-        [&] { return firstReady(first, last) != last || clock::getCurrentSteadyTime() > deadline; },
-        deadline);
+    dequeueUntil(
+        *queueManager, [&] { return firstReady(first, last) != last; }, deadline);
     return firstReady(first, last);
 }
 
@@ -575,16 +590,16 @@ DvArrayVector FutureBase::fetchOutputs(std::vector<std::shared_ptr<FutureBase>> 
     return concatenateEach(std::move(perFuture), numOutputs);
 }
 
-// Every future is reached through futures[i], an owning or a borrowed
-// pointer. Before running any queued work (which may run language code that
-// deletes future objects) the futures still needed are owned here.
-template <class Futures>
 std::tuple<FetchNextState, std::size_t, DvArrayVector>
-FutureBase::fetchNextAmong(const Futures& futures, unsigned int numOutputs, Seconds timeout) {
-    const auto fetch = [numOutputs](std::size_t index, const std::shared_ptr<FutureBase>& future) {
-        runParallelQueue();
-        return std::tuple(FetchNextState::Fetched, index, future->doFetchNext(numOutputs));
-    };
+FutureBase::fetchAt(std::shared_ptr<FutureBase> future, std::size_t index,
+                    unsigned int numOutputs) {
+    runParallelQueue();
+    return std::tuple(FetchNextState::Fetched, index, future->doFetchNext(numOutputs));
+}
+
+std::tuple<FetchNextState, std::size_t, DvArrayVector>
+FutureBase::fetchNextAmong(std::span<const std::shared_ptr<FutureBase>> futures,
+                           unsigned int numOutputs, Seconds timeout) {
     bool someSubmitted = false;
     Candidates candidates;
     for (std::size_t i = 0; i < futures.size(); ++i) {
@@ -608,9 +623,9 @@ FutureBase::fetchNextAmong(const Futures& futures, unsigned int numOutputs, Seco
         someSubmitted = true;
         boost::shared_future<void> waitable = future.doGetWaitableFuture();
         if (waitable.is_ready()) {
-            return fetch(i, future.shared_from_this());
+            return fetchAt(futures[i], i, numOutputs);
         }
-        candidates.push_back({i, std::move(waitable), future.shared_from_this()});
+        candidates.push_back({i, std::move(waitable)});
     }
     if (candidates.empty()) {
         return {
@@ -621,19 +636,109 @@ FutureBase::fetchNextAmong(const Futures& futures, unsigned int numOutputs, Seco
     if (ready == candidates.cend()) {
         return {FetchNextState::TimedOut, 0, {}};
     }
-    return fetch(ready->index, ready->owner);
+    return fetchAt(futures[ready->index], ready->index, numOutputs);
+}
+
+namespace {
+
+// Runs the interpreter's queued work until a future that `drain` saw running
+// has finished, none is left running, or the deadline passes; woken by the
+// watched futures as they finish. That future, if one finished. Interpreter
+// thread.
+std::optional<std::size_t> waitForAnyWithDequeue(detail::FetchNextDrain& drain,
+                                                 detail::FutureSpan futures,
+                                                 const SteadyTimePoint& deadline) {
+    const std::shared_ptr<iqm::Iqm> queueManager = waitingQueueManager();
+    drain.beginWait(queueManager);
+    const std::unique_ptr<detail::FetchNextDrain, void (*)(detail::FetchNextDrain*)> ending(
+        &drain, [](detail::FetchNextDrain* waited) { waited->endWait(); });
+    std::optional<std::size_t> finished;
+    dequeueUntil(
+        *queueManager,
+        [&] {
+            finished = drain.finishedSinceWaitBegan(futures);
+            return finished || !drain.hasRunning(futures);
+        },
+        deadline);
+    return finished;
+}
+
+// The drain of the last vector given to FutureBase::fetchNext on this thread,
+// known by the address of its elements. Shared with the calls using it, so
+// that a nested call may replace it.
+struct RememberedVector {
+    const void* elements = nullptr;
+    std::shared_ptr<detail::FetchNextDrain> drain;
+};
+
+RememberedVector& rememberedVector() {
+    thread_local RememberedVector remembered;
+    return remembered;
+}
+
+std::shared_ptr<detail::FetchNextDrain>
+rememberVector(const std::vector<std::shared_ptr<FutureBase>>& futures) {
+    RememberedVector& remembered = rememberedVector();
+    remembered.elements = futures.data();
+    remembered.drain = std::make_shared<detail::FetchNextDrain>(futures);
+    return remembered.drain;
+}
+
+} // namespace
+
+std::tuple<FetchNextState, std::size_t, DvArrayVector>
+FutureBase::fetchNextThrough(detail::FetchNextDrain& drain,
+                             std::span<const std::shared_ptr<FutureBase>> futures,
+                             unsigned int numOutputs, Seconds timeout) {
+    const detail::FetchNextDrain::Lease lease(drain);
+    if (!lease) {
+        return fetchNextAmong(futures, numOutputs, timeout);
+    }
+    drain.checkEnds(futures);
+    if (drain.takeFirstUse()) {
+        return fetchNextAmong(futures, numOutputs, timeout);
+    }
+    std::optional<SteadyTimePoint> deadline;
+    for (;;) {
+        if (const std::optional<std::size_t> finished = drain.nextFinished(futures)) {
+            return fetchAt(futures[*finished], *finished, numOutputs);
+        }
+        if (const std::optional<FetchNextState> stopped = drain.stopper()) {
+            return {*stopped, 0, {}};
+        }
+        drain.promoteSubmitted(futures);
+        if (!drain.hasRunning(futures)) {
+            return {drain.sawRead() ? FetchNextState::NoUnreadFutures
+                                    : FetchNextState::NotSubmitted,
+                    0,
+                    {}};
+        }
+        if (!deadline) {
+            deadline = getCurrentSteadyTime() + timeout;
+        }
+        if (const auto finished = waitForAnyWithDequeue(drain, futures, *deadline)) {
+            return fetchAt(futures[*finished], *finished, numOutputs);
+        }
+        if (drain.hasRunning(futures)) {
+            return {FetchNextState::TimedOut, 0, {}};
+        }
+        // Every future it waited for turned out read: answer afresh.
+    }
 }
 
 std::tuple<FetchNextState, std::size_t, DvArrayVector>
-FutureBase::fetchNext(std::vector<std::shared_ptr<FutureBase>> futures, unsigned int numOutputs,
-                      Seconds timeout) {
-    return fetchNextAmong(futures, numOutputs, timeout);
-}
-
-std::tuple<FetchNextState, std::size_t, DvArrayVector>
-FutureBase::fetchNextBorrowed(std::span<FutureBase* const> futures, unsigned int numOutputs,
-                              Seconds timeout) {
-    return fetchNextAmong(futures, numOutputs, timeout);
+FutureBase::fetchNext(const std::vector<std::shared_ptr<FutureBase>>& futures,
+                      unsigned int numOutputs, Seconds timeout) {
+    const RememberedVector& remembered = rememberedVector();
+    std::shared_ptr<detail::FetchNextDrain> drain = remembered.drain;
+    if (!drain || remembered.elements != futures.data()) {
+        drain = rememberVector(futures);
+    }
+    try {
+        return fetchNextThrough(*drain, futures, numOutputs, timeout);
+    } catch (const detail::StaleFutures&) {
+        return fetchNextThrough(*rememberVector(futures), futures, numOutputs, timeout);
+    }
 }
 
 bool FutureBase::isEqual(const std::vector<std::shared_ptr<FutureBase>>& a,
@@ -649,7 +754,9 @@ DvArrayVector FutureBase::doFetchNext(unsigned int numOutputs) {
     }
     setRead(true);
     const std::shared_ptr<FutureBase> self = shared_from_this();
-    raiseExecutionErrors(self->getError(), envelopeOf(errors::FetchNextFutureErrored()));
+    if (self->hasError()) { // the error to raise is built only when needed
+        raiseExecutionErrors(self->getError(), envelopeOf(errors::FetchNextFutureErrored()));
+    }
     if (numOutputs == 0) {
         return {};
     }

@@ -3,15 +3,18 @@
 // predecessors of continuation futures. Interpreter thread throughout.
 
 #include <parallel/language/future/FutureBase.hpp>
+#include <parallel/language/future/FutureErrors.hpp>
 #include <parallel/language/future/UnavailableFuture.hpp>
 
-#include "BorrowedFutures.hpp"
 #include "DiagnosticLogging.hpp"
+#include "FutureArrayMemo.hpp"
 #include "FutureClassNames.hpp"
 
+#include <foundation/core/str/Utf.hpp>
 #include <kcos/COSClass.hpp>
 #include <kcos/array.hpp>
 
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <numeric>
@@ -91,29 +94,20 @@ namespace {
 
 // The cell holding the future of a live object. Only objects made by the
 // future class carry a future under its key; any other object's data is not
-// ours to read: std::invalid_argument.
+// ours to read: NonFutureElement.
 const std::shared_ptr<FutureBase>& futureCellOf(kcos::COSInterface& object) {
     const kcos::COSClass* cls = object.getObjectClass();
     void* data = cls != nullptr && cls->getInternedName() == names::futureClass()
                      ? object.getData(names::futureClass())
                      : nullptr;
     if (data == nullptr) {
-        throw std::invalid_argument("Object of class '" + object.className() +
-                                    "' is not a future.");
+        throw errors::NonFutureElement(foundation::core::str::toUtf16(object.className()));
     }
     return *static_cast<const std::shared_ptr<FutureBase>*>(data);
 }
 
 bool isGone(const kcos::COSInterface* object) noexcept {
     return object == nullptr || object->isDestroyed();
-}
-
-// Stands for every null or deleted element of a borrowed array. Never
-// destroyed: borrowed pointers to it may be held until the process ends.
-FutureBase* unavailableStandIn() {
-    static const auto* const standIn =
-        new std::shared_ptr<FutureBase>(std::make_shared<UnavailableFuture>("parallel.Future"));
-    return standIn->get();
 }
 
 } // namespace
@@ -142,58 +136,68 @@ std::shared_ptr<FutureBase> FutureBase::fromKorvexCosi(kcos::COSInterface* objec
 
 namespace binding {
 
-namespace {
-
-// Whether `remembered` holds exactly the objects of `elements`, each still
-// the object it was when remembered.
-bool holdsSameObjects(std::span<const std::shared_ptr<matrix::dvObject>> elements,
-                      const std::vector<BorrowedElement>& remembered) {
-    if (elements.size() != remembered.size()) {
-        return false;
-    }
-    for (std::size_t i = 0; i < elements.size(); ++i) {
-        // The array holds elements[i] alive, so a remembered object at the
-        // same address that has not died is that very object.
-        const BorrowedElement& entry = remembered[i];
-        if (entry.element != elements[i].get() || (entry.element && entry.alive.expired())) {
-            return false;
-        }
-    }
-    return true;
-}
-
-void remember(std::span<const std::shared_ptr<matrix::dvObject>> elements, BorrowedArray& into) {
-    into.elements.clear();
-    into.futures.clear();
-    into.elements.reserve(elements.size());
-    for (const std::shared_ptr<matrix::dvObject>& element : elements) {
-        kcos::COSInterface* object = omLiveObjectOf(element.get());
-        FutureBase* future = isGone(object) ? unavailableStandIn() : futureCellOf(*object).get();
-        into.elements.push_back({element.get(), element, object, future});
-    }
-}
-
-} // namespace
-
-void borrowFutures(const dvArray* array, BorrowedArray& into) {
+std::shared_ptr<FutureArrayMemo> FutureArrayMemo::of(const dvArray* array) {
     if (array == nullptr) {
         throw std::invalid_argument("Array is null.");
     }
+    auto memo = std::dynamic_pointer_cast<FutureArrayMemo>(dvGetObjectsMemo(array));
+    if (memo && (memo->deletionsUnchanged() || memo->recheckElements(array))) {
+        return memo;
+    }
+    memo = make(array);
+    dvSetObjectsMemo(array, memo);
+    return memo;
+}
+
+std::shared_ptr<FutureArrayMemo> FutureArrayMemo::make(const dvArray* array) {
+    auto memo = std::make_shared<FutureArrayMemo>();
+    // The array holds its objects for the whole call: no handle is needed.
     const auto elements = dvGetObjects(array);
-    if (!holdsSameObjects(elements, into.elements)) {
-        try {
-            remember(elements, into);
-        } catch (...) {
-            into = {};
-            throw;
+    memo->size_ = elements.size();
+    memo->futures_.reserve(elements.size());
+    for (const std::shared_ptr<matrix::dvObject>& element : elements) {
+        kcos::COSInterface* object = omLiveObjectOf(element.get());
+        if (isGone(object)) {
+            memo->unavailable_ = true;
+            continue; // the other elements are still checked to be futures
+        }
+        const std::shared_ptr<FutureBase>& future = futureCellOf(*object);
+        memo->unavailable_ = memo->unavailable_ || future->isInvalid();
+        memo->futures_.push_back(future);
+        const kcos::COSClass* cls = object->getObjectClass();
+        if (std::ranges::find(memo->deletionCounts_, cls, &DeletionCounts::value_type::first) ==
+            memo->deletionCounts_.end()) {
+            memo->deletionCounts_.emplace_back(cls, cls->getDeletionCount());
         }
     }
-    // Objects may have been deleted since: deletion is final.
-    into.futures.resize(elements.size());
-    for (std::size_t i = 0; i < elements.size(); ++i) {
-        const BorrowedElement& entry = into.elements[i];
-        into.futures[i] = isGone(entry.object) ? unavailableStandIn() : entry.future;
+    if (memo->unavailable_) {
+        memo->futures_ = {}; // final: the futures are not needed again
+        memo->deletionCounts_.clear();
+    } else {
+        memo->drain_.emplace(memo->futures_);
     }
+    return memo;
+}
+
+bool FutureArrayMemo::deletionsUnchanged() const noexcept {
+    return unavailable_ ||
+           std::ranges::all_of(deletionCounts_, [](const DeletionCounts::value_type& entry) {
+               return entry.first->getDeletionCount() == entry.second;
+           });
+}
+
+bool FutureArrayMemo::recheckElements(const dvArray* array) {
+    DeletionCounts counts = deletionCounts_;
+    for (auto& [cls, count] : counts) {
+        count = cls->getDeletionCount();
+    }
+    for (const std::shared_ptr<matrix::dvObject>& element : dvGetObjects(array)) {
+        if (isGone(omLiveObjectOf(element.get()))) {
+            return false;
+        }
+    }
+    deletionCounts_ = std::move(counts);
+    return true;
 }
 
 } // namespace binding

@@ -9,9 +9,9 @@
 #include <parallel/language/future/AfterEachFuture.hpp>
 #include <parallel/language/future/FetchNextState.hpp>
 
-#include "BorrowedFutures.hpp"
 #include "ClassBinding.hpp"
 #include "DiagnosticLogging.hpp"
+#include "FutureArrayMemo.hpp"
 #include "FutureClassNames.hpp"
 #include "MethodArguments.hpp"
 
@@ -348,10 +348,15 @@ public:
 private:
     void doInvoke(int& numOutputs, kcos::COSValue* outputs,
                   std::span<const kcos::COSValue> inputs) const override {
-        // Walked whole on every call of a drain: borrowed, not owned.
-        const BorrowedFutures borrowed(arrayOf(inputs[0]));
-        const std::span<FutureBase* const> futures = borrowed.get();
-        refuseUnreadable<errors::NoUnreadFutures, errors::FetchNextInvalidFuture>(futures);
+        // Called on one array again and again by a drain: the array's memo
+        // spares converting it and walking what was read on every call.
+        const std::shared_ptr<FutureArrayMemo> memo = FutureArrayMemo::of(arrayOf(inputs[0]));
+        if (memo->empty()) {
+            throw errors::NoUnreadFutures();
+        }
+        if (memo->hasUnavailable()) {
+            throw errors::FetchNextInvalidFuture();
+        }
         numOutputs = std::max(numOutputs, 1);
         checkCounts(0, 0, inputs.size(), 1, 2);
         const auto wanted = static_cast<unsigned int>(numOutputs - 1);
@@ -363,7 +368,7 @@ private:
             timeout = timeoutOf(inputs[1].getArray());
         }
         auto [state, index, fetched] =
-            FutureBaseAccess::fetchNextBorrowed(futures, wanted, timeout);
+            FutureBaseAccess::fetchNextThrough(memo->drain(), memo->futures(), wanted, timeout);
         switch (state) {
         case FetchNextState::Fetched:
             outputs[0].setArray(dvCreateDoubleScalar(static_cast<double>(index) + 1.0));

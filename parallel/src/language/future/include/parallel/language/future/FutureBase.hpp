@@ -22,6 +22,10 @@
 
 namespace parallel::language::future {
 
+namespace detail {
+class FetchNextDrain;
+}
+
 // The next future ID: 1, 2, 3, ... for the life of the library. Any thread;
 // one sequentially consistent fetch-and-add.
 QZ_FUTURE_API long long getNextID();
@@ -141,8 +145,17 @@ public:
     // Takes the first unread finished future (waiting up to `timeout` for
     // one), marks it read and returns its index and `numOutputs` outputs.
     // Interpreter thread.
+    //
+    // A drain (one call per future on the same vector) costs O(1) per call
+    // amortised: each thread remembers what it learnt about the last vector
+    // it was given, known by the address of its elements, their number and
+    // the futures at its ends, and looks again only at entries it has not
+    // seen read. Every entry it does look at is checked against what it
+    // remembers, but an entry replaced in place among those it skips is
+    // not seen: give a vector whose entries were replaced a new allocation
+    // (or use another vector object) to have it looked at afresh.
     static std::tuple<FetchNextState, std::size_t, DvArrayVector>
-    fetchNext(std::vector<std::shared_ptr<FutureBase>> futures, unsigned int numOutputs,
+    fetchNext(const std::vector<std::shared_ptr<FutureBase>>& futures, unsigned int numOutputs,
               Seconds timeout);
 
     // Conversions between futures and object arrays of the language class
@@ -155,8 +168,8 @@ public:
     toKorvexArray(const std::vector<std::shared_ptr<FutureBase>>& futures,
                   const std::vector<std::size_t>& dims);
     // The futures of an object array, in element order. Null and deleted
-    // elements become unavailable futures; an element that is no future
-    // object throws std::invalid_argument.
+    // elements become unavailable futures; an element that is an object of
+    // another class raises NonFutureElement.
     static std::vector<std::shared_ptr<FutureBase>> fromKorvexArray(const dvArray* array);
     static std::shared_ptr<FutureBase> fromKorvexCosi(kcos::COSInterface* object);
 
@@ -190,14 +203,23 @@ private:
     void initOutputsOrErrorIfNeeded();
     bool isOutputsOrErrorCached() const;
     DvArrayVector doFetchNext(unsigned int numOutputs);
-    // fetchNext over futures the caller holds alive for the call without
-    // owning them; what must outlive a wait is owned inside.
+    // fetchNext by what `drain` remembers of `futures` (which it must have
+    // been made for: detail::StaleFutures otherwise), or by a walk over all
+    // of them on the drain's first use and when a call this one is nested
+    // in is using the drain.
     static std::tuple<FetchNextState, std::size_t, DvArrayVector>
-    fetchNextBorrowed(std::span<FutureBase* const> futures, unsigned int numOutputs,
-                      Seconds timeout);
-    template <class Futures>
+    fetchNextThrough(detail::FetchNextDrain& drain,
+                     std::span<const std::shared_ptr<FutureBase>> futures, unsigned int numOutputs,
+                     Seconds timeout);
+    // The fetch of `future`, at `index`: the queued "parallel" work runs
+    // first (the future is owned through it), then doFetchNext.
     static std::tuple<FetchNextState, std::size_t, DvArrayVector>
-    fetchNextAmong(const Futures& futures, unsigned int numOutputs, Seconds timeout);
+    fetchAt(std::shared_ptr<FutureBase> future, std::size_t index, unsigned int numOutputs);
+    // fetchNext by a walk over every future, from the first.
+    static std::tuple<FetchNextState, std::size_t, DvArrayVector>
+    fetchNextAmong(std::span<const std::shared_ptr<FutureBase>> futures, unsigned int numOutputs,
+                   Seconds timeout);
+    friend class detail::FetchNextDrain; // reads waitable futures
     void setRead(bool read) noexcept { read_ = read; }
     // Remembers `object` as the own language object and accounts every owned
     // array's memory to it.

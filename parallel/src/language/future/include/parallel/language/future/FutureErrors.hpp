@@ -36,6 +36,7 @@
     X(FirstArgNotFunctionHandle)                                                                   \
     X(InvalidStateToWait)                                                                          \
     X(NoUnreadFutures)                                                                             \
+    X(NonFutureElement)                                                                            \
     X(PrecedingExecutionErrors)                                                                    \
     X(PrecedingOutputsConcatenationFailed)                                                         \
     X(StdException)                                                                                \
