@@ -37,7 +37,8 @@ TEST(MessageCatalog, EveryIdentifierHasATextWithOnePlaceholderPerArgument) {
          "KORVEX:string:MustBeStringScalarOrCharacterVector KORVEX:string:MissingNotSupported "
          "KORVEX:maxlhs KORVEX:maxrhs KORVEX:minrhs KORVEX:badsubscript KORVEX:interrupted "
          "KORVEX:catenate:dimensionMismatch KORVEX:catenate:classMismatch"},
-        {1, "PrecedingExecutionErrors StdException KORVEX:InputParser:ParamMissingValue "
+        {1, "NonFutureElement PrecedingExecutionErrors StdException WaitNestingLimit "
+            "KORVEX:InputParser:ParamMissingValue "
             "KORVEX:InputParser:ValidParameters KORVEX:cmddistributor:RuntimeError "
             "KORVEX:unknown:UserError"},
         {2, "InvalidStateToWait TooManyOutputsRequested KORVEX:InputParser:UnmatchedParameter"},

@@ -255,11 +255,9 @@ inline std::pair<Array, std::string> futureArray(Rng& rng, const std::vector<Ent
 }
 
 // Empty when `run` succeeds or raises a language error; otherwise what it
-// raised. With `otherObject` (an element of another class was passed), the
-// element's std::invalid_argument is accepted too, as long as not every
-// method gives such an element a typed error.
+// raised.
 template <class Run>
-std::string unacceptedOutcome(Run&& run, bool otherObject = false) {
+std::string unacceptedOutcome(Run&& run) {
     const auto accepted = [](const std::string& id) {
         return id.rfind("KORVEX:", 0) == 0 || id == "parallel:fevalqueue:ExecutionCancelled";
     };
@@ -270,8 +268,6 @@ std::string unacceptedOutcome(Run&& run, bool otherObject = false) {
         return accepted(error.get_error_id()) ? "" : "error " + error.get_error_id();
     } catch (const KExceptionEnvelope& error) {
         return accepted(error.GetID()) ? "" : "error " + error.GetID();
-    } catch (const std::invalid_argument& error) {
-        return otherObject ? "" : std::string("std::invalid_argument: ") + error.what();
     } catch (const std::exception& error) {
         return std::string(typeid(error).name()) + ": " + error.what();
     } catch (...) {
