@@ -9,6 +9,8 @@
 
 #include <boost/exception/diagnostic_information.hpp>
 
+#include <atomic>
+
 namespace parallel::language::future {
 
 namespace {
@@ -25,18 +27,44 @@ void attach(boost::shared_future<void> future, boost::launch policy,
                 [callback = std::move(callback)](boost::shared_future<void>) { callback(); });
 }
 
-// Finished and Cancelled: the first of them makes the finished future ready.
-constexpr unsigned long long kFinishingEvents = 2;
+// Serials are handed to each thread in blocks, so that making a task shares
+// no memory with other threads but once a block.
+constexpr std::uint64_t kSerialsPerBlock = 1024;
+std::atomic<std::uint64_t> gNextSerialBlock{0};
+
+std::uint64_t nextSerial() noexcept {
+    thread_local std::uint64_t next = 0;
+    thread_local std::uint64_t end = 0;
+    if (next == end) {
+        next = gNextSerialBlock.fetch_add(1, std::memory_order_relaxed) * kSerialsPerBlock;
+        end = next + kSerialsPerBlock;
+    }
+    return next++;
+}
+
+void runDroppingErrors(const std::function<void()>& callback) noexcept {
+    try {
+        callback();
+    } catch (...) {
+    }
+}
 
 } // namespace
 
-TaskBase::TaskBase()
-    : runningFuture_(runningPromise_.get_future().share()),
-      finishedPromise_(MultiEventPromise::Any, kFinishingEvents),
-      finishedFuture_(finishedPromise_.getFuture().share()) {}
+TaskBase::TaskBase() : serial_(nextSerial()) {}
 
 TaskBase::~TaskBase() {
-    detail::timeline::onDestroyed(this);
+    // No other thread can reach a task being destroyed: no lock needed, and
+    // none held while the callbacks run.
+    Callbacks finished;
+    Callbacks running;
+    {
+        foundation::core::sync::LockGuard lock(mutex_);
+        finished.swap(finishedCallbacks_);
+        running.swap(runningCallbacks_);
+    }
+    runAll(finished);
+    runAll(running);
 }
 
 void TaskBase::cancel() noexcept {
@@ -65,12 +93,12 @@ bool TaskBase::wait(FutureState target, const SteadyTimePoint& deadline) {
         boost::shared_future<void> running;
         {
             foundation::core::sync::LockGuard lock(mutex_);
-            running = runningFuture_;
+            running = futureOf(runningPromise_, running_);
         }
         return detail::waitUntil(running, deadline);
     }
     try {
-        return detail::waitUntil(finishedFuture_, deadline);
+        return detail::waitUntil(getWaitableFuture(), deadline);
     } catch (const boost::future_uninitialized&) {
         throw errors::WaitOnUnavailableFuture();
     } catch (...) {
@@ -79,12 +107,21 @@ bool TaskBase::wait(FutureState target, const SteadyTimePoint& deadline) {
 }
 
 void TaskBase::afterRunningThen(boost::launch policy, std::function<void()> callback) {
-    boost::shared_future<void> running;
-    {
-        foundation::core::sync::LockGuard lock(mutex_);
-        running = runningFuture_;
+    if (policy != boost::launch::sync) {
+        boost::shared_future<void> running;
+        {
+            foundation::core::sync::LockGuard lock(mutex_);
+            running = futureOf(runningPromise_, running_);
+        }
+        attach(std::move(running), policy, std::move(callback));
+        return;
     }
-    attach(std::move(running), policy, std::move(callback));
+    foundation::core::sync::LockGuard lock(mutex_);
+    if (running_) {
+        runDroppingErrors(callback);
+    } else {
+        runningCallbacks_.push_back(std::move(callback));
+    }
 }
 
 void TaskBase::afterFinishThen(boost::launch policy, std::function<void()> callback) {
@@ -92,7 +129,18 @@ void TaskBase::afterFinishThen(boost::launch policy, std::function<void()> callb
 }
 
 void TaskBase::doAfterFinishThen(boost::launch policy, std::function<void()> callback) {
-    attach(finishedFuture_, policy, std::move(callback));
+    if (policy != boost::launch::sync) {
+        attach(getWaitableFuture(), policy, std::move(callback));
+        return;
+    }
+    {
+        foundation::core::sync::LockGuard lock(mutex_);
+        if (!finished_) {
+            finishedCallbacks_.push_back(std::move(callback));
+            return;
+        }
+    }
+    runDroppingErrors(callback);
 }
 
 FutureState TaskBase::getState() const noexcept {
@@ -144,7 +192,8 @@ OutputsOrError TaskBase::getOutputsOrError() {
 }
 
 boost::shared_future<void> TaskBase::getWaitableFuture() const {
-    return finishedFuture_;
+    foundation::core::sync::LockGuard lock(mutex_);
+    return futureOf(finishedPromise_, finished_);
 }
 
 void TaskBase::doNotifyPending() {
@@ -162,8 +211,8 @@ void TaskBase::doNotifyQueued() {
         if (state_ == FutureState::Running) {
             // Back to a queue: the next run gets a running promise of its own.
             // The old one is ready already, so dropping it breaks nothing.
-            runningPromise_ = boost::promise<void>();
-            runningFuture_ = runningPromise_.get_future().share();
+            running_ = false;
+            runningPromise_.reset();
         }
         if (cancelled_) {
             return;
@@ -182,7 +231,16 @@ void TaskBase::doNotifyRunning() {
         }
         setStartTime();
         setState(FutureState::Running);
-        runningPromise_.set_value();
+        if (running_) {
+            throw boost::promise_already_satisfied();
+        }
+        running_ = true;
+        Callbacks callbacks;
+        callbacks.swap(runningCallbacks_);
+        runAll(callbacks);
+        if (runningPromise_) {
+            runningPromise_->promise.set_value();
+        }
     }
     detail::timeline::onRunning(this);
 }
@@ -197,7 +255,7 @@ void TaskBase::doNotifyFinished() {
         }
     }
     detail::timeline::onFinished(this);
-    finishedPromise_.setOne();
+    reachFinished();
     detail::notifyTaskFinished();
 }
 
@@ -210,7 +268,43 @@ void TaskBase::doNotifyCancelled() {
         cancelled_ = true;
     }
     detail::timeline::onCancelled(this);
-    finishedPromise_.setOne();
+    reachFinished();
+}
+
+void TaskBase::reachFinished() {
+    Callbacks callbacks;
+    LazyPromise* promise = nullptr;
+    {
+        foundation::core::sync::LockGuard lock(mutex_);
+        if (finished_) {
+            return;
+        }
+        finished_ = true;
+        callbacks.swap(finishedCallbacks_);
+        // Made before finished_ was set and never replaced: safe to use
+        // without the mutex, which its continuations must not run under.
+        promise = finishedPromise_ ? &*finishedPromise_ : nullptr;
+    }
+    runAll(callbacks);
+    if (promise != nullptr) {
+        promise->promise.set_value();
+    }
+}
+
+boost::shared_future<void> TaskBase::futureOf(std::optional<LazyPromise>& slot, bool reached) {
+    if (!slot) {
+        slot.emplace();
+        if (reached) {
+            slot->promise.set_value();
+        }
+    }
+    return slot->future;
+}
+
+void TaskBase::runAll(Callbacks& callbacks) noexcept {
+    for (const auto& callback : callbacks) {
+        runDroppingErrors(callback);
+    }
 }
 
 void TaskBase::setState(FutureState state) {
