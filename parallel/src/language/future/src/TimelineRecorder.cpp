@@ -12,6 +12,9 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <cstddef>
+#include <memory>
+#include <new>
 #include <cstdint>
 #include <fstream>
 #include <limits>
@@ -59,9 +62,13 @@ public:
     AppendLog(const AppendLog&) = delete;
     AppendLog& operator=(const AppendLog&) = delete;
     ~AppendLog() {
-        // Iteratively: a long chain of chunks must not recurse.
+        const std::size_t count = size_.load(std::memory_order_acquire);
         std::unique_ptr<Chunk> chunk = std::move(head_);
-        while (chunk) {
+        // Iteratively: a long chain of chunks must not recurse.
+        for (std::size_t i = 0; chunk; i += kChunkSize) {
+            for (std::size_t k = 0; k < kChunkSize && i + k < count; ++k) {
+                std::destroy_at(chunk->at(k));
+            }
             chunk = std::move(chunk->next);
         }
     }
@@ -71,12 +78,12 @@ public:
         const std::size_t size = size_.load(std::memory_order_relaxed);
         const std::size_t slot = size % kChunkSize;
         if (slot == 0) {
-            auto chunk = std::make_unique<Chunk>();
+            auto chunk = std::make_unique_for_overwrite<Chunk>();
             Chunk* added = chunk.get();
             (tail_ != nullptr ? tail_->next : head_) = std::move(chunk);
             tail_ = added;
         }
-        tail_->items[slot] = std::move(value);
+        ::new (static_cast<void*>(tail_->storage + slot * sizeof(T))) T(std::move(value));
         size_.store(size + 1, std::memory_order_release);
     }
 
@@ -91,15 +98,24 @@ public:
             if (i != 0 && i % kChunkSize == 0) {
                 chunk = chunk->next.get();
             }
-            visit(chunk->items[i % kChunkSize]);
+            visit(*chunk->at(i % kChunkSize));
         }
     }
 
 private:
     static constexpr std::size_t kChunkSize = 1024;
+    // Room for kChunkSize elements, made as they are appended: a new chunk
+    // costs no pass over its memory.
     struct Chunk {
-        std::array<T, kChunkSize> items{};
+        alignas(T) std::byte storage[sizeof(T) * kChunkSize];
         std::unique_ptr<Chunk> next;
+
+        T* at(std::size_t slot) noexcept {
+            return std::launder(reinterpret_cast<T*>(storage + slot * sizeof(T)));
+        }
+        const T* at(std::size_t slot) const noexcept {
+            return std::launder(reinterpret_cast<const T*>(storage + slot * sizeof(T)));
+        }
     };
 
     std::unique_ptr<Chunk> head_;
