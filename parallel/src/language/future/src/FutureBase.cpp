@@ -61,6 +61,32 @@ PerTaskVariant<PropertyDvArray> toPropertyCells(const PerTaskVariant<DvArrayVect
     return mapEntries<PropertyDvArray>(inputs, detail::makePropertyCell);
 }
 
+// Replaces each array by a shared copy of its own (null stays null): the
+// values as they are now, whatever becomes of the caller's arrays.
+DvArrayVector sharedCopies(DvArrayVector arrays) {
+    for (auto& array : arrays) {
+        if (array) {
+            array.reset(matrix::to_korvex(matrix::detail::do_shared_copy(array.get())), false);
+        }
+    }
+    return arrays;
+}
+
+// The property cell detail::makePropertyCell would make of `copies`, made of
+// the copies themselves, which the cell takes over (each held here only).
+PropertyDvArray wrapIntoPropertyCell(DvArrayVector copies) {
+    const matrix::Dimensions dims =
+        copies.empty() ? matrix::Dimensions{0, 0} : matrix::Dimensions{1, copies.size()};
+    matrix::unique_dvArray cell = matrix::detail::do_create_cell(dims);
+    for (std::size_t i = 0; i < copies.size(); ++i) {
+        if (copies[i]) {
+            dvSetCell(cell.get(), i, matrix::from_korvex(copies[i].detach()));
+        }
+    }
+    return PropertyDvArray(
+        omPrepareArrayForPropertyContainment(matrix::to_korvex(std::move(cell))));
+}
+
 // A single entry's copy, or a 1-by-N cell of copies of each entry, of the
 // array `select` picks from the entry.
 template <class T, class Select>
@@ -210,7 +236,20 @@ FutureBase::FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray>
     : createTime_(getCurrentTime()),
       function_(function ? omCopyArrayForPropertyContainment(function.get()) : nullptr),
       id_(id ? *id : getNextID()), numOutputs_(numOutputs),
-      parent_(parent, kcos::COSReferenceType::Weak), inputs_(toPropertyCells(inputs)) {}
+      parent_(parent, kcos::COSReferenceType::Weak),
+      inputs_(inputs.isMulti() ? toPropertyCells(inputs) : PerTaskVariant(PropertyDvArray())) {
+    if (!inputs.isMulti()) {
+        inputsToWrap_ = sharedCopies(std::move(inputs.getAsSingle()));
+    }
+}
+
+void FutureBase::wrapInputsIfNeeded() const {
+    if (inputsToWrap_) {
+        DvArrayVector copies = std::move(*inputsToWrap_);
+        inputsToWrap_.reset();
+        inputs_.getAsSingle() = wrapIntoPropertyCell(std::move(copies));
+    }
+}
 
 FutureBase::FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
                        unsigned int numOutputs,
@@ -264,11 +303,13 @@ void FutureBase::afterFinishThen(boost::launch policy, std::function<void()> cal
 }
 
 PerTaskVariant<std::optional<DvArrayVector>> FutureBase::getInputs() const {
+    wrapInputsIfNeeded();
     return mapEntries<std::optional<DvArrayVector>>(
         inputs_, [](const PropertyDvArray& cell) { return detail::readCell(cell.get()); });
 }
 
 matrix::unique_dvArray FutureBase::getInputsAsDvArray() const {
+    wrapInputsIfNeeded();
     return entriesAsDvArray(inputs_, [](const PropertyDvArray& cell) { return cell.get(); });
 }
 
@@ -331,6 +372,7 @@ DvArrayVector FutureBase::getOutputsAs(unsigned int numOutputs, OutputFormat for
 }
 
 std::vector<dvArray*> FutureBase::getOwnedResources() {
+    wrapInputsIfNeeded();
     std::vector<dvArray*> owned;
     owned.reserve(1 + inputs_.size() + outputsOrError_.size());
     if (function_) {
@@ -350,6 +392,7 @@ std::vector<dvArray*> FutureBase::getOwnedResources() {
 }
 
 void FutureBase::initMultiTaskInputs(std::size_t n) {
+    inputsToWrap_.reset();
     inputs_ = PerTaskVariant<PropertyDvArray>(std::vector<PropertyDvArray>(n));
 }
 
@@ -359,6 +402,7 @@ void FutureBase::initMultiTaskOutputsOrError(std::size_t n) {
 }
 
 void FutureBase::setInputs(const PerTaskVariant<DvArrayVector>& inputs) {
+    inputsToWrap_.reset();
     inputs_ = toPropertyCells(inputs);
     for (std::size_t i = 0; i < inputs_.size(); ++i) {
         setChildParentRoot(inputs_[i].get());
@@ -366,6 +410,7 @@ void FutureBase::setInputs(const PerTaskVariant<DvArrayVector>& inputs) {
 }
 
 void FutureBase::setInputs(std::size_t index, const DvArrayVector& inputs) {
+    wrapInputsIfNeeded();
     inputs_[index] = detail::makePropertyCell(inputs);
     setChildParentRoot(inputs_[index].get());
 }

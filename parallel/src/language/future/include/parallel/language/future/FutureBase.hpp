@@ -186,6 +186,8 @@ private:
     virtual const char* doGetCosAliasName() const = 0;
 
     void initOutputsOrErrorIfNeeded();
+    // Builds the single input cell from inputsToWrap_, once.
+    void wrapInputsIfNeeded() const;
     bool isOutputsOrErrorCached() const;
     DvArrayVector doFetchNext(unsigned int numOutputs);
     // fetchNext over futures the caller holds alive for the call without
@@ -211,7 +213,11 @@ private:
     bool read_ = false; // next to id_: both read on every fetchNext visit
     kcos::COSInterfacePtr parent_;
     PropertyDvArray predecessors_;
-    PerTaskVariant<PropertyDvArray> inputs_;
+    // The inputs as property cells, one per task. A single future keeps its
+    // inputs as shared copies (inputsToWrap_) until a cell is first needed:
+    // a future that never meets the language never builds one.
+    mutable PerTaskVariant<PropertyDvArray> inputs_;
+    mutable std::optional<DvArrayVector> inputsToWrap_;
     PerTaskVariant<OutputsOrErrorPropertyDvArray> outputsOrError_;
     kcos::COSInterfacePtr cosi_;
 };
