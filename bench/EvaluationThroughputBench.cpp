@@ -130,8 +130,9 @@ public:
             const auto library = byBenchmark.find("BM_SubmitThenFetchOutputs");
             const auto bare = byBenchmark.find("BM_BarePool");
             if (library != byBenchmark.end() && bare != byBenchmark.end()) {
-                GetOutputStream() << "burst " << burst << ": library / bare pool = "
-                                  << library->second / bare->second << "\n";
+                GetOutputStream() << "burst " << burst
+                                  << ": library / bare pool = " << library->second / bare->second
+                                  << "\n";
             }
         }
     }

@@ -36,11 +36,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <string>
 #include <latch>
 #include <memory>
 #include <new>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include <unistd.h>
@@ -239,7 +239,8 @@ void BM_PoolFuturesRss(benchmark::State& state) {
         }
         grownPerFuture += (residentBytes() - before) / static_cast<double>(kRssFutures);
     }
-    state.counters["rss_bytes_per_future"] = grownPerFuture / static_cast<double>(state.iterations());
+    state.counters["rss_bytes_per_future"] =
+        grownPerFuture / static_cast<double>(state.iterations());
 }
 
 } // namespace

@@ -13,11 +13,11 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
-#include <memory>
-#include <new>
 #include <cstdint>
 #include <fstream>
 #include <limits>
+#include <memory>
+#include <new>
 #include <span>
 #include <stdexcept>
 #include <tuple>
