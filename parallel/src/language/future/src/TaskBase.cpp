@@ -116,12 +116,14 @@ void TaskBase::afterRunningThen(boost::launch policy, std::function<void()> call
         attach(std::move(running), policy, std::move(callback));
         return;
     }
-    foundation::core::sync::LockGuard lock(mutex_);
-    if (running_) {
-        runDroppingErrors(callback);
-    } else {
-        runningCallbacks_.push_back(std::move(callback));
+    {
+        foundation::core::sync::LockGuard lock(mutex_);
+        if (!running_) {
+            runningCallbacks_.push_back(std::move(callback));
+            return;
+        }
     }
+    runDroppingErrors(callback); // running already: at once, without the mutex
 }
 
 void TaskBase::afterFinishThen(boost::launch policy, std::function<void()> callback) {

@@ -50,10 +50,11 @@ namespace parallel::language::future {
 // the public operations. One non-recursive mutex per task (mutex_) guards the
 // state, the cancelled flag, both times, the callbacks and the promises; the
 // fields say so with QZ_GUARDED_BY, and no public operation or notification
-// may be called with it held (QZ_EXCLUDES). Running callbacks run with that
-// mutex held (in the notifying thread, or at once in the attaching thread
-// when the task runs already) and must not call back into the same task.
-// Finished callbacks and the task-finished listeners run without the mutex.
+// may be called with it held (QZ_EXCLUDES). Running callbacks run in the
+// notifying thread with that mutex held and must not call back into the same
+// task; one attached while the task runs already runs at once in the
+// attaching thread, without it. Finished callbacks and the task-finished
+// listeners run without the mutex.
 class QZ_FUTURE_API TaskBase : public std::enable_shared_from_this<TaskBase> {
 public:
     TaskBase();
@@ -74,13 +75,15 @@ public:
     // finished future fails. Any thread.
     bool wait(FutureState target, const SteadyTimePoint& deadline) QZ_EXCLUDES(mutex_);
 
-    // Runs `callback` once the task runs (or the running promise is broken).
+    // Runs `callback` once the task runs (or is destroyed without running).
     // With boost::launch::sync: at once when already running, otherwise in
     // the notifying thread with the task mutex held. The callback's
     // exceptions reach nobody. Any thread.
     void afterRunningThen(boost::launch policy, std::function<void()> callback) QZ_EXCLUDES(mutex_);
-    // Runs `callback` once the task has finished or was cancelled (or the
-    // finished promise is broken), without the task mutex. Any thread.
+    // Runs `callback` once the task has finished or was cancelled (or is
+    // destroyed before), without the task mutex. With boost::launch::sync: at
+    // once when finished already, otherwise in the notifying thread. Any
+    // thread.
     void afterFinishThen(boost::launch policy, std::function<void()> callback);
 
     FutureState getState() const noexcept QZ_EXCLUDES(mutex_);
