@@ -74,16 +74,20 @@ private:
     std::optional<pf::TimelineRecorder> recorder_;
 };
 
+// One future over a task taken from Pending to Finished, waited on, dropped.
+void liveOneFuture(const pf::SteadyTimePoint& deadline) {
+    auto task = std::make_shared<bench::BenchTask>();
+    auto future = std::make_shared<pf::FevalFuture>(nullptr, nullptr, 1, pf::DvArrayVector{}, task);
+    task->advanceTo(pf::FutureState::Finished);
+    benchmark::DoNotOptimize(task->wait(pf::FutureState::Finished, deadline));
+    benchmark::DoNotOptimize(future.get());
+}
+
 void BM_FutureLife(benchmark::State& state) {
     RecorderWhile recording(state.range(0) != 0);
     const pf::SteadyTimePoint deadline = pf::clock::getCurrentSteadyTime() + pf::Seconds(60.0);
     for (auto _ : state) {
-        auto task = std::make_shared<bench::BenchTask>();
-        auto future =
-            std::make_shared<pf::FevalFuture>(nullptr, nullptr, 1, pf::DvArrayVector{}, task);
-        task->advanceTo(pf::FutureState::Finished);
-        benchmark::DoNotOptimize(task->wait(pf::FutureState::Finished, deadline));
-        benchmark::DoNotOptimize(future.get());
+        liveOneFuture(deadline);
         recording.add(state, 1);
     }
     state.SetItemsProcessed(state.iterations());
@@ -123,12 +127,7 @@ constexpr std::int64_t kFuturesPerThread = 250'000;
 void BM_FutureLifeThreads(benchmark::State& state) {
     const pf::SteadyTimePoint deadline = pf::clock::getCurrentSteadyTime() + pf::Seconds(60.0);
     for (auto _ : state) {
-        auto task = std::make_shared<bench::BenchTask>();
-        auto future =
-            std::make_shared<pf::FevalFuture>(nullptr, nullptr, 1, pf::DvArrayVector{}, task);
-        task->advanceTo(pf::FutureState::Finished);
-        benchmark::DoNotOptimize(task->wait(pf::FutureState::Finished, deadline));
-        benchmark::DoNotOptimize(future.get());
+        liveOneFuture(deadline);
     }
     state.SetItemsProcessed(state.iterations());
 }

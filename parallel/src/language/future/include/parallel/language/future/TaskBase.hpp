@@ -123,8 +123,9 @@ private:
     using Callbacks = std::vector<std::function<void()>>;
     // A boost promise made on demand, with its shared future.
     struct LazyPromise {
+        LazyPromise() : future(promise.get_future().share()) {}
         boost::promise<void> promise;
-        boost::shared_future<void> future = promise.get_future().share();
+        boost::shared_future<void> future;
     };
 
     // The running or finished future, made now if needed; ready when
