@@ -233,11 +233,10 @@ long long getNextID() {
 FutureBase::FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
                        unsigned int numOutputs, PerTaskVariant<DvArrayVector> inputs,
                        std::optional<long long> id)
-    : createTime_(getCurrentTime()),
-      function_(function ? omCopyArrayForPropertyContainment(function.get()) : nullptr),
-      id_(id ? *id : getNextID()), numOutputs_(numOutputs),
+    : createTime_(getCurrentTime()), id_(id ? *id : getNextID()), numOutputs_(numOutputs),
       parent_(parent, kcos::COSReferenceType::Weak),
       inputs_(inputs.isMulti() ? toPropertyCells(inputs) : PerTaskVariant(PropertyDvArray())) {
+    keepFunction(std::move(function));
     if (!inputs.isMulti()) {
         inputsToWrap_ = sharedCopies(std::move(inputs.getAsSingle()));
     }
@@ -255,13 +254,28 @@ FutureBase::FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray>
                        unsigned int numOutputs,
                        const std::vector<std::shared_ptr<FutureBase>>& predecessors,
                        std::optional<long long> id)
-    : createTime_(getCurrentTime()),
-      function_(function ? omCopyArrayForPropertyContainment(function.get()) : nullptr),
-      id_(id ? *id : getNextID()), numOutputs_(numOutputs),
+    : createTime_(getCurrentTime()), id_(id ? *id : getNextID()), numOutputs_(numOutputs),
       parent_(parent, kcos::COSReferenceType::Weak),
       predecessors_(
           omPrepareArrayForPropertyContainment(matrix::to_korvex(toKorvexArray(predecessors, {})))),
-      inputs_(PropertyDvArray()) {}
+      inputs_(PropertyDvArray()) {
+    keepFunction(std::move(function));
+}
+
+void FutureBase::keepFunction(boost::intrusive_ptr<dvArray> function) {
+    if (function && dvGetClassID(function.get()) == matrix::ClassID::FunctionHandle) {
+        functionToWrap_ = std::move(function); // immutable: shared as it is
+    } else if (function) {
+        function_.reset(omCopyArrayForPropertyContainment(function.get()));
+    }
+}
+
+void FutureBase::wrapFunctionIfNeeded() const {
+    if (functionToWrap_) {
+        function_.reset(omCopyArrayForPropertyContainment(functionToWrap_.get()));
+        functionToWrap_.reset();
+    }
+}
 
 FutureBase::FutureBase() : inputs_(detail::makePropertyCell({})) {}
 
@@ -272,11 +286,12 @@ bool FutureBase::doIsMultiFuture() const {
 }
 
 boost::intrusive_ptr<dvArray> FutureBase::getFunction() const {
-    if (!function_) {
+    const dvArray* function = functionToWrap_ ? functionToWrap_.get() : function_.get();
+    if (function == nullptr) {
         return nullptr;
     }
     return boost::intrusive_ptr<dvArray>(
-        matrix::to_korvex(matrix::detail::do_shared_copy(function_.get())), false);
+        matrix::to_korvex(matrix::detail::do_shared_copy(function)), false);
 }
 
 WallClockTimePoint FutureBase::getCreateTime() const {
@@ -372,6 +387,7 @@ DvArrayVector FutureBase::getOutputsAs(unsigned int numOutputs, OutputFormat for
 }
 
 std::vector<dvArray*> FutureBase::getOwnedResources() {
+    wrapFunctionIfNeeded();
     wrapInputsIfNeeded();
     std::vector<dvArray*> owned;
     owned.reserve(1 + inputs_.size() + outputsOrError_.size());

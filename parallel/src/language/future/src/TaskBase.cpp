@@ -285,7 +285,7 @@ void TaskBase::reachFinished() {
         callbacks.swap(finishedCallbacks_);
         // Made before finished_ was set and never replaced: safe to use
         // without the mutex, which its continuations must not run under.
-        promise = finishedPromise_ ? &*finishedPromise_ : nullptr;
+        promise = finishedPromise_.get();
     }
     runAll(callbacks);
     if (promise != nullptr) {
@@ -293,9 +293,9 @@ void TaskBase::reachFinished() {
     }
 }
 
-boost::shared_future<void> TaskBase::futureOf(std::optional<LazyPromise>& slot, bool reached) {
+boost::shared_future<void> TaskBase::futureOf(std::unique_ptr<LazyPromise>& slot, bool reached) {
     if (!slot) {
-        slot.emplace();
+        slot = std::make_unique<LazyPromise>();
         if (reached) {
             slot->promise.set_value();
         }

@@ -188,6 +188,10 @@ private:
     void initOutputsOrErrorIfNeeded();
     // Builds the single input cell from inputsToWrap_, once.
     void wrapInputsIfNeeded() const;
+    // Holds `function` (see functionToWrap_); null stays null.
+    void keepFunction(boost::intrusive_ptr<dvArray> function);
+    // Makes function_ from functionToWrap_, once.
+    void wrapFunctionIfNeeded() const;
     bool isOutputsOrErrorCached() const;
     DvArrayVector doFetchNext(unsigned int numOutputs);
     // fetchNext over futures the caller holds alive for the call without
@@ -207,7 +211,11 @@ private:
     void setChildParentRoot(const dvArray* array);
 
     WallClockTimePoint createTime_{};
-    PropertyDvArray function_;
+    // The function as a property array. A function handle, an immutable
+    // value, is held as given (functionToWrap_) until the property array is
+    // first needed.
+    mutable PropertyDvArray function_;
+    mutable boost::intrusive_ptr<dvArray> functionToWrap_;
     long long id_ = invalidID;
     unsigned int numOutputs_ = 0;
     bool read_ = false; // next to id_: both read on every fetchNext visit

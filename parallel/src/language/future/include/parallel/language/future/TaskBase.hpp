@@ -130,7 +130,7 @@ private:
 
     // The running or finished future, made now if needed; ready when
     // `reached`.
-    static boost::shared_future<void> futureOf(std::optional<LazyPromise>& slot, bool reached);
+    static boost::shared_future<void> futureOf(std::unique_ptr<LazyPromise>& slot, bool reached);
     // Runs each callback, dropping its exceptions.
     static void runAll(Callbacks& callbacks) noexcept;
 
@@ -153,9 +153,9 @@ private:
     Callbacks runningCallbacks_ QZ_GUARDED_BY(mutex_);
     Callbacks finishedCallbacks_ QZ_GUARDED_BY(mutex_);
     // Replaced at a re-queue after a run.
-    std::optional<LazyPromise> runningPromise_ QZ_GUARDED_BY(mutex_);
+    std::unique_ptr<LazyPromise> runningPromise_ QZ_GUARDED_BY(mutex_);
     // Never replaced once made.
-    mutable std::optional<LazyPromise> finishedPromise_ QZ_GUARDED_BY(mutex_);
+    mutable std::unique_ptr<LazyPromise> finishedPromise_ QZ_GUARDED_BY(mutex_);
 };
 
 } // namespace parallel::language::future
