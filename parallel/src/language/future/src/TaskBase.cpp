@@ -60,8 +60,10 @@ TaskBase::~TaskBase() {
     Callbacks running;
     {
         foundation::core::sync::LockGuard lock(mutex_);
-        finished.swap(finishedCallbacks_);
-        running.swap(runningCallbacks_);
+        if (waiters_) {
+            finished.swap(waiters_->finished);
+            running.swap(waiters_->running);
+        }
     }
     runAll(finished);
     runAll(running);
@@ -93,7 +95,7 @@ bool TaskBase::wait(FutureState target, const SteadyTimePoint& deadline) {
         boost::shared_future<void> running;
         {
             foundation::core::sync::LockGuard lock(mutex_);
-            running = futureOf(runningPromise_, running_);
+            running = futureOf(waiters().runningPromise, running_);
         }
         return detail::waitUntil(running, deadline);
     }
@@ -111,7 +113,7 @@ void TaskBase::afterRunningThen(boost::launch policy, std::function<void()> call
         boost::shared_future<void> running;
         {
             foundation::core::sync::LockGuard lock(mutex_);
-            running = futureOf(runningPromise_, running_);
+            running = futureOf(waiters().runningPromise, running_);
         }
         attach(std::move(running), policy, std::move(callback));
         return;
@@ -119,7 +121,7 @@ void TaskBase::afterRunningThen(boost::launch policy, std::function<void()> call
     {
         foundation::core::sync::LockGuard lock(mutex_);
         if (!running_) {
-            runningCallbacks_.push_back(std::move(callback));
+            waiters().running.push_back(std::move(callback));
             return;
         }
     }
@@ -138,7 +140,7 @@ void TaskBase::doAfterFinishThen(boost::launch policy, std::function<void()> cal
     {
         foundation::core::sync::LockGuard lock(mutex_);
         if (!finished_) {
-            finishedCallbacks_.push_back(std::move(callback));
+            waiters().finished.push_back(std::move(callback));
             return;
         }
     }
@@ -195,7 +197,7 @@ OutputsOrError TaskBase::getOutputsOrError() {
 
 boost::shared_future<void> TaskBase::getWaitableFuture() const {
     foundation::core::sync::LockGuard lock(mutex_);
-    return futureOf(finishedPromise_, finished_);
+    return futureOf(waiters().finishedPromise, finished_);
 }
 
 void TaskBase::doNotifyPending() {
@@ -214,7 +216,9 @@ void TaskBase::doNotifyQueued() {
             // Back to a queue: the next run gets a running promise of its own.
             // The old one is ready already, so dropping it breaks nothing.
             running_ = false;
-            runningPromise_.reset();
+            if (waiters_) {
+                waiters_->runningPromise.reset();
+            }
         }
         if (cancelled_) {
             return;
@@ -237,11 +241,13 @@ void TaskBase::doNotifyRunning() {
             throw boost::promise_already_satisfied();
         }
         running_ = true;
-        Callbacks callbacks;
-        callbacks.swap(runningCallbacks_);
-        runAll(callbacks);
-        if (runningPromise_) {
-            runningPromise_->promise.set_value();
+        if (waiters_) {
+            Callbacks callbacks;
+            callbacks.swap(waiters_->running);
+            runAll(callbacks);
+            if (waiters_->runningPromise) {
+                waiters_->runningPromise->promise.set_value();
+            }
         }
     }
     detail::timeline::onRunning(this);
@@ -282,10 +288,12 @@ void TaskBase::reachFinished() {
             return;
         }
         finished_ = true;
-        callbacks.swap(finishedCallbacks_);
-        // Made before finished_ was set and never replaced: safe to use
-        // without the mutex, which its continuations must not run under.
-        promise = finishedPromise_.get();
+        if (waiters_) {
+            callbacks.swap(waiters_->finished);
+            // Made before finished_ was set and never replaced: safe to use
+            // without the mutex, which its continuations must not run under.
+            promise = waiters_->finishedPromise.get();
+        }
     }
     runAll(callbacks);
     if (promise != nullptr) {
@@ -301,6 +309,13 @@ boost::shared_future<void> TaskBase::futureOf(std::unique_ptr<LazyPromise>& slot
         }
     }
     return slot->future;
+}
+
+TaskBase::Waiters& TaskBase::waiters() const {
+    if (!waiters_) {
+        waiters_ = std::make_unique<Waiters>();
+    }
+    return *waiters_;
 }
 
 void TaskBase::runAll(Callbacks& callbacks) noexcept {

@@ -133,6 +133,9 @@ private:
     static boost::shared_future<void> futureOf(std::unique_ptr<LazyPromise>& slot, bool reached);
     // Runs each callback, dropping its exceptions.
     static void runAll(Callbacks& callbacks) noexcept;
+    // The waiters, made now if needed.
+    struct Waiters;
+    Waiters& waiters() const QZ_REQUIRES(mutex_);
 
     // Called with the task mutex held.
     void setState(FutureState state) QZ_REQUIRES(mutex_);
@@ -150,12 +153,17 @@ private:
     bool cancelled_ QZ_GUARDED_BY(mutex_) = false;
     bool running_ QZ_GUARDED_BY(mutex_) = false;  // Running since the last (re-)queue
     bool finished_ QZ_GUARDED_BY(mutex_) = false; // the first Finished or Cancelled came
-    Callbacks runningCallbacks_ QZ_GUARDED_BY(mutex_);
-    Callbacks finishedCallbacks_ QZ_GUARDED_BY(mutex_);
-    // Replaced at a re-queue after a run.
-    std::unique_ptr<LazyPromise> runningPromise_ QZ_GUARDED_BY(mutex_);
-    // Never replaced once made.
-    mutable std::unique_ptr<LazyPromise> finishedPromise_ QZ_GUARDED_BY(mutex_);
+    // What waits on the task, made at the first callback or future asked for:
+    // the callbacks of each event and the promises behind the futures handed
+    // out (the finished one is never replaced once made; the running one is
+    // dropped at a re-queue). Destroyed with the task.
+    struct Waiters {
+        Callbacks running;
+        Callbacks finished;
+        std::unique_ptr<LazyPromise> runningPromise;
+        std::unique_ptr<LazyPromise> finishedPromise;
+    };
+    mutable std::unique_ptr<Waiters> waiters_ QZ_GUARDED_BY(mutex_);
 };
 
 } // namespace parallel::language::future
