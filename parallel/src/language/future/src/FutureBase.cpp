@@ -239,14 +239,16 @@ FutureBase::FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray>
     keepFunction(std::move(function));
     if (!inputs.isMulti()) {
         inputsToWrap_ = sharedCopies(std::move(inputs.getAsSingle()));
+        inputsWrapped_ = false;
     }
 }
 
 void FutureBase::wrapInputsIfNeeded() const {
-    if (inputsToWrap_) {
-        DvArrayVector copies = std::move(*inputsToWrap_);
-        inputsToWrap_.reset();
+    if (!inputsWrapped_) {
+        DvArrayVector copies;
+        copies.swap(inputsToWrap_);
         inputs_.getAsSingle() = wrapIntoPropertyCell(std::move(copies));
+        inputsWrapped_ = true;
     }
 }
 
@@ -408,7 +410,8 @@ std::vector<dvArray*> FutureBase::getOwnedResources() {
 }
 
 void FutureBase::initMultiTaskInputs(std::size_t n) {
-    inputsToWrap_.reset();
+    inputsToWrap_.clear();
+    inputsWrapped_ = true;
     inputs_ = PerTaskVariant<PropertyDvArray>(std::vector<PropertyDvArray>(n));
 }
 
@@ -418,7 +421,8 @@ void FutureBase::initMultiTaskOutputsOrError(std::size_t n) {
 }
 
 void FutureBase::setInputs(const PerTaskVariant<DvArrayVector>& inputs) {
-    inputsToWrap_.reset();
+    inputsToWrap_.clear();
+    inputsWrapped_ = true;
     inputs_ = toPropertyCells(inputs);
     for (std::size_t i = 0; i < inputs_.size(); ++i) {
         setChildParentRoot(inputs_[i].get());

@@ -218,14 +218,15 @@ private:
     mutable boost::intrusive_ptr<dvArray> functionToWrap_;
     long long id_ = invalidID;
     unsigned int numOutputs_ = 0;
-    bool read_ = false; // next to id_: both read on every fetchNext visit
+    bool read_ = false;                 // next to id_: both read on every fetchNext visit
+    mutable bool inputsWrapped_ = true; // false while inputsToWrap_ holds the inputs
     kcos::COSInterfacePtr parent_;
     PropertyDvArray predecessors_;
     // The inputs as property cells, one per task. A single future keeps its
     // inputs as shared copies (inputsToWrap_) until a cell is first needed:
     // a future that never meets the language never builds one.
     mutable PerTaskVariant<PropertyDvArray> inputs_;
-    mutable std::optional<DvArrayVector> inputsToWrap_;
+    mutable DvArrayVector inputsToWrap_;
     PerTaskVariant<OutputsOrErrorPropertyDvArray> outputsOrError_;
     kcos::COSInterfacePtr cosi_;
 };
