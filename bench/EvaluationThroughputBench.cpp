@@ -4,6 +4,15 @@
 // outputs into one column. The rate counter is evaluations per second of wall
 // clock, submission and collection included; releasing the futures and the
 // outputs afterwards is not timed.
+//
+//   SubmitThenFetchOutputs  LocalPool::submit of each, FutureBase::fetchOutputs.
+//   BarePool                the baseline: a boost::asio::thread_pool of two
+//                           threads, each job setting a boost::promise<double>
+//                           to its input; the futures' values are then read
+//                           into one vector in order.
+//
+// After the table the rate of the library over the rate of the bare pool is
+// printed (same run, same burst size).
 
 #include <parallel/language/future/FutureBase.hpp>
 
@@ -11,9 +20,17 @@
 #include <localpool/LocalPool.hpp>
 #include <matrix/dvArray.hpp>
 
-#include <benchmark/benchmark.h>
+#include "BenchSupport.hpp"
 
+#include <benchmark/benchmark.h>
+#include <boost/asio/post.hpp>
+#include <boost/asio/thread_pool.hpp>
+#include <boost/thread/future.hpp>
+
+#include <map>
 #include <memory>
+#include <ostream>
+#include <string>
 #include <vector>
 
 namespace {
@@ -61,8 +78,74 @@ void BM_SubmitThenFetchOutputs(benchmark::State& state) {
         static_cast<double>(state.iterations() * numEvaluations), benchmark::Counter::kIsRate);
 }
 
+constexpr std::size_t kBareWorkers = 2;
+
+void BM_BarePool(benchmark::State& state) {
+    const auto numEvaluations = static_cast<std::size_t>(state.range(0));
+    boost::asio::thread_pool pool(kBareWorkers);
+    const double input = 1.0;
+    std::vector<boost::future<double>> futures;
+    futures.reserve(numEvaluations);
+    std::vector<double> outputs;
+    outputs.reserve(numEvaluations);
+    for (auto _ : state) {
+        for (std::size_t i = 0; i < numEvaluations; ++i) {
+            auto promise = std::make_shared<boost::promise<double>>();
+            futures.push_back(promise->get_future());
+            boost::asio::post(pool, [promise, input] { promise->set_value(input); });
+        }
+        for (auto& future : futures) {
+            outputs.push_back(future.get());
+        }
+        benchmark::DoNotOptimize(outputs.data());
+        state.PauseTiming();
+        outputs.clear();
+        futures.clear();
+        state.ResumeTiming();
+    }
+    pool.join();
+    state.counters["evaluations_per_second"] = benchmark::Counter(
+        static_cast<double>(state.iterations() * numEvaluations), benchmark::Counter::kIsRate);
+}
+
+// The table, then the library's rate over the bare pool's, per burst size.
+class RatioReporter : public benchmark::ConsoleReporter {
+public:
+    RatioReporter() : ConsoleReporter(OO_None) {}
+
+    void ReportRuns(const std::vector<Run>& runs) override {
+        for (const Run& run : runs) {
+            const auto rate = run.counters.find("evaluations_per_second");
+            if (run.run_type == Run::RT_Iteration && !run.error_occurred &&
+                rate != run.counters.end()) {
+                rates_[run.run_name.args][run.run_name.function_name] = double(rate->second);
+            }
+        }
+        ConsoleReporter::ReportRuns(runs);
+    }
+
+    void Finalize() override {
+        ConsoleReporter::Finalize();
+        for (const auto& [burst, byBenchmark] : rates_) {
+            const auto library = byBenchmark.find("BM_SubmitThenFetchOutputs");
+            const auto bare = byBenchmark.find("BM_BarePool");
+            if (library != byBenchmark.end() && bare != byBenchmark.end()) {
+                GetOutputStream() << "burst " << burst
+                                  << ": library / bare pool = " << library->second / bare->second
+                                  << "\n";
+            }
+        }
+    }
+
+private:
+    std::map<std::string, std::map<std::string, double>> rates_;
+};
+
 } // namespace
 
 BENCHMARK(BM_SubmitThenFetchOutputs)->Arg(10'000)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_BarePool)->Arg(10'000)->UseRealTime()->Unit(benchmark::kMillisecond);
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    return bench::runWithReporter<RatioReporter>(argc, argv);
+}

@@ -11,8 +11,15 @@
 //                 while it is counted (the pool's task and its queue entry
 //                 are included; running the function is not).
 //
+//   PoolFuturesRss  (run first, once) 100,000 pool futures of the same evaluation held alive at
+//                 once (workers held likewise), and the growth of the
+//                 process's resident set size from before the first submit
+//                 to after the last, per future: what the operating system
+//                 sees, allocator overhead included.
+//
 // Counters per future: bytes allocated, bytes still live afterwards (the
-// resident cost while the future is held) and number of allocations.
+// resident cost while the future is held) and number of allocations; for
+// PoolFuturesRss, rss_bytes_per_future.
 
 #include <parallel/language/future/FevalFuture.hpp>
 #include <parallel/language/future/TaskBase.hpp>
@@ -28,11 +35,15 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <latch>
 #include <memory>
 #include <new>
 #include <optional>
+#include <string>
 #include <vector>
+
+#include <unistd.h>
 
 namespace {
 
@@ -163,31 +174,80 @@ void BM_DirectFevalFutureMemory(benchmark::State& state) {
     });
 }
 
-void BM_PoolSubmitFutureMemory(benchmark::State& state) {
-    // Both workers sit in this function until the end, so submitted work
-    // only queues. The latches outlive the pool, which joins the workers.
-    std::latch workersHeld(2);
-    std::latch release(1);
-    localpool::LocalPool pool(2);
-    const auto hold = function("hold", [&](std::size_t, const Arrays&) -> Arrays {
-        workersHeld.count_down();
-        release.wait();
-        return {};
-    });
-    const Futures holders{pool.submit(hold, 0, {}), pool.submit(hold, 0, {})};
-    workersHeld.wait();
+constexpr std::size_t kPoolWorkers = 2;
+constexpr std::size_t kRssFutures = 100'000;
 
+// A pool whose workers both sit in a gated function until the holder goes,
+// so that submitted work only queues. Declared before the pool, the latches
+// outlive it (it joins the workers).
+class HeldPool {
+public:
+    HeldPool() {
+        const auto hold = function("hold", [this](std::size_t, const Arrays&) -> Arrays {
+            workersHeld_.count_down();
+            release_.wait();
+            return {};
+        });
+        for (std::size_t i = 0; i < kPoolWorkers; ++i) {
+            holders_.push_back(pool_.submit(hold, 0, {}));
+        }
+        workersHeld_.wait();
+    }
+    ~HeldPool() { release_.count_down(); }
+    HeldPool(const HeldPool&) = delete;
+    HeldPool& operator=(const HeldPool&) = delete;
+
+    localpool::LocalPool& pool() { return pool_; }
+
+private:
+    std::latch workersHeld_{kPoolWorkers};
+    std::latch release_{1};
+    localpool::LocalPool pool_{kPoolWorkers};
+    Futures holders_;
+};
+
+// The resident set size of this process in bytes (Linux: /proc/self/statm).
+double residentBytes() {
+    std::ifstream statm("/proc/self/statm");
+    double totalPages = 0.0;
+    double residentPages = 0.0;
+    statm >> totalPages >> residentPages;
+    return residentPages * static_cast<double>(sysconf(_SC_PAGESIZE));
+}
+
+void BM_PoolSubmitFutureMemory(benchmark::State& state) {
+    HeldPool held;
+    localpool::LocalPool& pool = held.pool();
     const auto identity = function("identity", identityBody);
     countPerFuture(state, [&](Futures& futures) {
         for (std::size_t i = 0; i < futuresPerRound; ++i) {
             futures.push_back(pool.submit(identity, 1, {scalar(1.0)}));
         }
     });
-    release.count_down();
+}
+
+void BM_PoolFuturesRss(benchmark::State& state) {
+    const auto identity = function("identity", identityBody);
+    double grownPerFuture = 0.0;
+    for (auto _ : state) {
+        HeldPool held;
+        Futures futures;
+        futures.reserve(kRssFutures);
+        const double before = residentBytes();
+        for (std::size_t i = 0; i < kRssFutures; ++i) {
+            futures.push_back(held.pool().submit(identity, 1, {scalar(1.0)}));
+        }
+        grownPerFuture += (residentBytes() - before) / static_cast<double>(kRssFutures);
+    }
+    state.counters["rss_bytes_per_future"] =
+        grownPerFuture / static_cast<double>(state.iterations());
 }
 
 } // namespace
 
+// First, and once: memory freed by an earlier round would be reused without
+// growing the resident set.
+BENCHMARK(BM_PoolFuturesRss)->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_DirectFevalFutureMemory)->Iterations(20)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_PoolSubmitFutureMemory)->Iterations(20)->Unit(benchmark::kMicrosecond);
 

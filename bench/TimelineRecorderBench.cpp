@@ -9,6 +9,13 @@
 //                                 LocalPool of two workers, collected by
 //                                 fetchOutputs: the cost as a program sees it,
 //                                 with the workers recording at once.
+//   BM_FutureLifeThreads/recording:0|1/threads:1|2|4
+//                                 BM_FutureLife on 1, 2 and 4 threads at
+//                                 once, 250,000 futures each (1,000,000 on
+//                                 four), into one recorder made before the
+//                                 threads start: whether recording threads
+//                                 wait for each other. Time per future is
+//                                 wall clock over all threads' futures.
 //
 // With recording off the recorder's hooks are one relaxed load each; the
 // difference from a build without them is within noise (compare TaskLifeBench
@@ -67,16 +74,20 @@ private:
     std::optional<pf::TimelineRecorder> recorder_;
 };
 
+// One future over a task taken from Pending to Finished, waited on, dropped.
+void liveOneFuture(const pf::SteadyTimePoint& deadline) {
+    auto task = std::make_shared<bench::BenchTask>();
+    auto future = std::make_shared<pf::FevalFuture>(nullptr, nullptr, 1, pf::DvArrayVector{}, task);
+    task->advanceTo(pf::FutureState::Finished);
+    benchmark::DoNotOptimize(task->wait(pf::FutureState::Finished, deadline));
+    benchmark::DoNotOptimize(future.get());
+}
+
 void BM_FutureLife(benchmark::State& state) {
     RecorderWhile recording(state.range(0) != 0);
     const pf::SteadyTimePoint deadline = pf::clock::getCurrentSteadyTime() + pf::Seconds(60.0);
     for (auto _ : state) {
-        auto task = std::make_shared<bench::BenchTask>();
-        auto future =
-            std::make_shared<pf::FevalFuture>(nullptr, nullptr, 1, pf::DvArrayVector{}, task);
-        task->advanceTo(pf::FutureState::Finished);
-        benchmark::DoNotOptimize(task->wait(pf::FutureState::Finished, deadline));
-        benchmark::DoNotOptimize(future.get());
+        liveOneFuture(deadline);
         recording.add(state, 1);
     }
     state.SetItemsProcessed(state.iterations());
@@ -108,8 +119,36 @@ void BM_PoolEvaluations(benchmark::State& state) {
 }
 BENCHMARK(BM_PoolEvaluations)->ArgName("recording")->Arg(0)->Arg(1)->UseRealTime();
 
-// The table, then per benchmark the time per future with recording on minus
-// off (real time per item).
+// One recorder for all threads of a BM_FutureLifeThreads run, made before
+// they start and dropped after they end.
+std::optional<pf::TimelineRecorder> gSharedRecorder;
+constexpr std::int64_t kFuturesPerThread = 250'000;
+
+void BM_FutureLifeThreads(benchmark::State& state) {
+    const pf::SteadyTimePoint deadline = pf::clock::getCurrentSteadyTime() + pf::Seconds(60.0);
+    for (auto _ : state) {
+        liveOneFuture(deadline);
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_FutureLifeThreads)
+    ->ArgName("recording")
+    ->Arg(0)
+    ->Arg(1)
+    ->Setup([](const benchmark::State& state) {
+        if (state.range(0) != 0) {
+            gSharedRecorder.emplace();
+        }
+    })
+    ->Teardown([](const benchmark::State&) { gSharedRecorder.reset(); })
+    ->Iterations(kFuturesPerThread)
+    ->Threads(1)
+    ->Threads(2)
+    ->Threads(4)
+    ->UseRealTime();
+
+// The table, then per benchmark (and thread count) the time per future with
+// recording on minus off (real time per item, all threads' items).
 class OverheadReporter : public benchmark::ConsoleReporter {
 public:
     OverheadReporter() : ConsoleReporter(OO_None) {}
@@ -121,7 +160,10 @@ public:
                                          ? double(run.counters.at("items_per_second"))
                                          : 0.0;
                 if (items > 0.0) {
-                    nsPerFuture_[run.run_name.function_name][run.run_name.args] = 1e9 / items;
+                    const std::string threads =
+                        run.threads > 1 ? " on " + std::to_string(run.threads) + " threads" : "";
+                    nsPerFuture_[run.run_name.function_name + threads][run.run_name.args] =
+                        1e9 / items;
                 }
             }
         }

@@ -11,15 +11,16 @@ namespace executor {
 using foundation::core::sync::LockGuard;
 
 WorkerTask::WorkerTask(std::weak_ptr<WaitingTasks> queue, std::optional<std::size_t> pinnedWorker)
-    : queue_(std::move(queue)), pinnedWorker_(pinnedWorker) {}
+    : queue_(std::move(queue)), pinnedWorker_(pinnedWorker.value_or(kAnyWorker)) {}
 
 void WorkerTask::setResult(OutputsOrError result, std::u16string diary) {
     if (result.hasError()) {
         parallel::language::future::TimelineRecorder::recordFailure(*this);
     }
+    auto kept = diary.empty() ? nullptr : std::make_unique<std::u16string>(std::move(diary));
     const LockGuard lock(resultMutex_);
     result_ = std::move(result);
-    diary_ = std::move(diary);
+    diary_ = std::move(kept);
 }
 
 void WorkerTask::doCancel() {
@@ -39,7 +40,7 @@ OutputsOrError WorkerTask::doGetOutputsOrError() {
 
 std::u16string WorkerTask::doGetDiary() {
     const LockGuard lock(resultMutex_);
-    return diary_;
+    return diary_ ? *diary_ : std::u16string();
 }
 
 Evaluated evaluateCapturing(const std::atomic<bool>& stop,

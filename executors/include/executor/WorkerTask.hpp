@@ -24,6 +24,7 @@
 #include <atomic>
 #include <cstddef>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -52,7 +53,9 @@ public:
     explicit WorkerTask(std::weak_ptr<WaitingTasks> queue,
                         std::optional<std::size_t> pinnedWorker = std::nullopt);
 
-    std::optional<std::size_t> getPinnedWorker() const noexcept { return pinnedWorker_; }
+    std::optional<std::size_t> getPinnedWorker() const noexcept {
+        return pinnedWorker_ == kAnyWorker ? std::nullopt : std::optional(pinnedWorker_);
+    }
 
     // Progress notifications. The submitting thread, then the executor's.
     void markPending() { doNotifyPending(); }
@@ -77,12 +80,15 @@ private:
     std::u16string doGetDiary() final QZ_EXCLUDES(resultMutex_);
 
     const std::weak_ptr<WaitingTasks> queue_;
-    const std::optional<std::size_t> pinnedWorker_;
+    // The pinned worker, or kAnyWorker (no worker has that number).
+    static constexpr std::size_t kAnyWorker = std::numeric_limits<std::size_t>::max();
+    const std::size_t pinnedWorker_;
     std::atomic<bool> stop_{false};
 
     foundation::core::sync::Mutex resultMutex_;
     OutputsOrError result_ QZ_GUARDED_BY(resultMutex_){std::optional<DvArrayVector>()};
-    std::u16string diary_ QZ_GUARDED_BY(resultMutex_);
+    // Null while the work printed nothing, as most does.
+    std::unique_ptr<std::u16string> diary_ QZ_GUARDED_BY(resultMutex_);
 };
 
 // What one evaluation gave: its outputs or its error, and what it printed.

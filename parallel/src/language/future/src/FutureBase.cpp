@@ -67,6 +67,32 @@ PerTaskVariant<PropertyDvArray> toPropertyCells(const PerTaskVariant<DvArrayVect
     return mapEntries<PropertyDvArray>(inputs, detail::makePropertyCell);
 }
 
+// Replaces each array by a shared copy of its own (null stays null): the
+// values as they are now, whatever becomes of the caller's arrays.
+DvArrayVector sharedCopies(DvArrayVector arrays) {
+    for (auto& array : arrays) {
+        if (array) {
+            array.reset(matrix::to_korvex(matrix::detail::do_shared_copy(array.get())), false);
+        }
+    }
+    return arrays;
+}
+
+// The property cell detail::makePropertyCell would make of `copies`, made of
+// the copies themselves, which the cell takes over (each held here only).
+PropertyDvArray wrapIntoPropertyCell(DvArrayVector copies) {
+    const matrix::Dimensions dims =
+        copies.empty() ? matrix::Dimensions{0, 0} : matrix::Dimensions{1, copies.size()};
+    matrix::unique_dvArray cell = matrix::detail::do_create_cell(dims);
+    for (std::size_t i = 0; i < copies.size(); ++i) {
+        if (copies[i]) {
+            dvSetCell(cell.get(), i, matrix::from_korvex(copies[i].detach()));
+        }
+    }
+    return PropertyDvArray(
+        omPrepareArrayForPropertyContainment(matrix::to_korvex(std::move(cell))));
+}
+
 // A single entry's copy, or a 1-by-N cell of copies of each entry, of the
 // array `select` picks from the entry.
 template <class T, class Select>
@@ -235,22 +261,51 @@ long long getNextID() {
 FutureBase::FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
                        unsigned int numOutputs, PerTaskVariant<DvArrayVector> inputs,
                        std::optional<long long> id)
-    : createTime_(getCurrentTime()),
-      function_(function ? omCopyArrayForPropertyContainment(function.get()) : nullptr),
-      id_(id ? *id : getNextID()), numOutputs_(numOutputs),
-      parent_(parent, kcos::COSReferenceType::Weak), inputs_(toPropertyCells(inputs)) {}
+    : createTime_(getCurrentTime()), id_(id ? *id : getNextID()), numOutputs_(numOutputs),
+      parent_(parent, kcos::COSReferenceType::Weak),
+      inputs_(inputs.isMulti() ? toPropertyCells(inputs) : PerTaskVariant(PropertyDvArray())) {
+    keepFunction(std::move(function));
+    if (!inputs.isMulti()) {
+        inputsToWrap_ = sharedCopies(std::move(inputs.getAsSingle()));
+        inputsWrapped_ = false;
+    }
+}
+
+void FutureBase::wrapInputsIfNeeded() const {
+    if (!inputsWrapped_) {
+        DvArrayVector copies;
+        copies.swap(inputsToWrap_);
+        inputs_.getAsSingle() = wrapIntoPropertyCell(std::move(copies));
+        inputsWrapped_ = true;
+    }
+}
 
 FutureBase::FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
                        unsigned int numOutputs,
                        const std::vector<std::shared_ptr<FutureBase>>& predecessors,
                        std::optional<long long> id)
-    : createTime_(getCurrentTime()),
-      function_(function ? omCopyArrayForPropertyContainment(function.get()) : nullptr),
-      id_(id ? *id : getNextID()), numOutputs_(numOutputs),
+    : createTime_(getCurrentTime()), id_(id ? *id : getNextID()), numOutputs_(numOutputs),
       parent_(parent, kcos::COSReferenceType::Weak),
       predecessors_(
           omPrepareArrayForPropertyContainment(matrix::to_korvex(toKorvexArray(predecessors, {})))),
-      inputs_(PropertyDvArray()) {}
+      inputs_(PropertyDvArray()) {
+    keepFunction(std::move(function));
+}
+
+void FutureBase::keepFunction(boost::intrusive_ptr<dvArray> function) {
+    if (function && dvGetClassID(function.get()) == matrix::ClassID::FunctionHandle) {
+        functionToWrap_ = std::move(function); // immutable: shared as it is
+    } else if (function) {
+        function_.reset(omCopyArrayForPropertyContainment(function.get()));
+    }
+}
+
+void FutureBase::wrapFunctionIfNeeded() const {
+    if (functionToWrap_) {
+        function_.reset(omCopyArrayForPropertyContainment(functionToWrap_.get()));
+        functionToWrap_.reset();
+    }
+}
 
 FutureBase::FutureBase() : inputs_(detail::makePropertyCell({})) {}
 
@@ -261,11 +316,12 @@ bool FutureBase::doIsMultiFuture() const {
 }
 
 boost::intrusive_ptr<dvArray> FutureBase::getFunction() const {
-    if (!function_) {
+    const dvArray* function = functionToWrap_ ? functionToWrap_.get() : function_.get();
+    if (function == nullptr) {
         return nullptr;
     }
     return boost::intrusive_ptr<dvArray>(
-        matrix::to_korvex(matrix::detail::do_shared_copy(function_.get())), false);
+        matrix::to_korvex(matrix::detail::do_shared_copy(function)), false);
 }
 
 WallClockTimePoint FutureBase::getCreateTime() const {
@@ -292,11 +348,13 @@ void FutureBase::afterFinishThen(boost::launch policy, std::function<void()> cal
 }
 
 PerTaskVariant<std::optional<DvArrayVector>> FutureBase::getInputs() const {
+    wrapInputsIfNeeded();
     return mapEntries<std::optional<DvArrayVector>>(
         inputs_, [](const PropertyDvArray& cell) { return detail::readCell(cell.get()); });
 }
 
 matrix::unique_dvArray FutureBase::getInputsAsDvArray() const {
+    wrapInputsIfNeeded();
     return entriesAsDvArray(inputs_, [](const PropertyDvArray& cell) { return cell.get(); });
 }
 
@@ -359,6 +417,8 @@ DvArrayVector FutureBase::getOutputsAs(unsigned int numOutputs, OutputFormat for
 }
 
 std::vector<dvArray*> FutureBase::getOwnedResources() {
+    wrapFunctionIfNeeded();
+    wrapInputsIfNeeded();
     std::vector<dvArray*> owned;
     owned.reserve(1 + inputs_.size() + outputsOrError_.size());
     if (function_) {
@@ -378,6 +438,8 @@ std::vector<dvArray*> FutureBase::getOwnedResources() {
 }
 
 void FutureBase::initMultiTaskInputs(std::size_t n) {
+    inputsToWrap_.clear();
+    inputsWrapped_ = true;
     inputs_ = PerTaskVariant<PropertyDvArray>(std::vector<PropertyDvArray>(n));
 }
 
@@ -387,6 +449,8 @@ void FutureBase::initMultiTaskOutputsOrError(std::size_t n) {
 }
 
 void FutureBase::setInputs(const PerTaskVariant<DvArrayVector>& inputs) {
+    inputsToWrap_.clear();
+    inputsWrapped_ = true;
     inputs_ = toPropertyCells(inputs);
     for (std::size_t i = 0; i < inputs_.size(); ++i) {
         setChildParentRoot(inputs_[i].get());
@@ -394,6 +458,7 @@ void FutureBase::setInputs(const PerTaskVariant<DvArrayVector>& inputs) {
 }
 
 void FutureBase::setInputs(std::size_t index, const DvArrayVector& inputs) {
+    wrapInputsIfNeeded();
     inputs_[index] = detail::makePropertyCell(inputs);
     setChildParentRoot(inputs_[index].get());
 }

@@ -9,6 +9,8 @@
 
 #include <boost/exception/diagnostic_information.hpp>
 
+#include <atomic>
+
 namespace parallel::language::future {
 
 namespace {
@@ -25,18 +27,46 @@ void attach(boost::shared_future<void> future, boost::launch policy,
                 [callback = std::move(callback)](boost::shared_future<void>) { callback(); });
 }
 
-// Finished and Cancelled: the first of them makes the finished future ready.
-constexpr unsigned long long kFinishingEvents = 2;
+// Serials are handed to each thread in blocks, so that making a task shares
+// no memory with other threads but once a block.
+constexpr std::uint64_t kSerialsPerBlock = 1024;
+std::atomic<std::uint64_t> gNextSerialBlock{0};
+
+std::uint64_t nextSerial() noexcept {
+    thread_local std::uint64_t next = 0;
+    thread_local std::uint64_t end = 0;
+    if (next == end) {
+        next = gNextSerialBlock.fetch_add(1, std::memory_order_relaxed) * kSerialsPerBlock;
+        end = next + kSerialsPerBlock;
+    }
+    return next++;
+}
+
+void runDroppingErrors(const std::function<void()>& callback) noexcept {
+    try {
+        callback();
+    } catch (...) {
+    }
+}
 
 } // namespace
 
-TaskBase::TaskBase()
-    : runningFuture_(runningPromise_.get_future().share()),
-      finishedPromise_(MultiEventPromise::Any, kFinishingEvents),
-      finishedFuture_(finishedPromise_.getFuture().share()) {}
+TaskBase::TaskBase() : serial_(nextSerial()) {}
 
 TaskBase::~TaskBase() {
-    detail::timeline::onDestroyed(this);
+    // No other thread can reach a task being destroyed: no lock needed, and
+    // none held while the callbacks run.
+    Callbacks finished;
+    Callbacks running;
+    {
+        foundation::core::sync::LockGuard lock(mutex_);
+        if (waiters_) {
+            finished.swap(waiters_->finished);
+            running.swap(waiters_->running);
+        }
+    }
+    runAll(finished);
+    runAll(running);
 }
 
 void TaskBase::cancel() noexcept {
@@ -65,12 +95,12 @@ bool TaskBase::wait(FutureState target, const SteadyTimePoint& deadline) {
         boost::shared_future<void> running;
         {
             foundation::core::sync::LockGuard lock(mutex_);
-            running = runningFuture_;
+            running = futureOf(waiters().runningPromise, running_);
         }
         return detail::waitUntil(running, deadline);
     }
     try {
-        return detail::waitUntil(finishedFuture_, deadline);
+        return detail::waitUntil(getWaitableFuture(), deadline);
     } catch (const boost::future_uninitialized&) {
         throw errors::WaitOnUnavailableFuture();
     } catch (...) {
@@ -79,12 +109,23 @@ bool TaskBase::wait(FutureState target, const SteadyTimePoint& deadline) {
 }
 
 void TaskBase::afterRunningThen(boost::launch policy, std::function<void()> callback) {
-    boost::shared_future<void> running;
+    if (policy != boost::launch::sync) {
+        boost::shared_future<void> running;
+        {
+            foundation::core::sync::LockGuard lock(mutex_);
+            running = futureOf(waiters().runningPromise, running_);
+        }
+        attach(std::move(running), policy, std::move(callback));
+        return;
+    }
     {
         foundation::core::sync::LockGuard lock(mutex_);
-        running = runningFuture_;
+        if (!running_) {
+            waiters().running.push_back(std::move(callback));
+            return;
+        }
     }
-    attach(std::move(running), policy, std::move(callback));
+    runDroppingErrors(callback); // running already: at once, without the mutex
 }
 
 void TaskBase::afterFinishThen(boost::launch policy, std::function<void()> callback) {
@@ -92,7 +133,18 @@ void TaskBase::afterFinishThen(boost::launch policy, std::function<void()> callb
 }
 
 void TaskBase::doAfterFinishThen(boost::launch policy, std::function<void()> callback) {
-    attach(finishedFuture_, policy, std::move(callback));
+    if (policy != boost::launch::sync) {
+        attach(getWaitableFuture(), policy, std::move(callback));
+        return;
+    }
+    {
+        foundation::core::sync::LockGuard lock(mutex_);
+        if (!finished_) {
+            waiters().finished.push_back(std::move(callback));
+            return;
+        }
+    }
+    runDroppingErrors(callback);
 }
 
 FutureState TaskBase::getState() const noexcept {
@@ -144,7 +196,8 @@ OutputsOrError TaskBase::getOutputsOrError() {
 }
 
 boost::shared_future<void> TaskBase::getWaitableFuture() const {
-    return finishedFuture_;
+    foundation::core::sync::LockGuard lock(mutex_);
+    return futureOf(waiters().finishedPromise, finished_);
 }
 
 void TaskBase::doNotifyPending() {
@@ -162,8 +215,10 @@ void TaskBase::doNotifyQueued() {
         if (state_ == FutureState::Running) {
             // Back to a queue: the next run gets a running promise of its own.
             // The old one is ready already, so dropping it breaks nothing.
-            runningPromise_ = boost::promise<void>();
-            runningFuture_ = runningPromise_.get_future().share();
+            running_ = false;
+            if (waiters_) {
+                waiters_->runningPromise.reset();
+            }
         }
         if (cancelled_) {
             return;
@@ -182,7 +237,18 @@ void TaskBase::doNotifyRunning() {
         }
         setStartTime();
         setState(FutureState::Running);
-        runningPromise_.set_value();
+        if (running_) {
+            throw boost::promise_already_satisfied();
+        }
+        running_ = true;
+        if (waiters_) {
+            Callbacks callbacks;
+            callbacks.swap(waiters_->running);
+            runAll(callbacks);
+            if (waiters_->runningPromise) {
+                waiters_->runningPromise->promise.set_value();
+            }
+        }
     }
     detail::timeline::onRunning(this);
 }
@@ -197,7 +263,7 @@ void TaskBase::doNotifyFinished() {
         }
     }
     detail::timeline::onFinished(this);
-    finishedPromise_.setOne();
+    reachFinished();
     detail::notifyTaskFinished();
 }
 
@@ -210,7 +276,52 @@ void TaskBase::doNotifyCancelled() {
         cancelled_ = true;
     }
     detail::timeline::onCancelled(this);
-    finishedPromise_.setOne();
+    reachFinished();
+}
+
+void TaskBase::reachFinished() {
+    Callbacks callbacks;
+    LazyPromise* promise = nullptr;
+    {
+        foundation::core::sync::LockGuard lock(mutex_);
+        if (finished_) {
+            return;
+        }
+        finished_ = true;
+        if (waiters_) {
+            callbacks.swap(waiters_->finished);
+            // Made before finished_ was set and never replaced: safe to use
+            // without the mutex, which its continuations must not run under.
+            promise = waiters_->finishedPromise.get();
+        }
+    }
+    runAll(callbacks);
+    if (promise != nullptr) {
+        promise->promise.set_value();
+    }
+}
+
+boost::shared_future<void> TaskBase::futureOf(std::unique_ptr<LazyPromise>& slot, bool reached) {
+    if (!slot) {
+        slot = std::make_unique<LazyPromise>();
+        if (reached) {
+            slot->promise.set_value();
+        }
+    }
+    return slot->future;
+}
+
+TaskBase::Waiters& TaskBase::waiters() const {
+    if (!waiters_) {
+        waiters_ = std::make_unique<Waiters>();
+    }
+    return *waiters_;
+}
+
+void TaskBase::runAll(Callbacks& callbacks) noexcept {
+    for (const auto& callback : callbacks) {
+        runDroppingErrors(callback);
+    }
 }
 
 void TaskBase::setState(FutureState state) {

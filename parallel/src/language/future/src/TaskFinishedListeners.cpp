@@ -7,6 +7,7 @@
 #include <foundation/usm/Detail.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <stdexcept>
 #include <vector>
 
@@ -18,6 +19,13 @@ namespace {
 
 using ProcessStore = foundation::usm::Detail<foundation::usm::scope::Process>;
 
+// How many listeners are registered, kept beside the registry so that a task
+// finishing while none is registered skips it (and the process store's lock).
+// Sequentially consistent: a listener registered before its owner looks at a
+// task (under the task's or its future's mutex) is counted by every finish
+// that its owner does not see.
+std::atomic<long long> gListenerCount{0};
+
 // The process-wide listener registry, owned by the host's process store.
 // Its mutex guards the list only: listeners are called on a copy, without it.
 // Any thread.
@@ -26,12 +34,13 @@ public:
     void add(const std::shared_ptr<TaskFinishedListener>& listener) QZ_EXCLUDES(mutex_) {
         foundation::core::sync::LockGuard lock(mutex_);
         listeners_.push_back(listener);
+        ++gListenerCount;
     }
 
     void remove(const TaskFinishedListener* listener) QZ_EXCLUDES(mutex_) {
         foundation::core::sync::LockGuard lock(mutex_);
-        std::erase_if(listeners_,
-                      [listener](const auto& entry) { return entry.get() == listener; });
+        gListenerCount -= static_cast<long long>(std::erase_if(
+            listeners_, [listener](const auto& entry) { return entry.get() == listener; }));
     }
 
     void notifyTaskFinished() QZ_EXCLUDES(mutex_) {
@@ -70,6 +79,9 @@ GlobalTaskFinishedListenerUSM& registry() {
 } // namespace
 
 void detail::notifyTaskFinished() {
+    if (gListenerCount.load() == 0) {
+        return;
+    }
     registry().notifyTaskFinished();
 }
 

@@ -10,13 +10,12 @@ class TaskBase;
 
 // The hooks through which tasks and futures report to the timeline recorder.
 // Each inline `on...` costs one relaxed load while nothing records; the
-// `record...` functions take the recorder's mutex. Any thread; never called
+// `record...` functions append to the calling thread's own log. Any thread; never called
 // with a task's mutex held.
 namespace parallel::language::future::detail::timeline {
 
 // True while a recorder exists. Relaxed: an event racing with the start or
-// end of a recording may or may not be recorded; the recorder's mutex orders
-// everything that is.
+// end of a recording may or may not be recorded.
 extern std::atomic<bool> gRecording;
 
 inline bool recording() noexcept {
@@ -35,7 +34,6 @@ void recordRunning(const TaskBase* task) noexcept;
 void recordFinished(const TaskBase* task) noexcept;
 void recordFailed(const TaskBase* task) noexcept;
 void recordCancelled(const TaskBase* task) noexcept;
-void recordDestroyed(const TaskBase* task) noexcept;
 
 inline void onFutureCreated(const TaskBase* task, const FutureBase& future,
                             const char* kind) noexcept {
@@ -72,11 +70,6 @@ inline void onFailed(const TaskBase* task) noexcept {
 inline void onCancelled(const TaskBase* task) noexcept {
     if (recording()) {
         recordCancelled(task);
-    }
-}
-inline void onDestroyed(const TaskBase* task) noexcept {
-    if (recording()) {
-        recordDestroyed(task);
     }
 }
 

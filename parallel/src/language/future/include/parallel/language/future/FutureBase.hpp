@@ -201,6 +201,12 @@ private:
     virtual const char* doGetCosAliasName() const = 0;
 
     void initOutputsOrErrorIfNeeded();
+    // Builds the single input cell from inputsToWrap_, once.
+    void wrapInputsIfNeeded() const;
+    // Holds `function` (see functionToWrap_); null stays null.
+    void keepFunction(boost::intrusive_ptr<dvArray> function);
+    // Makes function_ from functionToWrap_, once.
+    void wrapFunctionIfNeeded() const;
     bool isOutputsOrErrorCached() const;
     DvArrayVector doFetchNext(unsigned int numOutputs);
     // fetchNext by what `drain` remembers of `futures` (which it must have
@@ -229,13 +235,22 @@ private:
     void setChildParentRoot(const dvArray* array);
 
     WallClockTimePoint createTime_{};
-    PropertyDvArray function_;
+    // The function as a property array. A function handle, an immutable
+    // value, is held as given (functionToWrap_) until the property array is
+    // first needed.
+    mutable PropertyDvArray function_;
+    mutable boost::intrusive_ptr<dvArray> functionToWrap_;
     long long id_ = invalidID;
     unsigned int numOutputs_ = 0;
-    bool read_ = false; // next to id_: both read on every fetchNext visit
+    bool read_ = false;                 // next to id_: both read on every fetchNext visit
+    mutable bool inputsWrapped_ = true; // false while inputsToWrap_ holds the inputs
     kcos::COSInterfacePtr parent_;
     PropertyDvArray predecessors_;
-    PerTaskVariant<PropertyDvArray> inputs_;
+    // The inputs as property cells, one per task. A single future keeps its
+    // inputs as shared copies (inputsToWrap_) until a cell is first needed:
+    // a future that never meets the language never builds one.
+    mutable PerTaskVariant<PropertyDvArray> inputs_;
+    mutable DvArrayVector inputsToWrap_;
     PerTaskVariant<OutputsOrErrorPropertyDvArray> outputsOrError_;
     kcos::COSInterfacePtr cosi_;
 };

@@ -2,7 +2,6 @@
 
 #include <parallel/language/future/Export.hpp>
 #include <parallel/language/future/FutureState.hpp>
-#include <parallel/language/future/MultiEventPromise.hpp>
 #include <parallel/language/future/OutputsOrErrorPropertyDvArray.hpp>
 #include <parallel/language/future/TimeTypes.hpp>
 
@@ -10,9 +9,12 @@
 
 #include <boost/thread/future.hpp>
 
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace parallel::language::future {
 
@@ -36,17 +38,22 @@ namespace parallel::language::future {
 //     after construction or after a re-queue.
 //
 // Ownership: always held through std::shared_ptr (futures, task collections,
-// continuations). The task owns both promises; destroying it before they are
-// ready breaks them, which runs the callbacks still attached.
+// continuations). Callbacks attached with boost::launch::sync are kept in the
+// task and run at their event; the boost promises behind the running and
+// finished futures are made only when someone asks for such a future (a
+// wait, getWaitableFuture, a callback of another launch policy), ready at
+// once when their event has happened. Destroying the task before an event
+// runs that event's callbacks (finished first, then running) and breaks its
+// promise.
 //
 // Threads: the executor's threads call the notifications; any thread calls
 // the public operations. One non-recursive mutex per task (mutex_) guards the
-// state, the cancelled flag, both times and the running promise and future;
-// the fields say so with QZ_GUARDED_BY, and no public operation or
-// notification may be called with it held (QZ_EXCLUDES). The running promise
-// is made ready with that mutex held, so a callback attached with
-// afterRunningThen(boost::launch::sync, ...) runs with it held and must not
-// call back into the same task. Finished callbacks and the task-finished
+// state, the cancelled flag, both times, the callbacks and the promises; the
+// fields say so with QZ_GUARDED_BY, and no public operation or notification
+// may be called with it held (QZ_EXCLUDES). Running callbacks run in the
+// notifying thread with that mutex held and must not call back into the same
+// task; one attached while the task runs already runs at once in the
+// attaching thread, without it. Finished callbacks and the task-finished
 // listeners run without the mutex.
 class QZ_FUTURE_API TaskBase : public std::enable_shared_from_this<TaskBase> {
 public:
@@ -68,16 +75,20 @@ public:
     // finished future fails. Any thread.
     bool wait(FutureState target, const SteadyTimePoint& deadline) QZ_EXCLUDES(mutex_);
 
-    // Runs `callback` once the task runs (or the running promise is broken).
+    // Runs `callback` once the task runs (or is destroyed without running).
     // With boost::launch::sync: at once when already running, otherwise in
     // the notifying thread with the task mutex held. The callback's
     // exceptions reach nobody. Any thread.
     void afterRunningThen(boost::launch policy, std::function<void()> callback) QZ_EXCLUDES(mutex_);
-    // Runs `callback` once the task has finished or was cancelled (or the
-    // finished promise is broken), without the task mutex. Any thread.
+    // Runs `callback` once the task has finished or was cancelled (or is
+    // destroyed before), without the task mutex. With boost::launch::sync: at
+    // once when finished already, otherwise in the notifying thread. Any
+    // thread.
     void afterFinishThen(boost::launch policy, std::function<void()> callback);
 
     FutureState getState() const noexcept QZ_EXCLUDES(mutex_);
+    // A number no other task of this process has, or had. Any thread.
+    std::uint64_t getSerial() const noexcept { return serial_; }
     // 0.0 when not set. Any thread.
     WallClockTimePoint getStartTime() const QZ_EXCLUDES(mutex_);
     WallClockTimePoint getFinishTime() const QZ_EXCLUDES(mutex_);
@@ -90,7 +101,7 @@ public:
     // outputs or error once finished; an empty optional before.
     OutputsOrError getOutputsOrError() QZ_EXCLUDES(mutex_);
     // Ready once the task has finished or was cancelled. Never replaced.
-    boost::shared_future<void> getWaitableFuture() const;
+    boost::shared_future<void> getWaitableFuture() const QZ_EXCLUDES(mutex_);
 
 protected:
     // Notifications, called by the executor. Any thread.
@@ -105,23 +116,54 @@ protected:
 private:
     virtual void doCancel() = 0;
     virtual OutputsOrError doGetOutputsOrError() = 0;
-    virtual void doAfterFinishThen(boost::launch policy, std::function<void()> callback);
+    virtual void doAfterFinishThen(boost::launch policy, std::function<void()> callback)
+        QZ_EXCLUDES(mutex_);
     virtual std::u16string doGetDiary() = 0;
+
+    using Callbacks = std::vector<std::function<void()>>;
+    // A boost promise made on demand, with its shared future.
+    struct LazyPromise {
+        LazyPromise() : future(promise.get_future().share()) {}
+        boost::promise<void> promise;
+        boost::shared_future<void> future;
+    };
+
+    // The running or finished future, made now if needed; ready when
+    // `reached`.
+    static boost::shared_future<void> futureOf(std::unique_ptr<LazyPromise>& slot, bool reached);
+    // Runs each callback, dropping its exceptions.
+    static void runAll(Callbacks& callbacks) noexcept;
+    // The waiters, made now if needed.
+    struct Waiters;
+    Waiters& waiters() const QZ_REQUIRES(mutex_);
 
     // Called with the task mutex held.
     void setState(FutureState state) QZ_REQUIRES(mutex_);
     void setStartTime() QZ_REQUIRES(mutex_);
     void setFinishTime() QZ_REQUIRES(mutex_);
+    // The first Finished or Cancelled: runs the finished callbacks and makes
+    // the finished promise ready, if there is one. Without the task mutex.
+    void reachFinished() QZ_EXCLUDES(mutex_);
 
+    const std::uint64_t serial_;
     mutable foundation::core::sync::Mutex mutex_;
     WallClockTimePoint finishTime_ QZ_GUARDED_BY(mutex_){};
     WallClockTimePoint startTime_ QZ_GUARDED_BY(mutex_){};
     FutureState state_ QZ_GUARDED_BY(mutex_) = FutureState::Unavailable;
     bool cancelled_ QZ_GUARDED_BY(mutex_) = false;
-    boost::promise<void> runningPromise_ QZ_GUARDED_BY(mutex_);
-    boost::shared_future<void> runningFuture_ QZ_GUARDED_BY(mutex_);
-    MultiEventPromise finishedPromise_;
-    boost::shared_future<void> finishedFuture_; // never replaced after construction
+    bool running_ QZ_GUARDED_BY(mutex_) = false;  // Running since the last (re-)queue
+    bool finished_ QZ_GUARDED_BY(mutex_) = false; // the first Finished or Cancelled came
+    // What waits on the task, made at the first callback or future asked for:
+    // the callbacks of each event and the promises behind the futures handed
+    // out (the finished one is never replaced once made; the running one is
+    // dropped at a re-queue). Destroyed with the task.
+    struct Waiters {
+        Callbacks running;
+        Callbacks finished;
+        std::unique_ptr<LazyPromise> runningPromise;
+        std::unique_ptr<LazyPromise> finishedPromise;
+    };
+    mutable std::unique_ptr<Waiters> waiters_ QZ_GUARDED_BY(mutex_);
 };
 
 } // namespace parallel::language::future

@@ -39,17 +39,27 @@ struct TimelineEntry {
 // outputs, which some tasks hand out once only.
 //
 // Cost: with no recorder, each task notification and each new future pays one
-// relaxed atomic load. While recording, each event takes one process-wide
-// mutex and a hash lookup on the notifying thread.
+// relaxed atomic load. While recording, each event costs a clock read and an
+// append to the notifying thread's own log: no lock is taken and no memory is
+// shared with other threads but for the log's first event (which registers
+// the thread's log under the recorder's mutex) and a new chunk of the log
+// every 1,024 events. The logs are merged, in time order, when the entries
+// are read.
 //
-// A task's events are matched by the task's address until the task is
-// destroyed, so a task made after another one died at the same address gets
-// an entry of its own.
+// A task's events are matched by TaskBase::getSerial(), never reused, so a
+// task made after another one died at the same address gets an entry of its
+// own.
 //
-// Threads: any thread constructs, reads and destroys a recorder; events come
-// from every thread. One process-wide mutex guards the active recording and
-// its entries. Destruction waits for an event being recorded, and no event
-// touches the recorder afterwards.
+// Threads and memory ordering: any thread constructs, reads and destroys a
+// recorder; events come from every thread. Each thread appends to a log of
+// its own and publishes each event with a release store of the log's size;
+// entries() reads every log's size with acquire and so sees every event whose
+// append finished before the call, and any event that happened before one of
+// those (its thread published it first). An event racing with entries(), or
+// with the start or end of the recording, may or may not be in it. A thread
+// keeps its log of a recording that has ended until its first event of the
+// next recording, or its exit; no event touches the recorder after it is
+// destroyed.
 class QZ_FUTURE_API TimelineRecorder {
 public:
     // Throws std::logic_error when another recorder is recording.
