@@ -696,6 +696,13 @@ FutureBase::fetchNextAmong(std::span<const std::shared_ptr<FutureBase>> futures,
         return {
             someSubmitted ? FetchNextState::NoUnreadFutures : FetchNextState::NotSubmitted, 0, {}};
     }
+    if (const auto queueManager = iqm::Iqm::getCurrent();
+        queueManager && queueManager->atNestingLimit() &&
+        std::all_of(candidates.begin(), candidates.end(), [&](const auto& candidate) {
+            return needsInterpreterToFinish(*futures[candidate.index]);
+        })) {
+        throw errors::WaitNestingLimit(std::uint64_t{iqm::Iqm::kMaxNestedWork});
+    }
     const SteadyTimePoint deadline = getCurrentSteadyTime() + timeout;
     const auto ready = waitForAnyWithDequeue(candidates.cbegin(), candidates.cend(), deadline);
     if (ready == candidates.cend()) {
@@ -755,8 +762,12 @@ std::tuple<FetchNextState, std::size_t, DvArrayVector>
 FutureBase::fetchNextThrough(detail::FetchNextDrain& drain,
                              std::span<const std::shared_ptr<FutureBase>> futures,
                              unsigned int numOutputs, Seconds timeout) {
+    // Walks where the drain cannot be used: nested in another call's wait
+    // on it, or at the queue manager's nesting limit, where the walk tells
+    // whether anything it would wait for can finish without queued work.
     const detail::FetchNextDrain::Lease lease(drain);
-    if (!lease) {
+    const auto queueManager = iqm::Iqm::getCurrent();
+    if (!lease || (queueManager && queueManager->atNestingLimit())) {
         return fetchNextAmong(futures, numOutputs, timeout);
     }
     drain.checkEnds(futures);
