@@ -16,8 +16,8 @@ using namespace testing;
 // Levels of chains dropped at once, where recursion of one frame per level
 // overflowed the stack at 40,000 (10,000 under AddressSanitizer): chains of
 // bare links, and shorter ones of continuations, which cost far more to run.
-constexpr int kDroppedLinks = underAddressSanitizer() ? 100'000 : 1'000'000;
-constexpr int kDroppedContinuations = underAddressSanitizer() ? 2'000 : 50'000;
+constexpr int kDroppedLinks = underSanitizer() ? 100'000 : 1'000'000;
+constexpr int kDroppedContinuations = underSanitizer() ? 2'000 : 50'000;
 
 // The least a future with a predecessor needs: it holds the predecessor's
 // language object, as every continuation future does, and is finished.

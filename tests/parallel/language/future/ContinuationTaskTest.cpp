@@ -210,8 +210,8 @@ TEST_F(ContinuationTaskTest, ContinuationsThatWaitNestNoDeeperThanTheLimit) {
     };
 
     // Waits on a queue manager's mutex while 500 others are registered: slow
-    // under AddressSanitizer, which crashed at 2,000 before the limit.
-    constexpr std::size_t kWaiting = underAddressSanitizer() ? 10'000 : 100'000;
+    // under a sanitizer; AddressSanitizer crashed at 2,000 before the limit.
+    constexpr std::size_t kWaiting = underSanitizer() ? 10'000 : 100'000;
     EXPECT_EQ(answersOf(kWaiting,
                         [&] {
                             const auto [state, index, outputs] =

@@ -40,13 +40,13 @@ struct RecordingFunction {
     }
 };
 
-// Whether this build runs under AddressSanitizer, whose larger frames and
-// slower allocation make deep tests shallower.
-constexpr bool underAddressSanitizer() {
-#if defined(__SANITIZE_ADDRESS__)
+// Whether this build runs under AddressSanitizer or ThreadSanitizer, whose
+// larger frames and slower allocation make deep tests shallower.
+constexpr bool underSanitizer() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     return true;
 #elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
     return true;
 #else
     return false;
