@@ -29,6 +29,10 @@ const std::unordered_map<std::string_view, std::u16string_view>& catalogue() {
         {"KORVEX:parallel:future:ExecutionCancelled", u"Execution of the future was cancelled."},
         {"KORVEX:parallel:future:ExecutionErrors",
          u"One or more futures resulted in an error. See the causes for details."},
+        {"KORVEX:parallel:future:EvaluationClassesNotRegistered",
+         u"Cannot start an evaluation: no executor has registered the classes that start "
+         u"evaluations. Call localpool::registerLanguageClasses() once before the first "
+         u"parallel.FevalFuture or parallel.FevalOnAllFuture."},
         {"KORVEX:parallel:future:FailedToInterpretState",
          u"Unable to interpret the state to wait for. Use \"running\" or \"finished\"."},
         {"KORVEX:parallel:future:FetchNextFutureErrored",

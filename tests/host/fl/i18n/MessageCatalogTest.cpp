@@ -25,6 +25,7 @@ TEST(MessageCatalog, EveryIdentifierHasATextWithOnePlaceholderPerArgument) {
     const std::pair<int, std::string> groups[] = {
         {0,
          "ContinuationOnEmpty ContinuationOnPending CreateFutureInvalidNumOutputs "
+         "EvaluationClassesNotRegistered "
          "CreateFutureNegativeNumOutputArgs ExecutionCancelled ExecutionErrors "
          "FailedToInterpretState FetchNextFutureErrored FetchNextInvalidFuture "
          "FetchNextTimeoutScalar FetchNextUnsupportedFutureType FetchOutputsConcatenationFailed "

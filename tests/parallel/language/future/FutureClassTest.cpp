@@ -65,11 +65,13 @@ TEST_F(FutureClass, ConstructorWithoutInputsMakesAnUnavailableFutureOfTheNameCal
 }
 
 // With the creation class, the evaluation names forward their inputs to it
-// (LanguageScenarioTest.cpp); this program never registers it.
+// (LanguageScenarioTest.cpp); this program never registers it, and is told so.
 TEST_F(FutureClass, ConstructorInputsNeedAnEvaluationNameAndTheCreationClass) {
-    for (const char* name :
-         {"parallel.FevalFuture", "parallel.AfterEachFuture", "parallel.Future"}) {
+    for (const char* name : {"parallel.AfterEachFuture", "parallel.Future"}) {
         EXPECT_THROW(construct(name, {scalar(1)}), Exception<KORVEX::maxrhs>) << name;
+    }
+    for (const char* name : {"parallel.FevalFuture", "parallel.FevalOnAllFuture"}) {
+        EXPECT_THROW(construct(name, {scalar(1)}), errors::EvaluationClassesNotRegistered) << name;
     }
 }
 

@@ -93,8 +93,11 @@ public:
                                                                          : nullptr;
         const kcos::InternedName creationClass =
             names::intern("parallel.internal.queue.FutureCreation");
-        if (method == nullptr || kcos::COSClass::getClass(creationClass) == nullptr) {
+        if (method == nullptr) {
             matrix::detail::error_maxrhs();
+        }
+        if (kcos::COSClass::getClass(creationClass) == nullptr) {
+            throw errors::EvaluationClassesNotRegistered();
         }
         std::vector<dvArray*> arguments;
         arguments.reserve(static_cast<std::size_t>(numInputs));

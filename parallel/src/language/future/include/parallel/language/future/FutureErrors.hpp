@@ -20,6 +20,7 @@
     X(ContinuationOnPending)                                                                       \
     X(CreateFutureInvalidNumOutputs)                                                               \
     X(CreateFutureNegativeNumOutputArgs)                                                           \
+    X(EvaluationClassesNotRegistered)                                                              \
     X(ExecutionErrors)                                                                             \
     X(FailedToInterpretState)                                                                      \
     X(FetchNextFutureErrored)                                                                      \
