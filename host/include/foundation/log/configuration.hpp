@@ -18,9 +18,12 @@ QZHOST_API void set_channel_switches(const std::string& channel, unsigned switch
 // Turns every channel off again.
 QZHOST_API void reset_channel_switches();
 
-// Reads the environment variable KORVEX_LOG, a comma-separated list of
-// "channel=bits" (bits in decimal, "*" for every channel), and applies it.
-// Answers how many entries were applied; malformed entries are skipped.
+// Reads the environment variable KORVEX_LOG and applies it: entries
+// "channel=switches" separated by ',' or ';' (blanks around anything, empty
+// entries ignored), the channel "*" for every channel, switches as names
+// (off, info, warning, trace, all; any letter case) or numbers (decimal or
+// 0x hexadecimal) joined by '|' or '+'. Answers how many entries were
+// applied; the others are named in one warning on standard error.
 QZHOST_API int configure_from_environment();
 
 // A sink that writes each record as one line to `out`:

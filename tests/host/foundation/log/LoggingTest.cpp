@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <boost/log/core/core.hpp>
 #include <boost/log/sources/record_ostream.hpp>
 #include <boost/log/sources/severity_feature.hpp>
@@ -75,11 +77,26 @@ TEST(Logging, SwitchesApplyByChannelToLiveAndLaterLoggers) {
     reset_channel_switches();
     EXPECT_EQ(a.switches(), 0u);
 
-    ::setenv("KORVEX_LOG", "env=8,bad,=16,other=x,*=,env2=48", 1); // four malformed entries
-    EXPECT_EQ(configure_from_environment(), 2);
+    // What a user types: blanks, ';' or ',', a trailing separator, names,
+    // hexadecimal, '|'; the unreadable entries are named in one warning.
+    ::setenv("KORVEX_LOG",
+             " env = 8 ; hex=0x30,named=Info|trace;bad,=16, other=x,*=,half=8|; env2=48+info ;", 1);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(configure_from_environment(), 4);
+    const std::string warning = testing::internal::GetCapturedStderr();
     EXPECT_EQ(diagnostic_logger("env").switches(), 8u);
-    EXPECT_EQ(diagnostic_logger("env2").switches(), 48u);
+    EXPECT_EQ(diagnostic_logger("hex").switches(), 48u);
+    EXPECT_EQ(diagnostic_logger("named").switches(), switches::info | switches::trace);
+    EXPECT_EQ(diagnostic_logger("env2").switches(), 56u);
+    EXPECT_EQ(diagnostic_logger("half").switches(), 0u);
     EXPECT_EQ(diagnostic_logger("unnamed").switches(), 0u);
+    EXPECT_EQ(std::count(warning.begin(), warning.end(), '\n'), 1) << warning;
+    for (const char* entry : {"'bad'", "'=16'", "'other=x'", "'*='", "'half=8|'"}) {
+        EXPECT_NE(warning.find(entry), std::string::npos) << entry << " in " << warning;
+    }
+    ::setenv("KORVEX_LOG", "*=all", 1);
+    EXPECT_EQ(configure_from_environment(), 1);
+    EXPECT_EQ(diagnostic_logger("unnamed").switches(), switches::all);
     ::unsetenv("KORVEX_LOG");
     reset_channel_switches();
 }
