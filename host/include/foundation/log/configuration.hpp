@@ -5,6 +5,7 @@
 
 #include <host/Export.hpp>
 
+#include <chrono>
 #include <iosfwd>
 #include <memory>
 #include <string>
@@ -27,9 +28,10 @@ QZHOST_API void reset_channel_switches();
 QZHOST_API int configure_from_environment();
 
 // A sink that writes each record as one line to `out`:
-// "[channel] <two spaces per indent level>text", the text of a function
-// trace's entry record marked "> " and of its exit record "< ". Removed when the handle is
-// destroyed; `out` must outlive it.
+// "HH:MM:SS.ffffff T<thread> [channel] <two spaces per indent level>text"
+// (local time, microseconds; the thread's detail::thread_number), the text
+// of a function trace's entry record marked "> " and of its exit record
+// "< ". Removed when the handle is destroyed; `out` must outlive it.
 class QZHOST_API ConsoleSink {
 public:
     explicit ConsoleSink(std::ostream& out);
@@ -47,7 +49,9 @@ struct CapturedRecord {
     std::string channel;
     int severity = 0;
     std::string message;
-    int indent = 0;
+    int indent = 0; // of the writing thread
+    unsigned thread = 0;
+    std::chrono::system_clock::time_point time;
 };
 
 // A sink that keeps every record, optionally of one channel only, from its

@@ -42,8 +42,8 @@ inline constexpr unsigned all = info | warning | trace;
 } // namespace switches
 
 namespace detail {
-// A Boost.Log attribute whose value (int) is the current indentation depth.
-// Any thread; the depth is atomic.
+// A Boost.Log attribute whose value (int) is the indentation depth of the
+// calling thread: each thread raises and lowers its own. Any thread.
 class QZHOST_API indent_attribute : public boost::log::attribute {
 public:
     indent_attribute();
@@ -55,6 +55,10 @@ private:
     class impl;
     impl* impl_; // owned through the attribute's reference-counted implementation
 };
+
+// A small number naming the calling thread in records, 1 for the first
+// thread that writes one. Any thread.
+QZHOST_API unsigned thread_number() noexcept;
 } // namespace detail
 
 template <class CharT>
@@ -79,7 +83,8 @@ public:
 
     // The exclusive lock, held only around boost::log::core::open_record.
     std::mutex& lock() noexcept { return lock_; }
-    // Attributes to pass to open_record: "Channel", "Severity", "Indent".
+    // Attributes to pass to open_record: "Channel", "Severity", "Indent",
+    // "Thread" (detail::thread_number), "Time" (std::chrono::system_clock).
     const boost::log::attribute_set& attributes() const noexcept { return attributes_; }
     detail::indent_attribute& indent() noexcept { return indent_; }
 

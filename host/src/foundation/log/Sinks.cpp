@@ -11,7 +11,11 @@
 #include <boost/smart_ptr/make_shared_object.hpp>
 
 #include <algorithm>
+#include <chrono>
+#include <ctime>
+#include <iomanip>
 #include <mutex>
+#include <sstream>
 
 namespace foundation::log {
 
@@ -25,14 +29,31 @@ CapturedRecord capture(const logging::record_view& record) {
     captured.severity = logging::extract_or_default<int>("Severity", record, 0);
     captured.indent = logging::extract_or_default<int>("Indent", record, 0);
     captured.message = logging::extract_or_default<std::string>("Message", record, std::string());
+    captured.thread = logging::extract_or_default<unsigned>("Thread", record, 0u);
+    captured.time = logging::extract_or_default<std::chrono::system_clock::time_point>(
+        "Time", record, std::chrono::system_clock::time_point());
     return captured;
 }
 
-// "[channel] " followed by two spaces per indent level, "> " or "< " for the
-// entry or exit record of a function trace, and the text.
+// "HH:MM:SS.ffffff" in local time.
+std::string formatTime(std::chrono::system_clock::time_point time) {
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
+    const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(
+                            time - std::chrono::system_clock::from_time_t(seconds))
+                            .count();
+    std::tm local{};
+    localtime_r(&seconds, &local);
+    std::ostringstream text;
+    text << std::put_time(&local, "%H:%M:%S") << '.' << std::setfill('0') << std::setw(6) << micros;
+    return text.str();
+}
+
+// The time, "T<thread> [channel] ", two spaces per indent level, "> " or
+// "< " for the entry or exit record of a function trace, and the text.
 void formatLine(const logging::record_view& record, logging::formatting_ostream& out) {
     const CapturedRecord line = capture(record);
-    out << '[' << line.channel << "] " << std::string(2 * std::max(line.indent, 0), ' ');
+    out << formatTime(line.time) << " T" << line.thread << " [" << line.channel << "] "
+        << std::string(2 * std::max(line.indent, 0), ' ');
     if (line.severity == foundation::log::severity::trace_entry) {
         out << "> ";
     } else if (line.severity == foundation::log::severity::trace_exit) {

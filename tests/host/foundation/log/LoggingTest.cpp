@@ -10,7 +10,10 @@
 #include <boost/log/sources/severity_feature.hpp>
 
 #include <cstdlib>
+#include <regex>
 #include <sstream>
+#include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -60,8 +63,33 @@ TEST(Logging, CaptureAndConsoleSeeChannelSeverityTextAndIndent) {
     EXPECT_EQ(seen,
               (decltype(seen){{"x", 8, "first", 0}, {"x", 16, "nested", 2}, {"x", 64, "back", 1}}));
     EXPECT_EQ(all.records().size(), 5u);
-    // Two spaces per indent level; function trace entries and exits marked.
-    EXPECT_EQ(console.str(), "[x] first\n[y] > to y\n[x]     nested\n[x]   < back\n");
+    // The time and thread, two spaces per indent level; function trace
+    // entries and exits marked.
+    const std::string thread = " T" + std::to_string(detail::thread_number()) + " ";
+    std::istringstream lines(console.str());
+    std::vector<std::string> texts;
+    for (std::string line; std::getline(lines, line);) {
+        ASSERT_TRUE(std::regex_match(line.substr(0, 15), std::regex(R"(\d\d:\d\d:\d\d\.\d{6})")))
+            << line;
+        ASSERT_EQ(line.substr(15, thread.size()), thread) << line;
+        texts.push_back(line.substr(15 + thread.size()));
+    }
+    EXPECT_EQ(texts, (std::vector<std::string>{"[x] first", "[y] > to y", "[x]     nested",
+                                               "[x]   < back"}));
+}
+
+TEST(Logging, EachThreadIndentsOnItsOwn) {
+    diagnostic_logger shared("shared");
+    RecordCapture records("shared");
+    shared.indent().increase(); // this thread's nesting only
+    std::thread([&] { write(shared, severity::info, "worker"); }).join();
+    write(shared, severity::info, "here");
+    shared.indent().decrease();
+    const auto seen = records.records();
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_EQ(seen[0].indent, 0);
+    EXPECT_EQ(seen[1].indent, 1);
+    EXPECT_NE(seen[0].thread, seen[1].thread);
 }
 
 TEST(Logging, SwitchesApplyByChannelToLiveAndLaterLoggers) {
