@@ -31,7 +31,8 @@ QZHOST_API int configure_from_environment();
 // "HH:MM:SS.ffffff T<thread> [channel] <two spaces per indent level>text"
 // (local time, microseconds; the thread's detail::thread_number), the text
 // of a function trace's entry record marked "> " and of its exit record
-// "< ". Removed when the handle is destroyed; `out` must outlive it.
+// "< ", followed by " (<subject>)" when the record has one (SubjectScope).
+// Removed when the handle is destroyed; `out` must outlive it.
 class QZHOST_API ConsoleSink {
 public:
     explicit ConsoleSink(std::ostream& out);
@@ -51,6 +52,7 @@ struct CapturedRecord {
     std::string message;
     int indent = 0; // of the writing thread
     unsigned thread = 0;
+    std::string subject; // empty when none
     std::chrono::system_clock::time_point time;
 };
 

@@ -56,6 +56,10 @@ private:
     impl* impl_; // owned through the attribute's reference-counted implementation
 };
 
+// "<kind> <id>" of the innermost SubjectScope alive on the calling thread,
+// or empty. Any thread.
+QZHOST_API std::string current_subject();
+
 // A small number naming the calling thread in records, 1 for the first
 // thread that writes one. Any thread.
 QZHOST_API unsigned thread_number() noexcept;
@@ -84,7 +88,8 @@ public:
     // The exclusive lock, held only around boost::log::core::open_record.
     std::mutex& lock() noexcept { return lock_; }
     // Attributes to pass to open_record: "Channel", "Severity", "Indent",
-    // "Thread" (detail::thread_number), "Time" (std::chrono::system_clock).
+    // "Thread" (detail::thread_number), "Time" (std::chrono::system_clock),
+    // "Subject" (detail::current_subject).
     const boost::log::attribute_set& attributes() const noexcept { return attributes_; }
     detail::indent_attribute& indent() noexcept { return indent_; }
 
@@ -97,5 +102,25 @@ private:
 };
 
 using diagnostic_logger = basic_diagnostic_logger<char>;
+
+// While alive, every record written on the calling thread carries the
+// attribute "Subject", "<kind> <id>" (for example "future 12"): what the
+// records are about. Scopes nest; the innermost wins. `kind` must outlive
+// the scope (a string literal). The calling thread only.
+class QZHOST_API SubjectScope {
+public:
+    SubjectScope(const char* kind, long long id) noexcept;
+    ~SubjectScope();
+    SubjectScope(const SubjectScope&) = delete;
+    SubjectScope& operator=(const SubjectScope&) = delete;
+
+    struct Subject {
+        const char* kind = nullptr; // null: no subject
+        long long id = 0;
+    };
+
+private:
+    Subject previous_;
+};
 
 } // namespace foundation::log

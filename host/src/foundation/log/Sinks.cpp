@@ -30,6 +30,7 @@ CapturedRecord capture(const logging::record_view& record) {
     captured.indent = logging::extract_or_default<int>("Indent", record, 0);
     captured.message = logging::extract_or_default<std::string>("Message", record, std::string());
     captured.thread = logging::extract_or_default<unsigned>("Thread", record, 0u);
+    captured.subject = logging::extract_or_default<std::string>("Subject", record, std::string());
     captured.time = logging::extract_or_default<std::chrono::system_clock::time_point>(
         "Time", record, std::chrono::system_clock::time_point());
     return captured;
@@ -60,6 +61,9 @@ void formatLine(const logging::record_view& record, logging::formatting_ostream&
         out << "< ";
     }
     out << line.message;
+    if (!line.subject.empty()) {
+        out << " (" << line.subject << ')';
+    }
 }
 
 // Keeps the records it is fed. Any thread.

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <string>
 
 #include <utility>
 
@@ -64,6 +65,17 @@ int indent_attribute::depth() const noexcept {
     return impl_->depth();
 }
 
+namespace {
+thread_local SubjectScope::Subject tSubject;
+} // namespace
+
+std::string current_subject() {
+    if (tSubject.kind == nullptr) {
+        return {};
+    }
+    return std::string(tSubject.kind) + ' ' + std::to_string(tSubject.id);
+}
+
 unsigned thread_number() noexcept {
     static std::atomic<unsigned> next{1};
     thread_local const unsigned number = next.fetch_add(1, std::memory_order_relaxed);
@@ -78,6 +90,7 @@ basic_diagnostic_logger<char>::basic_diagnostic_logger(std::string channel)
     attributes_.insert("Severity", boost::log::sources::aux::severity_level<int>());
     attributes_.insert("Indent", indent_);
     attributes_.insert("Thread", boost::log::attributes::make_function(&detail::thread_number));
+    attributes_.insert("Subject", boost::log::attributes::make_function(&detail::current_subject));
     attributes_.insert("Time", boost::log::attributes::make_function(
                                    [] { return std::chrono::system_clock::now(); }));
     detail::ChannelRegistry::instance().add(*this);
@@ -85,6 +98,14 @@ basic_diagnostic_logger<char>::basic_diagnostic_logger(std::string channel)
 
 basic_diagnostic_logger<char>::~basic_diagnostic_logger() {
     detail::ChannelRegistry::instance().remove(*this);
+}
+
+SubjectScope::SubjectScope(const char* kind, long long id) noexcept : previous_(detail::tSubject) {
+    detail::tSubject = {kind, id};
+}
+
+SubjectScope::~SubjectScope() {
+    detail::tSubject = previous_;
 }
 
 } // namespace foundation::log

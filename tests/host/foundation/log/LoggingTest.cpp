@@ -78,6 +78,30 @@ TEST(Logging, CaptureAndConsoleSeeChannelSeverityTextAndIndent) {
                                                "[x]   < back"}));
 }
 
+TEST(Logging, RecordsNameTheInnermostSubjectOfTheirThread) {
+    diagnostic_logger about("about");
+    RecordCapture records("about");
+    std::ostringstream console;
+    {
+        ConsoleSink sink(console);
+        SubjectScope future("future", 12);
+        write(about, severity::info, "outer");
+        {
+            SubjectScope task("task", 3);
+            write(about, severity::info, "inner");
+            std::thread([&] { write(about, severity::info, "elsewhere"); }).join();
+        }
+        write(about, severity::info, "outer again");
+    }
+    write(about, severity::info, "none");
+    std::vector<std::string> subjects;
+    for (const auto& record : records.records()) {
+        subjects.push_back(record.subject);
+    }
+    EXPECT_EQ(subjects, (std::vector<std::string>{"future 12", "task 3", "", "future 12", ""}));
+    EXPECT_NE(console.str().find("] inner (task 3)\n"), std::string::npos) << console.str();
+}
+
 TEST(Logging, EachThreadIndentsOnItsOwn) {
     diagnostic_logger shared("shared");
     RecordCapture records("shared");

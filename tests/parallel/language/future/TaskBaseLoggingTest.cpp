@@ -44,6 +44,9 @@ TEST_F(TaskBaseLogging, TracesBracketAnOperationIndentWhatItCallsAndMarkAThrow) 
     EXPECT_EQ(records[1].severity, severity::trace_exit);
     EXPECT_EQ(records[1].message, kPendingSignature);
     EXPECT_EQ(records[0].indent, records[1].indent);
+    const std::string subject = "task " + std::to_string(task->getSerial());
+    EXPECT_EQ(records[0].subject, subject);
+    EXPECT_EQ(records[1].subject, subject);
 
     // Whatever wait calls is traced deeper than wait itself.
     capture.clear();

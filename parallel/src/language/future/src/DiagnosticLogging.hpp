@@ -12,6 +12,7 @@
 
 #include <concepts>
 #include <exception>
+#include <optional>
 #include <ostream>
 #include <string_view>
 
@@ -54,13 +55,19 @@ void writeMessage(Logger& logger, int severity, std::string_view text) noexcept;
 // Brackets an operation with an entry record (severity 32) and an exit
 // record (severity 64, " [throw]" appended when left by an exception), and
 // indents what is logged in between. Does nothing at all unless the trace bit
-// was set at entry. Use through QZ_FUTURE_TRACE.
+// was set at entry. With a subject (a task or future and its ID), every
+// record written on this thread while the trace is open names it. Use
+// through QZ_FUTURE_TRACE or QZ_FUTURE_TRACE_OF.
 class FunctionTrace {
 public:
-    FunctionTrace(Logger& logger, const char* function, std::size_t functionLength) noexcept
+    FunctionTrace(Logger& logger, const char* function, std::size_t functionLength,
+                  const char* subjectKind = nullptr, long long subjectID = 0) noexcept
         : logger_(logger), function_(function, functionLength),
           enabled_(logger.is_enabled(kTraceBit)) {
         if (enabled_) {
+            if (subjectKind != nullptr) {
+                subject_.emplace(subjectKind, subjectID);
+            }
             enter();
         }
     }
@@ -79,6 +86,7 @@ private:
     Logger& logger_;
     std::string_view function_;
     bool enabled_;
+    std::optional<foundation::log::SubjectScope> subject_;
     int uncaughtAtEntry_ = 0;
 };
 
@@ -87,6 +95,11 @@ private:
 #define QZ_FUTURE_TRACE(logger)                                                                    \
     ::parallel::language::future::logging::FunctionTrace qzFunctionTrace_(                         \
         (logger), __PRETTY_FUNCTION__, sizeof(__PRETTY_FUNCTION__) - 1)
+// A trace about one task or future: QZ_FUTURE_TRACE_OF(logger(), "task", serial).
+#define QZ_FUTURE_TRACE_OF(logger, kind, id)                                                       \
+    ::parallel::language::future::logging::FunctionTrace qzFunctionTrace_(                         \
+        (logger), __PRETTY_FUNCTION__, sizeof(__PRETTY_FUNCTION__) - 1, (kind),                    \
+        static_cast<long long>(id))
 
 namespace parallel::language::future::logging {
 

@@ -25,7 +25,7 @@ boost::shared_future<void> FevalFuture::doGetWaitableFuture() {
 }
 
 bool FevalFuture::doWait(FutureState state, SteadyTimePoint deadline) {
-    QZ_FUTURE_TRACE(logging::fevalFutureLogger());
+    QZ_FUTURE_TRACE_OF(logging::fevalFutureLogger(), "future", getID());
     return task_->wait(state, deadline);
 }
 

@@ -31,7 +31,7 @@ FevalOnAllFuture::FevalOnAllFuture(kcos::COSInterface* parent,
 FevalOnAllFuture::~FevalOnAllFuture() = default;
 
 void FevalOnAllFuture::doCancel() {
-    QZ_FUTURE_TRACE(logger());
+    QZ_FUTURE_TRACE_OF(logger(), "future", getID());
     if (getState() == FutureState::Finished) {
         return;
     }
@@ -43,7 +43,7 @@ boost::shared_future<void> FevalOnAllFuture::doGetWaitableFuture() {
 }
 
 bool FevalOnAllFuture::doWait(FutureState state, SteadyTimePoint deadline) {
-    QZ_FUTURE_TRACE(logger());
+    QZ_FUTURE_TRACE_OF(logger(), "future", getID());
     if (state <= getState()) {
         logging::writeMessage(logger(), logging::kMessage, "Early return from wait.");
         return true;
@@ -76,12 +76,12 @@ PerTaskVariant<OutputsOrError> FevalOnAllFuture::doGetOutputsOrError() const {
 }
 
 WallClockTimePoint FevalOnAllFuture::doGetStartTime() const {
-    QZ_FUTURE_TRACE(logger());
+    QZ_FUTURE_TRACE_OF(logger(), "future", getID());
     return detail::foldStartTime(*tasks_);
 }
 
 FutureState FevalOnAllFuture::doGetState() const {
-    QZ_FUTURE_TRACE(logger());
+    QZ_FUTURE_TRACE_OF(logger(), "future", getID());
     return detail::foldState(*tasks_);
 }
 

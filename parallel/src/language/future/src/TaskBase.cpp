@@ -86,7 +86,7 @@ void TaskBase::cancel() noexcept {
 }
 
 bool TaskBase::wait(FutureState target, const SteadyTimePoint& deadline) {
-    QZ_FUTURE_TRACE(logger());
+    QZ_FUTURE_TRACE_OF(logger(), "task", serial_);
     if (target <= getState()) {
         logging::writeMessage(logger(), logging::kMessage, "Early return from wait.");
         return true;
@@ -148,7 +148,7 @@ void TaskBase::doAfterFinishThen(boost::launch policy, std::function<void()> cal
 }
 
 FutureState TaskBase::getState() const noexcept {
-    QZ_FUTURE_TRACE(logger());
+    QZ_FUTURE_TRACE_OF(logger(), "task", serial_);
     foundation::core::sync::LockGuard lock(mutex_);
     return state_;
 }
@@ -174,7 +174,7 @@ std::u16string TaskBase::getDiary() {
 }
 
 OutputsOrError TaskBase::getOutputsOrError() {
-    QZ_FUTURE_TRACE(logger());
+    QZ_FUTURE_TRACE_OF(logger(), "task", serial_);
     bool cancelled = false;
     FutureState state = FutureState::Unavailable;
     {
@@ -201,7 +201,7 @@ boost::shared_future<void> TaskBase::getWaitableFuture() const {
 }
 
 void TaskBase::doNotifyPending() {
-    QZ_FUTURE_TRACE(logger());
+    QZ_FUTURE_TRACE_OF(logger(), "task", serial_);
     foundation::core::sync::LockGuard lock(mutex_);
     if (!cancelled_) {
         setState(FutureState::Pending);
@@ -209,7 +209,7 @@ void TaskBase::doNotifyPending() {
 }
 
 void TaskBase::doNotifyQueued() {
-    QZ_FUTURE_TRACE(logger());
+    QZ_FUTURE_TRACE_OF(logger(), "task", serial_);
     {
         foundation::core::sync::LockGuard lock(mutex_);
         if (state_ == FutureState::Running) {
@@ -229,7 +229,7 @@ void TaskBase::doNotifyQueued() {
 }
 
 void TaskBase::doNotifyRunning() {
-    QZ_FUTURE_TRACE(logger());
+    QZ_FUTURE_TRACE_OF(logger(), "task", serial_);
     {
         foundation::core::sync::LockGuard lock(mutex_);
         if (cancelled_) {
@@ -254,7 +254,7 @@ void TaskBase::doNotifyRunning() {
 }
 
 void TaskBase::doNotifyFinished() {
-    QZ_FUTURE_TRACE(logger());
+    QZ_FUTURE_TRACE_OF(logger(), "task", serial_);
     {
         foundation::core::sync::LockGuard lock(mutex_);
         if (!cancelled_) {
@@ -268,7 +268,7 @@ void TaskBase::doNotifyFinished() {
 }
 
 void TaskBase::doNotifyCancelled() {
-    QZ_FUTURE_TRACE(logger());
+    QZ_FUTURE_TRACE_OF(logger(), "task", serial_);
     {
         foundation::core::sync::LockGuard lock(mutex_);
         setFinishTime();
