@@ -20,7 +20,7 @@
 #include <mpipool/FunctionRegistry.hpp>
 #include <mpipool/MpiPool.hpp>
 
-#include <localpool/LanguageClasses.hpp>
+#include <executor/LanguageClasses.hpp>
 #include <parallel/language/future/AfterAllFuture.hpp>
 #include <parallel/language/future/FutureBase.hpp>
 #include <parallel/language/future/Module.hpp>
@@ -219,20 +219,20 @@ int main(int argc, char** argv) {
     }
     const auto interpreter = kvm::KVM::create();
     KVInitialize_libqzparallellanguagefuture();
-    localpool::registerLanguageClasses();
+    executor::registerLanguageClasses();
     try {
         auto pool = std::make_shared<mpipool::MpiPool>(cluster);
         std::cout << "A cluster pool of " << pool->getNumWorkers()
                   << " worker processes; client on " << hostName() << '\n';
-        localpool::setLanguagePool(pool);
+        executor::setLanguagePool(pool);
         const Futures f = evaluateAsTheyArrive();
         cancelALongOne(*pool);
         totalWithAfterAll(f);
         askEveryWorker();
         estimatePi(*pool);
-        localpool::setLanguagePool(nullptr);
+        executor::setLanguagePool(nullptr);
     } catch (const std::exception& error) {
-        localpool::setLanguagePool(nullptr);
+        executor::setLanguagePool(nullptr);
         std::cout << "The example stopped on an error: " << error.what() << '\n';
         return 1;
     }

@@ -27,13 +27,13 @@
 #include <parallel/language/future/TimelineRecorder.hpp>
 
 #include <Veldspire/KException/KExceptionEnvelope.hpp>
+#include <executor/LanguageClasses.hpp>
 #include <foundation/core/except/Exception.hpp>
 #include <foundation/core/str/Utf.hpp>
 #include <foundation/log/configuration.hpp>
 #include <kcos/Language.hpp>
 #include <kcos/array.hpp>
 #include <kvm/KVM.hpp>
-#include <localpool/LanguageClasses.hpp>
 #include <localpool/LocalPool.hpp>
 #include <matrix/dvArray.hpp>
 
@@ -443,8 +443,8 @@ int main(int argc, char** argv) {
         traces.emplace(std::cerr);
     }
     KVInitialize_libqzparallellanguagefuture();
-    localpool::registerLanguageClasses();
-    localpool::setLanguagePool(std::make_shared<localpool::LocalPool>(4));
+    executor::registerLanguageClasses();
+    executor::setLanguagePool(std::make_shared<localpool::LocalPool>(4));
 
     // What the language does.
     const auto error = tryCatch([&] {
@@ -459,7 +459,7 @@ int main(int argc, char** argv) {
         made.push_back(onEveryWorker());
         finishRun(made, timeline, timelineFolder);
     });
-    localpool::setLanguagePool(nullptr);
+    executor::setLanguagePool(nullptr);
     if (error) {
         std::cout << "The demo stopped on an error:\n";
         printError(*error);

@@ -31,7 +31,7 @@ const std::unordered_map<std::string_view, std::u16string_view>& catalogue() {
          u"One or more futures resulted in an error. See the causes for details."},
         {"KORVEX:parallel:future:EvaluationClassesNotRegistered",
          u"Cannot start an evaluation: no executor has registered the classes that start "
-         u"evaluations. Call localpool::registerLanguageClasses() once before the first "
+         u"evaluations. Call executor::registerLanguageClasses() once before the first "
          u"parallel.FevalFuture or parallel.FevalOnAllFuture."},
         {"KORVEX:parallel:future:FailedToInterpretState",
          u"Unable to interpret the state to wait for. Use \"running\" or \"finished\"."},
@@ -128,10 +128,10 @@ const std::unordered_map<std::string_view, std::u16string_view>& catalogue() {
         {"KORVEX:executor:PinnedTaskCount",
          u"One task per worker is pinned to the workers: {0} tasks for {1} workers."},
         // The local pool's language classes.
-        {"KORVEX:localpool:NoPool", u"No pool is open to run the evaluation on."},
-        {"KORVEX:localpool:InvalidNumOutputs",
+        {"KORVEX:executor:NoPool", u"No pool is open to run the evaluation on."},
+        {"KORVEX:executor:InvalidNumOutputs",
          u"The number of outputs must be a whole, non-negative double scalar."},
-        {"KORVEX:localpool:InvalidArgument", u"Invalid argument to the pool's queue."},
+        {"KORVEX:executor:InvalidArgument", u"Invalid argument to the pool's queue."},
         // The cluster pool.
         {"KORVEX:mpipool:UnregisteredFunction",
          u"The function '{0}' is not registered for the cluster. Register it with "

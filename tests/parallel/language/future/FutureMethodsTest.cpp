@@ -4,7 +4,8 @@
 // errors the language sees for bad arguments.
 #include "support/ContinuationSupport.hpp"
 
-#include <localpool/LanguageClasses.hpp>
+#include <executor/LanguageClasses.hpp>
+#include <localpool/LocalPool.hpp>
 
 #include <Veldspire/String/String.hpp>
 
@@ -468,11 +469,11 @@ TEST_F(FutureMethods, ContinuationsRunOnTheInterpreterThreadAndAreFetched) {
 }
 
 TEST_F(FutureMethods, EvaluationsOnAPoolDrainedFollowedAndWaitedFor) {
-    localpool::registerLanguageClasses();
+    executor::registerLanguageClasses();
     struct LanguagePool {
         std::shared_ptr<localpool::LocalPool> pool = std::make_shared<localpool::LocalPool>(3);
-        LanguagePool() { localpool::setLanguagePool(pool); }
-        ~LanguagePool() { localpool::setLanguagePool(nullptr); }
+        LanguagePool() { executor::setLanguagePool(pool); }
+        ~LanguagePool() { executor::setLanguagePool(nullptr); }
     } languagePool;
     const Array square = functionHandle("square", squareOf);
     std::vector<matrix::unique_dvArray> constructed;

@@ -5,7 +5,8 @@
 // test tasks (FuturePropertiesTest.cpp).
 #include "support/LanguageTestSupport.hpp"
 
-#include <localpool/LanguageClasses.hpp>
+#include <executor/LanguageClasses.hpp>
+#include <localpool/LocalPool.hpp>
 #include <support/ErrorIds.hpp>
 
 namespace parallel::language::future {
@@ -18,10 +19,10 @@ using Array = boost::intrusive_ptr<dvArray>;
 class LanguageScenario : public LanguageTest {
 protected:
     LanguageScenario() {
-        localpool::registerLanguageClasses();
-        localpool::setLanguagePool(pool);
+        executor::registerLanguageClasses();
+        executor::setLanguagePool(pool);
     }
-    ~LanguageScenario() override { localpool::setLanguagePool(nullptr); }
+    ~LanguageScenario() override { executor::setLanguagePool(nullptr); }
 
     static bool waitFor(const dvArray* objects, FutureState state) {
         return FutureBase::wait(FutureBase::fromKorvexArray(objects), state, kGenerous);
@@ -56,15 +57,15 @@ TEST_F(LanguageScenario, BadArgumentsToTheConstructorsAreRefused) {
         return thrownBy([&] { construct("parallel.FevalFuture", std::move(args)); });
     };
     EXPECT_EQ(feval({scalar(1), scalar(1)}), "KORVEX:executor:InvalidFunction");
-    EXPECT_EQ(feval({noop, scalar(-1)}), "KORVEX:localpool:InvalidNumOutputs");
-    EXPECT_EQ(feval({noop, scalar(1.5)}), "KORVEX:localpool:InvalidNumOutputs");
+    EXPECT_EQ(feval({noop, scalar(-1)}), "KORVEX:executor:InvalidNumOutputs");
+    EXPECT_EQ(feval({noop, scalar(1.5)}), "KORVEX:executor:InvalidNumOutputs");
     EXPECT_EQ(feval({noop}), "KORVEX:minrhs");
     EXPECT_EQ(thrownBy([&] {
                   construct("parallel.AfterAllFuture", {noop, scalar(0)});
               }),
               "KORVEX:maxrhs"); // continuations are not built by the constructor
-    localpool::setLanguagePool(nullptr);
-    EXPECT_EQ(feval({noop, scalar(0)}), "KORVEX:localpool:NoPool");
+    executor::setLanguagePool(nullptr);
+    EXPECT_EQ(feval({noop, scalar(0)}), "KORVEX:executor:NoPool");
 }
 
 TEST_F(LanguageScenario, FuturesHandedToAQueueAreListedThere) {

@@ -12,7 +12,8 @@
 // continuations is made and dropped.
 #include "support/MethodFuzzChecks.hpp"
 
-#include <localpool/LanguageClasses.hpp>
+#include <executor/LanguageClasses.hpp>
+#include <localpool/LocalPool.hpp>
 
 #include <kvm/KVM.hpp>
 
@@ -26,10 +27,10 @@ using namespace fuzz;
 class MethodFuzz : public testing::LanguageTest {
 protected:
     MethodFuzz() {
-        localpool::registerLanguageClasses();
-        localpool::setLanguagePool(std::make_shared<localpool::LocalPool>(2));
+        executor::registerLanguageClasses();
+        executor::setLanguagePool(std::make_shared<localpool::LocalPool>(2));
     }
-    ~MethodFuzz() override { localpool::setLanguagePool(nullptr); }
+    ~MethodFuzz() override { executor::setLanguagePool(nullptr); }
 };
 
 TEST_F(MethodFuzz, EveryCallSucceedsOrRaisesALanguageError) {

@@ -1,7 +1,8 @@
 #pragma once
 
-// The language side of the local pool: the classes through which language
-// code starts evaluations on it.
+// The language side of the executors: the classes through which language
+// code starts evaluations on the pool set with setLanguagePool. Every
+// executor links them (qzexecutor).
 //
 //   "parallel.internal.queue.FutureCreation"
 //       static "buildFutures"(fcn, numOutputs, args...): one evaluation, as a
@@ -19,20 +20,19 @@
 // the local pool or a cluster pool. Interpreter thread, except where noted.
 
 #include <executor/Executor.hpp>
-#include <localpool/LocalPool.hpp>
 
 #include <memory>
 
-namespace localpool {
+namespace executor {
 
 // Registers both classes, once per process. Needs the module
 // libqzparallellanguagefuture initialised to build futures. Any thread.
 void registerLanguageClasses();
 
 // The pool that language code runs evaluations on; null stops evaluations
-// ("KORVEX:localpool:NoPool"). A std::shared_ptr to any pool converts.
+// ("KORVEX:executor:NoPool"). A std::shared_ptr to any pool converts.
 // Any thread.
 void setLanguagePool(std::shared_ptr<executor::Executor> pool);
 std::shared_ptr<executor::Executor> getLanguagePool();
 
-} // namespace localpool
+} // namespace executor

@@ -1,10 +1,9 @@
 // The language classes of the local pool: "FutureCreation" builds futures on
 // the language pool, "FevalQueue" is the pool's queue as a language object.
 
-#include <localpool/LanguageClasses.hpp>
+#include <executor/LanguageClasses.hpp>
 
-#include "PoolErrors.hpp"
-
+#include <executor/ExecutorErrors.hpp>
 #include <executor/Submission.hpp>
 #include <parallel/language/future/FutureBase.hpp>
 
@@ -20,7 +19,7 @@
 #include <span>
 #include <vector>
 
-namespace localpool {
+namespace executor {
 
 namespace {
 
@@ -223,4 +222,4 @@ std::shared_ptr<executor::Executor> getLanguagePool() {
     return gPool;
 }
 
-} // namespace localpool
+} // namespace executor
