@@ -3,7 +3,6 @@
 #include <parallel/language/future/ContinuationTask.hpp>
 
 #include <parallel/language/future/FutureErrors.hpp>
-#include <parallel/language/future/MultiEventPromise.hpp>
 
 #include "Concatenation.hpp"
 #include "ErrorConversion.hpp"
@@ -17,7 +16,9 @@
 #include <boost/function.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <limits>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -200,6 +201,38 @@ DvArrayVector argumentOfFutures(const std::vector<std::shared_ptr<FutureBase>>& 
     return {boost::intrusive_ptr<dvArray>(matrix::to_korvex(std::move(array)), false)};
 }
 
+// Makes the held-back request ready once every predecessor has finished:
+// with one predecessor straight from its finish, with several when a shared
+// countdown reaches zero (acq_rel: the last decrement sees every earlier
+// predecessor's finish). Interpreter thread; the callbacks run on the thread
+// that finishes each predecessor.
+void releaseWhenAllFinished(const std::vector<std::shared_ptr<FutureBase>>& predecessors,
+                            boost::shared_ptr<kvm::TaskReference> reference) {
+    if (predecessors.size() == 1) {
+        predecessors.front()->afterFinishThen(boost::launch::sync, [reference] {
+            if (reference) {
+                reference->setReadyToExecute();
+            }
+        });
+        return;
+    }
+    struct Countdown {
+        std::atomic<std::size_t> remaining;
+        boost::shared_ptr<kvm::TaskReference> reference;
+    };
+    const auto countdown = std::make_shared<Countdown>();
+    countdown->remaining.store(predecessors.size(), std::memory_order_relaxed);
+    countdown->reference = std::move(reference);
+    for (const auto& predecessor : predecessors) {
+        predecessor->afterFinishThen(boost::launch::sync, [countdown] {
+            if (countdown->remaining.fetch_sub(1, std::memory_order_acq_rel) == 1 &&
+                countdown->reference) {
+                countdown->reference->setReadyToExecute();
+            }
+        });
+    }
+}
+
 } // namespace
 
 // The work item of a continuation, run by the command distributor on the
@@ -249,6 +282,46 @@ private:
     }
 };
 
+// Receives the result of a continuation's request and then reports the task
+// Finished, in the thread that completes the request (at once inside the
+// submission when there is no distributor). A delegate dropped without a
+// result, its request never completed, breaks the request future first and
+// then reports Finished, so that a reader of the task never finds it Finished
+// with the request future pending. Holds the task until then.
+class FinishingDelegate final : public cmddistributor::PromiseDelegate {
+public:
+    explicit FinishingDelegate(std::shared_ptr<ContinuationTask> task) : task_(std::move(task)) {}
+
+    ~FinishingDelegate() override {
+        if (!delivered_) {
+            result_.reset();
+            notifyFinished();
+        }
+    }
+
+    kvm::Future<ContinuationTask::RequestResult> getFuture() { return result_->getFuture(); }
+
+    void deliver(const cmddistributor::IIPResult* result) override {
+        result_->deliver(result);
+        delivered_ = true;
+        notifyFinished();
+    }
+
+private:
+    void notifyFinished() noexcept {
+        try {
+            task_->doNotifyFinished();
+        } catch (...) {
+            // The finish callbacks' failures reach nobody.
+        }
+    }
+
+    std::optional<cmddistributor::PromiseDelegateT<ContinuationTask::RequestResult>> result_{
+        std::in_place};
+    std::shared_ptr<ContinuationTask> task_;
+    bool delivered_ = false; // the distributor delivers once, before dropping the delegate
+};
+
 ContinuationTask::ContinuationTask(Token) {}
 
 ContinuationTask::~ContinuationTask() = default;
@@ -275,39 +348,22 @@ ContinuationTask::build(boost::intrusive_ptr<dvArray> function, std::size_t numO
                           std::move(predecessorSize),
                           passFuture};
 
-    cmddistributor::RunOptions options(nullptr,
-                                       boost::make_shared<std::basic_stringbuf<char16_t>>(),
-                                       cmddistributor::RunOptions::getDefaultSinkTraits(),
-                                       cmddistributor::RunOptions::getDefaultSinkTraits());
+    // Default sinks: printed output reaches the console as any other, and a
+    // failure's message is not written anywhere (the task keeps the error).
+    cmddistributor::RunOptions options(cmddistributor::WhenToDequeue::AtDequeuePoint,
+                                       detail::kParallelQueueName);
     options.setReadyToExecute(false);
-    options.setDequeueMode(cmddistributor::WhenToDequeue::AtDequeuePoint);
-    options.setQueueName(detail::kParallelQueueName);
 
     task->doNotifyQueued();
-    detail::Submission<RequestResult> submission = detail::submitToInterpreter<RequestResult>(
+    auto delegate = boost::make_shared<FinishingDelegate>(task);
+    task->requestFuture_ = delegate->getFuture();
+    boost::shared_ptr<kvm::TaskReference> reference = detail::submitToInterpreter<RequestResult>(
         interpreter, boost::function<RequestResult()>(std::move(work)), std::move(options),
-        kvm::detail::createID(), detail::kContinuationTaskSource);
-    task->requestFuture_ = std::move(submission.result);
-    task->taskReference_ = submission.reference;
-
-    task->requestFuture_.then(boost::launch::sync, [task](boost::shared_future<RequestResult>) {
-        task->doNotifyFinished();
-    });
+        kvm::detail::createID(), detail::kContinuationTaskSource, std::move(delegate));
+    task->taskReference_ = reference;
 
     try {
-        auto allFinished =
-            std::make_shared<MultiEventPromise>(MultiEventPromise::All, predecessors.size());
-        for (const auto& predecessor : predecessors) {
-            predecessor->afterFinishThen(boost::launch::sync,
-                                         [allFinished] { allFinished->setOne(); });
-        }
-        allFinished->getFuture().then(
-            boost::launch::sync,
-            [reference = std::move(submission.reference)](boost::future<void>) {
-                if (reference) {
-                    reference->setReadyToExecute();
-                }
-            });
+        releaseWhenAllFinished(predecessors, std::move(reference));
     } catch (...) {
         // A predecessor that cannot report its finish: the continuation
         // would never run. Withdraw it.

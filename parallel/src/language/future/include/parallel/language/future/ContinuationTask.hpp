@@ -17,6 +17,7 @@
 namespace parallel::language::future {
 
 struct ContinuationWork;
+class FinishingDelegate;
 
 // The task of a continuation: a language function run once on the
 // interpreter's own thread after its predecessor futures have finished, on
@@ -69,6 +70,7 @@ public:
 
 private:
     friend struct ContinuationWork;
+    friend class FinishingDelegate;
 
     // Cancels the request unless it has started running.
     void doCancel() override;
