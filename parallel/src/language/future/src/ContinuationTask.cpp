@@ -118,12 +118,25 @@ struct DvArrayDeleter {
 };
 
 using OwnedDvArray = std::unique_ptr<dvArray, DvArrayDeleter>;
-using SharedOwnedDvArray = std::shared_ptr<OwnedDvArray>;
 
-SharedOwnedDvArray ownForInterpreter(matrix::unique_dvArray array,
-                                     kvutil::contextmgr::KcrID kcrID) {
-    return std::make_shared<OwnedDvArray>(matrix::to_korvex(std::move(array)),
-                                          DvArrayDeleter{true, releaseArray, kcrID});
+// The host arrays a continuation's work item holds (one block for both),
+// released under the interpreter's rules. Copies of the work item share it.
+struct WorkArrays {
+    OwnedDvArray function;
+    OwnedDvArray predecessors;
+};
+
+OwnedDvArray ownForInterpreter(dvArray* array, kvutil::contextmgr::KcrID kcrID) {
+    return OwnedDvArray(array, DvArrayDeleter{true, releaseArray, kcrID});
+}
+
+// A reference to `function` the work item may own: the function handle
+// itself (immutable, so shared as it is), any other array a shared copy.
+dvArray* referenceForWork(boost::intrusive_ptr<dvArray> function) {
+    if (dvGetClassID(function.get()) == matrix::ClassID::FunctionHandle) {
+        return function.detach();
+    }
+    return matrix::to_korvex(matrix::detail::do_shared_copy(function.get()));
 }
 
 // The IDs of the failed predecessors, joined by "," (no spaces).
@@ -239,17 +252,16 @@ void releaseWhenAllFinished(const std::vector<std::shared_ptr<FutureBase>>& pred
 // interpreter thread. Copies share the owned arrays.
 struct ContinuationWork {
     std::shared_ptr<ContinuationTask> task;
-    SharedOwnedDvArray function;
+    std::shared_ptr<WorkArrays> arrays;
     std::size_t numOutputs;
-    SharedOwnedDvArray predecessors;
     std::vector<std::size_t> predecessorSize;
     bool passFuture;
 
     ContinuationTask::RequestResult operator()() const {
         // Once the work has run, successfully or not, the arrays go.
         const std::shared_ptr<void> releaseArrays(nullptr, [this](void*) {
-            function->reset();
-            predecessors->reset();
+            arrays->function.reset();
+            arrays->predecessors.reset();
         });
         try {
             return run();
@@ -262,7 +274,7 @@ struct ContinuationWork {
 private:
     ContinuationTask::RequestResult run() const {
         const std::vector<std::shared_ptr<FutureBase>> futures =
-            FutureBase::fromKorvexArray(predecessors->get());
+            FutureBase::fromKorvexArray(arrays->predecessors.get());
         DvArrayVector arguments = passFuture ? argumentOfFutures(futures, predecessorSize)
                                              : argumentsFromOutputs(futures);
         {
@@ -272,7 +284,8 @@ private:
         task->doNotifyRunning();
         // Nothing is sized by the requested count before the function has
         // given that many outputs: a count from the language allocates nothing.
-        DvArrayVector outputs = dvInvokeFunctionHandle(function->get(), numOutputs, arguments);
+        DvArrayVector outputs =
+            dvInvokeFunctionHandle(arrays->function.get(), numOutputs, arguments);
         const std::size_t produced = outputs.size();
         {
             foundation::core::sync::LockGuard lock(task->mutex_);
@@ -282,33 +295,44 @@ private:
     }
 };
 
-// Receives the result of a continuation's request and then reports the task
-// Finished, in the thread that completes the request (at once inside the
-// submission when there is no distributor). A delegate dropped without a
-// result, its request never completed, breaks the request future first and
-// then reports Finished, so that a reader of the task never finds it Finished
-// with the request future pending. Holds the task until then.
+// Receives the result of a continuation's request, keeps its error in the
+// task and then reports the task Finished, in the thread that completes the
+// request (at once inside the submission when there is no distributor). A
+// delegate dropped without a result, its request never completed, keeps
+// boost::broken_promise as the error. Holds the task until then.
 class FinishingDelegate final : public cmddistributor::PromiseDelegate {
 public:
     explicit FinishingDelegate(std::shared_ptr<ContinuationTask> task) : task_(std::move(task)) {}
 
     ~FinishingDelegate() override {
         if (!delivered_) {
-            result_.reset();
-            notifyFinished();
+            finish(std::make_exception_ptr(boost::broken_promise()));
         }
     }
 
-    kvm::Future<ContinuationTask::RequestResult> getFuture() { return result_->getFuture(); }
-
     void deliver(const cmddistributor::IIPResult* result) override {
-        result_->deliver(result);
+        cmddistributor::detail::requireResult(result);
         delivered_ = true;
-        notifyFinished();
+        finish(errorOf(*result));
     }
 
 private:
-    void notifyFinished() noexcept {
+    // The error a result stands for; none for the work's own result.
+    static std::exception_ptr errorOf(const cmddistributor::IIPResult& result) {
+        if (result.executionStatus != cmddistributor::Completed) {
+            return cmddistributor::detail::errorOf(result);
+        }
+        if (boost::any_cast<ContinuationTask::RequestResult>(&result.value) == nullptr) {
+            return std::make_exception_ptr(boost::bad_any_cast());
+        }
+        return nullptr;
+    }
+
+    void finish(std::exception_ptr error) noexcept {
+        {
+            foundation::core::sync::LockGuard lock(task_->mutex_);
+            task_->requestError_ = std::move(error);
+        }
         try {
             task_->doNotifyFinished();
         } catch (...) {
@@ -316,8 +340,6 @@ private:
         }
     }
 
-    std::optional<cmddistributor::PromiseDelegateT<ContinuationTask::RequestResult>> result_{
-        std::in_place};
     std::shared_ptr<ContinuationTask> task_;
     bool delivered_ = false; // the distributor delivers once, before dropping the delegate
 };
@@ -328,7 +350,7 @@ ContinuationTask::~ContinuationTask() = default;
 
 std::shared_ptr<ContinuationTask>
 ContinuationTask::build(boost::intrusive_ptr<dvArray> function, std::size_t numOutputs,
-                        std::vector<std::shared_ptr<FutureBase>> predecessors,
+                        const std::vector<std::shared_ptr<FutureBase>>& predecessors,
                         std::vector<std::size_t> predecessorSize, bool passFuture) {
     if (!function) {
         throw std::invalid_argument("A continuation needs a function.");
@@ -341,11 +363,10 @@ ContinuationTask::build(boost::intrusive_ptr<dvArray> function, std::size_t numO
         interpreter ? interpreter->getID() : kvutil::contextmgr::UndefinedKcrID;
     auto task = std::make_shared<ContinuationTask>(Token{});
 
-    ContinuationWork work{task,
-                          ownForInterpreter(matrix::detail::do_shared_copy(function.get()), kcrID),
-                          numOutputs,
-                          ownForInterpreter(FutureBase::toKorvexArray(predecessors, {}), kcrID),
-                          std::move(predecessorSize),
+    auto arrays = std::make_shared<WorkArrays>(WorkArrays{
+        ownForInterpreter(referenceForWork(std::move(function)), kcrID),
+        ownForInterpreter(matrix::to_korvex(FutureBase::toKorvexArray(predecessors, {})), kcrID)});
+    ContinuationWork work{task, std::move(arrays), numOutputs, std::move(predecessorSize),
                           passFuture};
 
     // Default sinks: printed output reaches the console as any other, and a
@@ -356,7 +377,6 @@ ContinuationTask::build(boost::intrusive_ptr<dvArray> function, std::size_t numO
 
     task->doNotifyQueued();
     auto delegate = boost::make_shared<FinishingDelegate>(task);
-    task->requestFuture_ = delegate->getFuture();
     boost::shared_ptr<kvm::TaskReference> reference = detail::submitToInterpreter<RequestResult>(
         interpreter, boost::function<RequestResult()>(std::move(work)), std::move(options),
         kvm::detail::createID(), detail::kContinuationTaskSource, std::move(delegate));
@@ -392,7 +412,14 @@ OutputsOrError ContinuationTask::doGetOutputsOrError() {
         return OutputsOrError(std::make_exception_ptr(errors::ExecutionCancelled()));
     };
     try {
-        requestFuture_.get();
+        std::exception_ptr requestError;
+        {
+            foundation::core::sync::LockGuard lock(mutex_);
+            requestError = requestError_;
+        }
+        if (requestError) {
+            std::rethrow_exception(requestError);
+        }
     } catch (const cmddistributor::RuntimeException& error) {
         if (error.getExecutionStatus() == cmddistributor::Cancelled) {
             return cancelled();

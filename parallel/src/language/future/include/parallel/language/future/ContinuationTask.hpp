@@ -11,6 +11,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include <cstddef>
+#include <exception>
 #include <memory>
 #include <vector>
 
@@ -37,11 +38,14 @@ class FinishingDelegate;
 // is the task's error, read through getOutputsOrError.
 //
 // Ownership: made and held through std::shared_ptr by build only; the command
-// distributor holds the work item, and with it the task, until the request is
-// done. The task holds its request weakly (through the task reference).
+// distributor holds the work item and the request's delegate, and with them
+// the task, until the request is done; the delegate stores the request's
+// error in the task before it reports Finished. The task holds its request
+// weakly (through the task reference).
 //
 // Threads: build on the interpreter thread. The task's own mutex guards the
-// input arguments and the outputs only; state and times are TaskBase's.
+// input arguments, the outputs and the request's error only; state and times
+// are TaskBase's.
 class QZ_FUTURE_API ContinuationTask : public TaskBase {
     struct Token {};
 
@@ -58,7 +62,7 @@ public:
     // function or no predecessors. Interpreter thread.
     static std::shared_ptr<ContinuationTask>
     build(boost::intrusive_ptr<dvArray> function, std::size_t numOutputs,
-          std::vector<std::shared_ptr<FutureBase>> predecessors,
+          const std::vector<std::shared_ptr<FutureBase>>& predecessors,
           std::vector<std::size_t> predecessorSize, bool passFuture);
 
     explicit ContinuationTask(Token);
@@ -83,8 +87,8 @@ private:
     foundation::core::sync::Mutex mutex_;
     DvArrayVector inputArguments_ QZ_GUARDED_BY(mutex_);
     DvArrayVector outputs_ QZ_GUARDED_BY(mutex_);
-    kvm::SharedFuture<RequestResult> requestFuture_;
-    boost::shared_ptr<kvm::TaskReference> taskReference_; // null until submitted
+    std::exception_ptr requestError_ QZ_GUARDED_BY(mutex_); // the request's, once Finished
+    boost::shared_ptr<kvm::TaskReference> taskReference_;   // null until submitted
 };
 
 } // namespace parallel::language::future
