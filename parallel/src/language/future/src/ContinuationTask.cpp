@@ -117,19 +117,6 @@ struct DvArrayDeleter {
     }
 };
 
-using OwnedDvArray = std::unique_ptr<dvArray, DvArrayDeleter>;
-
-// The host arrays a continuation's work item holds (one block for both),
-// released under the interpreter's rules. Copies of the work item share it.
-struct WorkArrays {
-    OwnedDvArray function;
-    OwnedDvArray predecessors;
-};
-
-OwnedDvArray ownForInterpreter(dvArray* array, kvutil::contextmgr::KcrID kcrID) {
-    return OwnedDvArray(array, DvArrayDeleter{true, releaseArray, kcrID});
-}
-
 // A reference to `function` the work item may own: the function handle
 // itself (immutable, so shared as it is), any other array a shared copy.
 dvArray* referenceForWork(boost::intrusive_ptr<dvArray> function) {
@@ -248,25 +235,28 @@ void releaseWhenAllFinished(const std::vector<std::shared_ptr<FutureBase>>& pred
 
 } // namespace
 
+void ContinuationTask::InterpreterArrayRelease::operator()(dvArray* array) const noexcept {
+    DvArrayDeleter{true, releaseArray, kcrID}(array);
+}
+
 // The work item of a continuation, run by the command distributor on the
-// interpreter thread. Copies share the owned arrays.
+// interpreter thread; what it works on is the task's. It refers to the task
+// without owning it (small enough for the function object's own buffer): the
+// request's delegate, which the distributor holds with the work item until
+// the request is done, holds the task.
 struct ContinuationWork {
-    std::shared_ptr<ContinuationTask> task;
-    std::shared_ptr<WorkArrays> arrays;
-    std::size_t numOutputs;
-    std::vector<std::size_t> predecessorSize;
-    bool passFuture;
+    ContinuationTask* task;
 
     ContinuationTask::RequestResult operator()() const {
         // Once the work has run, successfully or not, the arrays go.
         const std::shared_ptr<void> releaseArrays(nullptr, [this](void*) {
-            arrays->function.reset();
-            arrays->predecessors.reset();
+            task->function_.reset();
+            task->predecessors_.reset();
         });
         try {
             return run();
         } catch (...) {
-            detail::timeline::onFailed(task.get());
+            detail::timeline::onFailed(task);
             throw;
         }
     }
@@ -274,9 +264,10 @@ struct ContinuationWork {
 private:
     ContinuationTask::RequestResult run() const {
         const std::vector<std::shared_ptr<FutureBase>> futures =
-            FutureBase::fromKorvexArray(arrays->predecessors.get());
-        DvArrayVector arguments = passFuture ? argumentOfFutures(futures, predecessorSize)
-                                             : argumentsFromOutputs(futures);
+            FutureBase::fromKorvexArray(task->predecessors_.get());
+        DvArrayVector arguments = task->passFuture_
+                                      ? argumentOfFutures(futures, task->predecessorSize_)
+                                      : argumentsFromOutputs(futures);
         {
             foundation::core::sync::LockGuard lock(task->mutex_);
             task->inputArguments_ = arguments;
@@ -285,7 +276,7 @@ private:
         // Nothing is sized by the requested count before the function has
         // given that many outputs: a count from the language allocates nothing.
         DvArrayVector outputs =
-            dvInvokeFunctionHandle(arrays->function.get(), numOutputs, arguments);
+            dvInvokeFunctionHandle(task->function_.get(), task->numOutputs_, arguments);
         const std::size_t produced = outputs.size();
         {
             foundation::core::sync::LockGuard lock(task->mutex_);
@@ -363,11 +354,14 @@ ContinuationTask::build(boost::intrusive_ptr<dvArray> function, std::size_t numO
         interpreter ? interpreter->getID() : kvutil::contextmgr::UndefinedKcrID;
     auto task = std::make_shared<ContinuationTask>(Token{});
 
-    auto arrays = std::make_shared<WorkArrays>(WorkArrays{
-        ownForInterpreter(referenceForWork(std::move(function)), kcrID),
-        ownForInterpreter(matrix::to_korvex(FutureBase::toKorvexArray(predecessors, {})), kcrID)});
-    ContinuationWork work{task, std::move(arrays), numOutputs, std::move(predecessorSize),
-                          passFuture};
+    task->function_ = InterpreterOwnedArray(referenceForWork(std::move(function)),
+                                            InterpreterArrayRelease{kcrID});
+    task->predecessors_ =
+        InterpreterOwnedArray(matrix::to_korvex(FutureBase::toKorvexArray(predecessors, {})),
+                              InterpreterArrayRelease{kcrID});
+    task->numOutputs_ = numOutputs;
+    task->predecessorSize_ = std::move(predecessorSize);
+    task->passFuture_ = passFuture;
 
     // Default sinks: printed output reaches the console as any other, and a
     // failure's message is not written anywhere (the task keeps the error).
@@ -378,8 +372,9 @@ ContinuationTask::build(boost::intrusive_ptr<dvArray> function, std::size_t numO
     task->doNotifyQueued();
     auto delegate = boost::make_shared<FinishingDelegate>(task);
     boost::shared_ptr<kvm::TaskReference> reference = detail::submitToInterpreter<RequestResult>(
-        interpreter, boost::function<RequestResult()>(std::move(work)), std::move(options),
-        kvm::detail::createID(), detail::kContinuationTaskSource, std::move(delegate));
+        interpreter, boost::function<RequestResult()>(ContinuationWork{task.get()}),
+        std::move(options), kvm::detail::createID(), detail::kContinuationTaskSource,
+        std::move(delegate));
     task->taskReference_ = reference;
 
     try {

@@ -38,10 +38,10 @@ class FinishingDelegate;
 // is the task's error, read through getOutputsOrError.
 //
 // Ownership: made and held through std::shared_ptr by build only; the command
-// distributor holds the work item and the request's delegate, and with them
-// the task, until the request is done; the delegate stores the request's
-// error in the task before it reports Finished. The task holds its request
-// weakly (through the task reference).
+// distributor holds the request's delegate, and with it the task, until the
+// request is done (the work item refers to the task without owning it); the
+// delegate stores the request's error in the task before it reports
+// Finished. The task holds its request weakly (through the task reference).
 //
 // Threads: build on the interpreter thread. The task's own mutex guards the
 // input arguments, the outputs and the request's error only; state and times
@@ -83,6 +83,23 @@ private:
     OutputsOrError doGetOutputsOrError() override QZ_EXCLUDES(mutex_);
     // Always empty: a continuation keeps no diary.
     std::u16string doGetDiary() override;
+
+    // Releases a host array under its interpreter's rules (posted to a
+    // blessed interpreter, otherwise under the interpreter lock). Any thread.
+    struct InterpreterArrayRelease {
+        kvutil::contextmgr::KcrID kcrID;
+        void operator()(dvArray* array) const noexcept;
+    };
+    using InterpreterOwnedArray = std::unique_ptr<dvArray, InterpreterArrayRelease>;
+
+    // What the work item works on: set by build before submission, then the
+    // interpreter thread's only; the arrays are released once it has run
+    // (or with the task, when it never runs).
+    InterpreterOwnedArray function_;
+    InterpreterOwnedArray predecessors_; // an object array of the predecessors' objects
+    std::size_t numOutputs_ = 0;
+    std::vector<std::size_t> predecessorSize_;
+    bool passFuture_ = false;
 
     foundation::core::sync::Mutex mutex_;
     DvArrayVector inputArguments_ QZ_GUARDED_BY(mutex_);
