@@ -19,7 +19,19 @@ namespace cmddistributor {
 
 namespace {
 
-const std::u16string kDefaultQueue = u"serialQueueWork";
+// The queue of requests that name none; made once, shared by all.
+const RunOptions::QueueName& defaultQueue() {
+    static const RunOptions::QueueName name =
+        std::make_shared<const std::u16string>(u"serialQueueWork");
+    return name;
+}
+
+RunOptions::QueueName shareQueueName(std::u16string name) {
+    if (name.empty()) {
+        return defaultQueue();
+    }
+    return std::make_shared<const std::u16string>(std::move(name));
+}
 
 void write(const Sink& sink, const SinkTraits& traits, const std::u16string& text) {
     if (!sink || text.empty()) {
@@ -54,10 +66,18 @@ AlreadyCancelledException::AlreadyCancelledException()
 
 RunOptions::RunOptions(Sink output, Sink error, SinkTraits outputTraits, SinkTraits errorTraits)
     : output_(std::move(output)), error_(std::move(error)), outputTraits_(outputTraits),
-      errorTraits_(errorTraits), queueName_(kDefaultQueue) {}
+      errorTraits_(errorTraits), queueName_(defaultQueue()) {}
 
 RunOptions::RunOptions(WhenToDequeue mode, std::u16string queueName)
-    : mode_(mode), queueName_(queueName.empty() ? kDefaultQueue : std::move(queueName)) {}
+    : mode_(mode), queueName_(shareQueueName(std::move(queueName))) {}
+
+RunOptions::RunOptions(WhenToDequeue mode, QueueName queueName)
+    : mode_(mode),
+      queueName_(queueName && !queueName->empty() ? std::move(queueName) : defaultQueue()) {}
+
+void RunOptions::setQueueName(std::u16string name) {
+    queueName_ = shareQueueName(std::move(name));
+}
 
 IIP::~IIP() = default;
 

@@ -53,7 +53,7 @@ void runOnInterpreter(const kvm::Target& target, std::function<void()> callback,
         submitToInterpreter<void>(
             target, boost::function<void()>(std::move(callback)),
             cmddistributor::RunOptions(cmddistributor::WhenToDequeue::AtDequeuePoint,
-                                       kParallelQueueName),
+                                       parallelQueueName()),
             kvm::detail::createID(), sourceLabel);
     } catch (...) {
         // A callback's failure reaches nobody.
@@ -366,7 +366,7 @@ ContinuationTask::build(boost::intrusive_ptr<dvArray> function, std::size_t numO
     // Default sinks: printed output reaches the console as any other, and a
     // failure's message is not written anywhere (the task keeps the error).
     cmddistributor::RunOptions options(cmddistributor::WhenToDequeue::AtDequeuePoint,
-                                       detail::kParallelQueueName);
+                                       detail::parallelQueueName());
     options.setReadyToExecute(false);
 
     task->doNotifyQueued();

@@ -22,8 +22,13 @@ inline constexpr const char* kContinuationTaskSource = "src/ContinuationTask";
 inline constexpr const char* kAfterEachFutureSource = "src/AfterEachFuture";
 inline constexpr const char* kAfterAllFutureSource = "src/AfterAllFuture";
 
-// The queue of continuations and of the callbacks that update futures.
-inline const std::u16string kParallelQueueName = u"parallel";
+// The queue of continuations and of the callbacks that update futures, one
+// name shared by all their requests. Any thread.
+inline const cmddistributor::RunOptions::QueueName& parallelQueueName() {
+    static const cmddistributor::RunOptions::QueueName name =
+        std::make_shared<const std::u16string>(u"parallel");
+    return name;
+}
 // The interpreter stream of every request of this library.
 inline constexpr cmddistributor::IqmStreamID kStreamID = -2;
 // The execution status and message of work submitted where no distributor is.
