@@ -95,21 +95,27 @@ public:
 
 class QZHOST_API RunOptions {
 public:
+    // A queue name shared by the options that use it: a submitter that
+    // names the same queue on every request keeps one and copies no string.
+    using QueueName = std::shared_ptr<const std::u16string>;
+
     // Work whose printed text goes to `output` and whose failure message
     // goes to `error` (null: the interpreter's own output). Ready, queue
     // "serialQueueWork".
     RunOptions(Sink output, Sink error, SinkTraits outputTraits, SinkTraits errorTraits);
     // Ready work in `queueName` (empty: "serialQueueWork"), default sinks.
     RunOptions(WhenToDequeue mode, std::u16string queueName);
+    // As above, the name shared as it is (null or empty: "serialQueueWork").
+    RunOptions(WhenToDequeue mode, QueueName queueName);
 
     static SinkTraits getDefaultSinkTraits() noexcept { return SinkTraits{}; }
 
     void setReadyToExecute(bool ready) noexcept { ready_ = ready; }
     bool isReadyToExecute() const noexcept { return ready_; }
     void setDequeueMode(WhenToDequeue mode) noexcept { mode_ = mode; }
-    void setQueueName(std::u16string name) { queueName_ = std::move(name); }
+    void setQueueName(std::u16string name);
     // Never empty: the default queue when none was set.
-    const std::u16string& getQueueName() const noexcept { return queueName_; }
+    const std::u16string& getQueueName() const noexcept { return *queueName_; }
     const Sink& getOutputStream() const noexcept { return output_; }
     const Sink& getErrorStream() const noexcept { return error_; }
     const SinkTraits& getOutputTraits() const noexcept { return outputTraits_; }
@@ -122,7 +128,7 @@ private:
     SinkTraits errorTraits_;
     bool ready_ = true;
     WhenToDequeue mode_ = WhenToDequeue::AtDequeuePoint;
-    std::u16string queueName_;
+    QueueName queueName_; // never null
 };
 
 // What running a request's work gave.

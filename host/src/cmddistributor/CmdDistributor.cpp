@@ -10,7 +10,8 @@
 #include <foundation/core/sync/Mutex.hpp>
 #include <iqm/Iqm.hpp>
 
-#include <map>
+#include <boost/intrusive/list.hpp>
+
 #include <optional>
 #include <unordered_map>
 #include <vector>
@@ -19,7 +20,19 @@ namespace cmddistributor {
 
 namespace {
 
-const std::u16string kDefaultQueue = u"serialQueueWork";
+// The queue of requests that name none; made once, shared by all.
+const RunOptions::QueueName& defaultQueue() {
+    static const RunOptions::QueueName name =
+        std::make_shared<const std::u16string>(u"serialQueueWork");
+    return name;
+}
+
+RunOptions::QueueName shareQueueName(std::u16string name) {
+    if (name.empty()) {
+        return defaultQueue();
+    }
+    return std::make_shared<const std::u16string>(std::move(name));
+}
 
 void write(const Sink& sink, const SinkTraits& traits, const std::u16string& text) {
     if (!sink || text.empty()) {
@@ -54,10 +67,18 @@ AlreadyCancelledException::AlreadyCancelledException()
 
 RunOptions::RunOptions(Sink output, Sink error, SinkTraits outputTraits, SinkTraits errorTraits)
     : output_(std::move(output)), error_(std::move(error)), outputTraits_(outputTraits),
-      errorTraits_(errorTraits), queueName_(kDefaultQueue) {}
+      errorTraits_(errorTraits), queueName_(defaultQueue()) {}
 
 RunOptions::RunOptions(WhenToDequeue mode, std::u16string queueName)
-    : mode_(mode), queueName_(queueName.empty() ? kDefaultQueue : std::move(queueName)) {}
+    : mode_(mode), queueName_(shareQueueName(std::move(queueName))) {}
+
+RunOptions::RunOptions(WhenToDequeue mode, QueueName queueName)
+    : mode_(mode),
+      queueName_(queueName && !queueName->empty() ? std::move(queueName) : defaultQueue()) {}
+
+void RunOptions::setQueueName(std::u16string name) {
+    queueName_ = shareQueueName(std::move(name));
+}
 
 IIP::~IIP() = default;
 
@@ -117,7 +138,10 @@ constexpr int kRejected = -1;
 } // namespace
 
 struct CmdDistributor::Impl {
-    struct Entry {
+    // A request and its state. While live (registered, not yet Done) an
+    // entry is linked into the live list and owns itself through `self`:
+    // retiring it unlinks it and hands that reference back.
+    struct Entry : boost::intrusive::list_base_hook<> {
         boost::shared_ptr<CmdRequest> request;
         boost::shared_ptr<PromiseDelegate> delegate;
         RunOptions options;
@@ -125,8 +149,10 @@ struct CmdDistributor::Impl {
         // Guarded by the distributor's mutex once the entry is registered.
         Stage stage;
         std::vector<std::function<void()>> continuations;
+        std::shared_ptr<Entry> self; // while live
     };
     using EntryPtr = std::shared_ptr<Entry>;
+    using LiveList = boost::intrusive::list<Entry, boost::intrusive::constant_time_size<false>>;
 
     Impl(kvutil::contextmgr::KcrID id, std::shared_ptr<iqm::Iqm> manager)
         : kcrID(id), queueManager(std::move(manager)) {}
@@ -135,7 +161,7 @@ struct CmdDistributor::Impl {
     const std::shared_ptr<iqm::Iqm> queueManager;
     Mutex mutex;
     bool shutDown QZ_GUARDED_BY(mutex) = false;
-    std::map<const Entry*, EntryPtr> live QZ_GUARDED_BY(mutex);   // every request not yet Done
+    LiveList live QZ_GUARDED_BY(mutex);                           // every request not yet Done
     std::unordered_map<IDType, Entry*> byID QZ_GUARDED_BY(mutex); // those with an ID
 
     // Marks `entry` Done and forgets it. Called with the mutex held, by a
@@ -147,8 +173,15 @@ struct CmdDistributor::Impl {
             byID.erase(entry.id);
         }
         std::vector<std::function<void()>> continuations = std::move(entry.continuations);
-        live.erase(&entry);
+        unlink(entry);
         return continuations;
+    }
+
+    // Takes `entry` off the live list; the caller holds its own EntryPtr.
+    // Called with the mutex held.
+    void unlink(Entry& entry) QZ_REQUIRES(mutex) {
+        live.erase(live.iterator_to(entry));
+        entry.self.reset();
     }
 
     // Hands `result` to the delegate, then runs the continuations. Without
@@ -261,12 +294,14 @@ void CmdDistributor::submit(boost::shared_ptr<CmdRequest> request,
         throw std::invalid_argument("delegate cannot be null.");
     }
     const bool ready = options.isReadyToExecute();
-    auto entry = std::make_shared<Impl::Entry>(Impl::Entry{std::move(request),
+    auto entry = std::make_shared<Impl::Entry>(Impl::Entry{{},
+                                                           std::move(request),
                                                            std::move(delegate),
                                                            std::move(options),
                                                            id,
                                                            ready ? Stage::Queued : Stage::Held,
-                                                           {}});
+                                                           {},
+                                                           nullptr}); // linked when registered
     bool rejected = false;
     {
         LockGuard lock(impl_->mutex);
@@ -275,7 +310,8 @@ void CmdDistributor::submit(boost::shared_ptr<CmdRequest> request,
             if ((id == IDType{} && !ready) || (id != IDType{} && impl_->byID.count(id) != 0)) {
                 throw std::invalid_argument("request ID is missing or in use.");
             }
-            impl_->live.emplace(entry.get(), entry);
+            entry->self = entry;
+            impl_->live.push_back(*entry);
             if (id != IDType{}) {
                 impl_->byID.emplace(id, entry.get());
             }
@@ -302,7 +338,7 @@ void CmdDistributor::setReadyToExecute(IDType id) {
             return;
         }
         held->stage = Stage::Queued;
-        entry = impl_->live.at(held);
+        entry = held->self;
     }
     impl_->enqueue(entry, weak_from_this());
 }
@@ -319,7 +355,7 @@ CancelStatus CmdDistributor::cancel(IDType id) {
         if (found->stage == Stage::Running) {
             return CancelStatus::Running;
         }
-        entry = impl_->live.at(found);
+        entry = found->self;
         continuations = impl_->retire(*found);
     }
     Impl::complete(entry, Impl::cancelledResult(), std::move(continuations));
@@ -348,14 +384,16 @@ void CmdDistributor::shutdown() {
         }
     }
     std::vector<std::pair<Impl::EntryPtr, std::vector<std::function<void()>>>> cancelled;
+    std::vector<Impl::EntryPtr> running; // dropped here, without the mutex
     {
         LockGuard lock(impl_->mutex);
         impl_->shutDown = true;
         while (!impl_->live.empty()) {
-            Impl::EntryPtr entry = impl_->live.begin()->second;
+            Impl::EntryPtr entry = impl_->live.front().self;
             if (entry->stage == Stage::Running) {
                 // Completes on the interpreter thread when its work returns.
-                impl_->live.erase(impl_->live.begin());
+                impl_->unlink(*entry);
+                running.push_back(std::move(entry));
                 continue;
             }
             auto continuations = impl_->retire(*entry);

@@ -17,10 +17,15 @@ AfterEachFuture::build(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray>
                        std::vector<std::size_t> /*predecessorSize*/, bool passFuture) {
     std::vector<std::shared_ptr<ContinuationTask>> continuations;
     continuations.reserve(predecessors.size());
+    // Each continuation gets its own predecessor as a scalar; the shape
+    // matters only to a function that receives the future itself.
+    const auto shapeOfOne = [passFuture] {
+        return passFuture ? std::vector<std::size_t>{1, 1} : std::vector<std::size_t>{};
+    };
     try {
         for (const auto& predecessor : predecessors) {
-            continuations.push_back(
-                ContinuationTask::build(function, numOutputs, {predecessor}, {1, 1}, passFuture));
+            continuations.push_back(ContinuationTask::build(function, numOutputs, {predecessor},
+                                                            shapeOfOne(), passFuture));
         }
     } catch (...) {
         // A predecessor refused its continuation: the call fails as a whole,

@@ -3,7 +3,6 @@
 #include <parallel/language/future/ContinuationTask.hpp>
 
 #include <parallel/language/future/FutureErrors.hpp>
-#include <parallel/language/future/MultiEventPromise.hpp>
 
 #include "Concatenation.hpp"
 #include "ErrorConversion.hpp"
@@ -17,7 +16,9 @@
 #include <boost/function.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <limits>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -52,7 +53,7 @@ void runOnInterpreter(const kvm::Target& target, std::function<void()> callback,
         submitToInterpreter<void>(
             target, boost::function<void()>(std::move(callback)),
             cmddistributor::RunOptions(cmddistributor::WhenToDequeue::AtDequeuePoint,
-                                       kParallelQueueName),
+                                       parallelQueueName()),
             kvm::detail::createID(), sourceLabel);
     } catch (...) {
         // A callback's failure reaches nobody.
@@ -116,13 +117,13 @@ struct DvArrayDeleter {
     }
 };
 
-using OwnedDvArray = std::unique_ptr<dvArray, DvArrayDeleter>;
-using SharedOwnedDvArray = std::shared_ptr<OwnedDvArray>;
-
-SharedOwnedDvArray ownForInterpreter(matrix::unique_dvArray array,
-                                     kvutil::contextmgr::KcrID kcrID) {
-    return std::make_shared<OwnedDvArray>(matrix::to_korvex(std::move(array)),
-                                          DvArrayDeleter{true, releaseArray, kcrID});
+// A reference to `function` the work item may own: the function handle
+// itself (immutable, so shared as it is), any other array a shared copy.
+dvArray* referenceForWork(boost::intrusive_ptr<dvArray> function) {
+    if (dvGetClassID(function.get()) == matrix::ClassID::FunctionHandle) {
+        return function.detach();
+    }
+    return matrix::to_korvex(matrix::detail::do_shared_copy(function.get()));
 }
 
 // The IDs of the failed predecessors, joined by "," (no spaces).
@@ -200,28 +201,62 @@ DvArrayVector argumentOfFutures(const std::vector<std::shared_ptr<FutureBase>>& 
     return {boost::intrusive_ptr<dvArray>(matrix::to_korvex(std::move(array)), false)};
 }
 
+// Makes the held-back request ready once every predecessor has finished:
+// with one predecessor straight from its finish, with several when a shared
+// countdown reaches zero (acq_rel: the last decrement sees every earlier
+// predecessor's finish). Interpreter thread; the callbacks run on the thread
+// that finishes each predecessor.
+void releaseWhenAllFinished(const std::vector<std::shared_ptr<FutureBase>>& predecessors,
+                            boost::shared_ptr<kvm::TaskReference> reference) {
+    if (predecessors.size() == 1) {
+        predecessors.front()->afterFinishThen(boost::launch::sync, [reference] {
+            if (reference) {
+                reference->setReadyToExecute();
+            }
+        });
+        return;
+    }
+    struct Countdown {
+        std::atomic<std::size_t> remaining;
+        boost::shared_ptr<kvm::TaskReference> reference;
+    };
+    const auto countdown = std::make_shared<Countdown>();
+    countdown->remaining.store(predecessors.size(), std::memory_order_relaxed);
+    countdown->reference = std::move(reference);
+    for (const auto& predecessor : predecessors) {
+        predecessor->afterFinishThen(boost::launch::sync, [countdown] {
+            if (countdown->remaining.fetch_sub(1, std::memory_order_acq_rel) == 1 &&
+                countdown->reference) {
+                countdown->reference->setReadyToExecute();
+            }
+        });
+    }
+}
+
 } // namespace
 
+void ContinuationTask::InterpreterArrayRelease::operator()(dvArray* array) const noexcept {
+    DvArrayDeleter{true, releaseArray, kcrID}(array);
+}
+
 // The work item of a continuation, run by the command distributor on the
-// interpreter thread. Copies share the owned arrays.
+// interpreter thread; what it works on is the task's. It refers to the task
+// without owning it (small enough for the function object's own buffer): the
+// request's delegate, which the distributor holds with the work item until
+// the request is done, holds the task.
 struct ContinuationWork {
-    std::shared_ptr<ContinuationTask> task;
-    SharedOwnedDvArray function;
-    std::size_t numOutputs;
-    SharedOwnedDvArray predecessors;
-    std::vector<std::size_t> predecessorSize;
-    bool passFuture;
+    ContinuationTask* task;
 
     ContinuationTask::RequestResult operator()() const {
         // Once the work has run, successfully or not, the arrays go.
         const std::shared_ptr<void> releaseArrays(nullptr, [this](void*) {
-            function->reset();
-            predecessors->reset();
+            task->function_.reset();
+            task->predecessors_.reset();
         });
         try {
             return run();
         } catch (...) {
-            detail::timeline::onFailed(task.get());
+            detail::timeline::onFailed(task);
             throw;
         }
     }
@@ -229,9 +264,10 @@ struct ContinuationWork {
 private:
     ContinuationTask::RequestResult run() const {
         const std::vector<std::shared_ptr<FutureBase>> futures =
-            FutureBase::fromKorvexArray(predecessors->get());
-        DvArrayVector arguments = passFuture ? argumentOfFutures(futures, predecessorSize)
-                                             : argumentsFromOutputs(futures);
+            FutureBase::fromKorvexArray(task->predecessors_.get());
+        DvArrayVector arguments = task->passFuture_
+                                      ? argumentOfFutures(futures, task->predecessorSize_)
+                                      : argumentsFromOutputs(futures);
         {
             foundation::core::sync::LockGuard lock(task->mutex_);
             task->inputArguments_ = arguments;
@@ -239,7 +275,8 @@ private:
         task->doNotifyRunning();
         // Nothing is sized by the requested count before the function has
         // given that many outputs: a count from the language allocates nothing.
-        DvArrayVector outputs = dvInvokeFunctionHandle(function->get(), numOutputs, arguments);
+        DvArrayVector outputs =
+            dvInvokeFunctionHandle(task->function_.get(), task->numOutputs_, arguments);
         const std::size_t produced = outputs.size();
         {
             foundation::core::sync::LockGuard lock(task->mutex_);
@@ -249,13 +286,62 @@ private:
     }
 };
 
+// Receives the result of a continuation's request, keeps its error in the
+// task and then reports the task Finished, in the thread that completes the
+// request (at once inside the submission when there is no distributor). A
+// delegate dropped without a result, its request never completed, keeps
+// boost::broken_promise as the error. Holds the task until then.
+class FinishingDelegate final : public cmddistributor::PromiseDelegate {
+public:
+    explicit FinishingDelegate(std::shared_ptr<ContinuationTask> task) : task_(std::move(task)) {}
+
+    ~FinishingDelegate() override {
+        if (!delivered_) {
+            finish(std::make_exception_ptr(boost::broken_promise()));
+        }
+    }
+
+    void deliver(const cmddistributor::IIPResult* result) override {
+        cmddistributor::detail::requireResult(result);
+        delivered_ = true;
+        finish(errorOf(*result));
+    }
+
+private:
+    // The error a result stands for; none for the work's own result.
+    static std::exception_ptr errorOf(const cmddistributor::IIPResult& result) {
+        if (result.executionStatus != cmddistributor::Completed) {
+            return cmddistributor::detail::errorOf(result);
+        }
+        if (boost::any_cast<ContinuationTask::RequestResult>(&result.value) == nullptr) {
+            return std::make_exception_ptr(boost::bad_any_cast());
+        }
+        return nullptr;
+    }
+
+    void finish(std::exception_ptr error) noexcept {
+        {
+            foundation::core::sync::LockGuard lock(task_->mutex_);
+            task_->requestError_ = std::move(error);
+        }
+        try {
+            task_->doNotifyFinished();
+        } catch (...) {
+            // The finish callbacks' failures reach nobody.
+        }
+    }
+
+    std::shared_ptr<ContinuationTask> task_;
+    bool delivered_ = false; // the distributor delivers once, before dropping the delegate
+};
+
 ContinuationTask::ContinuationTask(Token) {}
 
 ContinuationTask::~ContinuationTask() = default;
 
 std::shared_ptr<ContinuationTask>
 ContinuationTask::build(boost::intrusive_ptr<dvArray> function, std::size_t numOutputs,
-                        std::vector<std::shared_ptr<FutureBase>> predecessors,
+                        const std::vector<std::shared_ptr<FutureBase>>& predecessors,
                         std::vector<std::size_t> predecessorSize, bool passFuture) {
     if (!function) {
         throw std::invalid_argument("A continuation needs a function.");
@@ -268,46 +354,31 @@ ContinuationTask::build(boost::intrusive_ptr<dvArray> function, std::size_t numO
         interpreter ? interpreter->getID() : kvutil::contextmgr::UndefinedKcrID;
     auto task = std::make_shared<ContinuationTask>(Token{});
 
-    ContinuationWork work{task,
-                          ownForInterpreter(matrix::detail::do_shared_copy(function.get()), kcrID),
-                          numOutputs,
-                          ownForInterpreter(FutureBase::toKorvexArray(predecessors, {}), kcrID),
-                          std::move(predecessorSize),
-                          passFuture};
+    task->function_ = InterpreterOwnedArray(referenceForWork(std::move(function)),
+                                            InterpreterArrayRelease{kcrID});
+    task->predecessors_ =
+        InterpreterOwnedArray(matrix::to_korvex(FutureBase::toKorvexArray(predecessors, {})),
+                              InterpreterArrayRelease{kcrID});
+    task->numOutputs_ = numOutputs;
+    task->predecessorSize_ = std::move(predecessorSize);
+    task->passFuture_ = passFuture;
 
-    cmddistributor::RunOptions options(nullptr,
-                                       boost::make_shared<std::basic_stringbuf<char16_t>>(),
-                                       cmddistributor::RunOptions::getDefaultSinkTraits(),
-                                       cmddistributor::RunOptions::getDefaultSinkTraits());
+    // Default sinks: printed output reaches the console as any other, and a
+    // failure's message is not written anywhere (the task keeps the error).
+    cmddistributor::RunOptions options(cmddistributor::WhenToDequeue::AtDequeuePoint,
+                                       detail::parallelQueueName());
     options.setReadyToExecute(false);
-    options.setDequeueMode(cmddistributor::WhenToDequeue::AtDequeuePoint);
-    options.setQueueName(detail::kParallelQueueName);
 
     task->doNotifyQueued();
-    detail::Submission<RequestResult> submission = detail::submitToInterpreter<RequestResult>(
-        interpreter, boost::function<RequestResult()>(std::move(work)), std::move(options),
-        kvm::detail::createID(), detail::kContinuationTaskSource);
-    task->requestFuture_ = std::move(submission.result);
-    task->taskReference_ = submission.reference;
-
-    task->requestFuture_.then(boost::launch::sync, [task](boost::shared_future<RequestResult>) {
-        task->doNotifyFinished();
-    });
+    auto delegate = boost::make_shared<FinishingDelegate>(task);
+    boost::shared_ptr<kvm::TaskReference> reference = detail::submitToInterpreter<RequestResult>(
+        interpreter, boost::function<RequestResult()>(ContinuationWork{task.get()}),
+        std::move(options), kvm::detail::createID(), detail::kContinuationTaskSource,
+        std::move(delegate));
+    task->taskReference_ = reference;
 
     try {
-        auto allFinished =
-            std::make_shared<MultiEventPromise>(MultiEventPromise::All, predecessors.size());
-        for (const auto& predecessor : predecessors) {
-            predecessor->afterFinishThen(boost::launch::sync,
-                                         [allFinished] { allFinished->setOne(); });
-        }
-        allFinished->getFuture().then(
-            boost::launch::sync,
-            [reference = std::move(submission.reference)](boost::future<void>) {
-                if (reference) {
-                    reference->setReadyToExecute();
-                }
-            });
+        releaseWhenAllFinished(predecessors, std::move(reference));
     } catch (...) {
         // A predecessor that cannot report its finish: the continuation
         // would never run. Withdraw it.
@@ -336,7 +407,14 @@ OutputsOrError ContinuationTask::doGetOutputsOrError() {
         return OutputsOrError(std::make_exception_ptr(errors::ExecutionCancelled()));
     };
     try {
-        requestFuture_.get();
+        std::exception_ptr requestError;
+        {
+            foundation::core::sync::LockGuard lock(mutex_);
+            requestError = requestError_;
+        }
+        if (requestError) {
+            std::rethrow_exception(requestError);
+        }
     } catch (const cmddistributor::RuntimeException& error) {
         if (error.getExecutionStatus() == cmddistributor::Cancelled) {
             return cancelled();

@@ -22,8 +22,13 @@ inline constexpr const char* kContinuationTaskSource = "src/ContinuationTask";
 inline constexpr const char* kAfterEachFutureSource = "src/AfterEachFuture";
 inline constexpr const char* kAfterAllFutureSource = "src/AfterAllFuture";
 
-// The queue of continuations and of the callbacks that update futures.
-inline const std::u16string kParallelQueueName = u"parallel";
+// The queue of continuations and of the callbacks that update futures, one
+// name shared by all their requests. Any thread.
+inline const cmddistributor::RunOptions::QueueName& parallelQueueName() {
+    static const cmddistributor::RunOptions::QueueName name =
+        std::make_shared<const std::u16string>(u"parallel");
+    return name;
+}
 // The interpreter stream of every request of this library.
 inline constexpr cmddistributor::IqmStreamID kStreamID = -2;
 // The execution status and message of work submitted where no distributor is.
@@ -35,30 +40,42 @@ struct Submission {
     boost::shared_ptr<kvm::TaskReference> reference;
 };
 
-// Submits `work` to `target`'s command distributor with `options`; the result
-// future receives its value or error. Without a distributor nothing is
-// thrown: the result is complete at once with a RuntimeException of status
-// NoDistributor and the reference is a null one. Any thread.
+// Submits `work` to `target`'s command distributor with `options`; `delegate`
+// receives the result. Without a distributor nothing is thrown: the delegate
+// receives at once a result of status NoDistributor and the reference is a
+// null one. Any thread.
 template <class T>
-Submission<T> submitToInterpreter(const kvm::Target& target, boost::function<T()> work,
-                                  cmddistributor::RunOptions options, cmddistributor::IDType id,
-                                  const char* sourceLabel) {
+boost::shared_ptr<kvm::TaskReference>
+submitToInterpreter(const kvm::Target& target, boost::function<T()> work,
+                    cmddistributor::RunOptions options, cmddistributor::IDType id,
+                    const char* sourceLabel,
+                    boost::shared_ptr<cmddistributor::PromiseDelegate> delegate) {
     auto [distributor, output, error] = kvm::detail::getCmdDistributorAndSinks(target, options);
     if (!distributor) {
-        boost::promise<T> failed;
-        cmddistributor::detail::setError(
-            failed, std::make_exception_ptr(cmddistributor::RuntimeException(
-                        cmddistributor::NoDistributor, kNoCmdDistributorMessage)));
-        return {kvm::Future<T>(failed.get_future()),
-                boost::make_shared<kvm::detail::NullCmdDistributorTaskReference>()};
+        cmddistributor::IIPResult missing;
+        missing.executionStatus = cmddistributor::NoDistributor;
+        missing.message = kNoCmdDistributorMessage;
+        delegate->deliver(&missing);
+        return boost::make_shared<kvm::detail::NullCmdDistributorTaskReference>();
     }
     auto request = boost::make_shared<cmddistributor::FcnCmdRequest<T>>(
         kStreamID, std::move(output), std::move(error), std::move(work), sourceLabel);
     boost::shared_ptr<kvm::TaskReference> reference =
         boost::make_shared<kvm::detail::CmdDistributorTaskReference>(distributor, id);
+    distributor->submit(std::move(request), std::move(delegate), std::move(options), id);
+    return reference;
+}
+
+// As above, the result going to a future: its value, or its error (a
+// RuntimeException of status NoDistributor without a distributor). Any thread.
+template <class T>
+Submission<T> submitToInterpreter(const kvm::Target& target, boost::function<T()> work,
+                                  cmddistributor::RunOptions options, cmddistributor::IDType id,
+                                  const char* sourceLabel) {
     auto delegate = boost::make_shared<cmddistributor::PromiseDelegateT<T>>();
     kvm::Future<T> result = delegate->getFuture();
-    distributor->submit(std::move(request), std::move(delegate), std::move(options), id);
+    boost::shared_ptr<kvm::TaskReference> reference = submitToInterpreter<T>(
+        target, std::move(work), std::move(options), id, sourceLabel, std::move(delegate));
     return {std::move(result), std::move(reference)};
 }
 

@@ -11,12 +11,14 @@
 #include <boost/shared_ptr.hpp>
 
 #include <cstddef>
+#include <exception>
 #include <memory>
 #include <vector>
 
 namespace parallel::language::future {
 
 struct ContinuationWork;
+class FinishingDelegate;
 
 // The task of a continuation: a language function run once on the
 // interpreter's own thread after its predecessor futures have finished, on
@@ -36,11 +38,14 @@ struct ContinuationWork;
 // is the task's error, read through getOutputsOrError.
 //
 // Ownership: made and held through std::shared_ptr by build only; the command
-// distributor holds the work item, and with it the task, until the request is
-// done. The task holds its request weakly (through the task reference).
+// distributor holds the request's delegate, and with it the task, until the
+// request is done (the work item refers to the task without owning it); the
+// delegate stores the request's error in the task before it reports
+// Finished. The task holds its request weakly (through the task reference).
 //
 // Threads: build on the interpreter thread. The task's own mutex guards the
-// input arguments and the outputs only; state and times are TaskBase's.
+// input arguments, the outputs and the request's error only; state and times
+// are TaskBase's.
 class QZ_FUTURE_API ContinuationTask : public TaskBase {
     struct Token {};
 
@@ -57,7 +62,7 @@ public:
     // function or no predecessors. Interpreter thread.
     static std::shared_ptr<ContinuationTask>
     build(boost::intrusive_ptr<dvArray> function, std::size_t numOutputs,
-          std::vector<std::shared_ptr<FutureBase>> predecessors,
+          const std::vector<std::shared_ptr<FutureBase>>& predecessors,
           std::vector<std::size_t> predecessorSize, bool passFuture);
 
     explicit ContinuationTask(Token);
@@ -69,6 +74,7 @@ public:
 
 private:
     friend struct ContinuationWork;
+    friend class FinishingDelegate;
 
     // Cancels the request unless it has started running.
     void doCancel() override;
@@ -78,11 +84,28 @@ private:
     // Always empty: a continuation keeps no diary.
     std::u16string doGetDiary() override;
 
+    // Releases a host array under its interpreter's rules (posted to a
+    // blessed interpreter, otherwise under the interpreter lock). Any thread.
+    struct InterpreterArrayRelease {
+        kvutil::contextmgr::KcrID kcrID;
+        void operator()(dvArray* array) const noexcept;
+    };
+    using InterpreterOwnedArray = std::unique_ptr<dvArray, InterpreterArrayRelease>;
+
+    // What the work item works on: set by build before submission, then the
+    // interpreter thread's only; the arrays are released once it has run
+    // (or with the task, when it never runs).
+    InterpreterOwnedArray function_;
+    InterpreterOwnedArray predecessors_; // an object array of the predecessors' objects
+    std::size_t numOutputs_ = 0;
+    std::vector<std::size_t> predecessorSize_;
+    bool passFuture_ = false;
+
     foundation::core::sync::Mutex mutex_;
     DvArrayVector inputArguments_ QZ_GUARDED_BY(mutex_);
     DvArrayVector outputs_ QZ_GUARDED_BY(mutex_);
-    kvm::SharedFuture<RequestResult> requestFuture_;
-    boost::shared_ptr<kvm::TaskReference> taskReference_; // null until submitted
+    std::exception_ptr requestError_ QZ_GUARDED_BY(mutex_); // the request's, once Finished
+    boost::shared_ptr<kvm::TaskReference> taskReference_;   // null until submitted
 };
 
 } // namespace parallel::language::future
