@@ -264,6 +264,57 @@ TEST(TimelinePictures, SvgHasALaneAndAColouredBarPerRun) {
     EXPECT_LT(lane("not started"), static_cast<long>(texts.size()));
 }
 
+// One worker that ran two evaluations back to back, the second waiting for
+// the first; continuations on the interpreter: an afterAll and an afterEach
+// run too short for their labels, and one that failed without running.
+std::vector<TimelineEntry> oneWorkerWithContinuations() {
+    TimelineEntry first;
+    first.futureId = 1;
+    first.function = "solve";
+    first.worker = "worker 1";
+    first.queuedUs = 0;
+    first.startedUs = 10;
+    first.finishedUs = 5000;
+    first.outcome = Outcome::Completed;
+    TimelineEntry second = first;
+    second.futureId = 2;
+    second.startedUs = 5000;
+    second.finishedUs = 10000;
+    TimelineEntry each = first;
+    each.futureId = 3;
+    each.function = "recorded";
+    each.worker = "interpreter";
+    each.createdUs = 100;
+    each.queuedUs = 5010;
+    each.startedUs = 5020;
+    each.finishedUs = 5030;
+    TimelineEntry all = each;
+    all.futureId = 4;
+    all.queuedUs = 10010;
+    all.startedUs = 10020;
+    all.finishedUs = 10030;
+    TimelineEntry failedEarly;
+    failedEarly.futureId = 5;
+    failedEarly.createdUs = 100;
+    failedEarly.finishedUs = 5010;
+    failedEarly.outcome = Outcome::Failed;
+    return {first, second, each, all, failedEarly};
+}
+
+TEST(TimelinePictures, OneWorkerWithContinuationsReads) {
+    const std::string svg = toSvg(oneWorkerWithContinuations());
+    EXPECT_LT(svg.rfind("class=\"wait\""), svg.find("<g>"))
+        << "wait lines are drawn beneath every bar";
+    for (const char* label : {">#1 solve<", ">#3 recorded<", ">#4 recorded<", ">#5<"}) {
+        EXPECT_NE(svg.find(label), std::string::npos) << label << " is labelled";
+    }
+    const auto lane = svg.find(">failed early</text>");
+    ASSERT_NE(lane, std::string::npos);
+    EXPECT_EQ(svg.find(">not started</text>"), std::string::npos);
+    EXPECT_NE(svg.find("<circle", lane), std::string::npos) << "a dot on the lane";
+    EXPECT_NE(svg.find(">failed before running</text>"), std::string::npos) << "in the legend";
+}
+
 TEST(TimelinePictures, FilesAreWrittenOrTheFailureNamesThem) {
     TimelineRecorder recorder;
     TestFuture().finishedWith({});
