@@ -4,6 +4,7 @@
 #include <parallel/language/future/AfterAllFuture.hpp>
 #include <parallel/language/future/TimelineRecorder.hpp>
 
+#include <executor/WorkerTask.hpp>
 #include <localpool/LocalPool.hpp>
 
 #include <boost/property_tree/json_parser.hpp>
@@ -173,6 +174,26 @@ TEST_F(TimelineOfRealWork, NamesPoolWorkersAndTheInterpreterThatRanContinuations
     EXPECT_EQ(continuation.function, "recorded");
     EXPECT_EQ(continuation.worker, "interpreter");
     EXPECT_EQ(continuation.outcome, Outcome::Completed);
+}
+
+// An executor's task that does nothing.
+struct IdleTask : executor::WorkerTask {
+    IdleTask() : WorkerTask({}) {}
+    void run() { setResult(OutputsOrError(DvArrayVector{}), {}); }
+};
+
+TEST(TimelineRecorder, NamesTheLanesOfAnExecutorsThreadsByDefault) {
+    TimelineRecorder recorder;
+    IdleTask unnamed;
+    IdleTask named;
+    std::thread([&] { executor::runAsWorker("myexecutor", unnamed); }).join();
+    std::thread([&] {
+        TimelineRecorder::nameThisThread("mine");
+        executor::runAsWorker("myexecutor", named);
+    }).join();
+    const std::string svg = toSvg(recorder.entries());
+    EXPECT_NE(svg.find(">myexecutor worker 1</text>"), std::string::npos);
+    EXPECT_NE(svg.find(">mine</text>"), std::string::npos) << "a name given stays";
 }
 
 // ---- Pictures ---------------------------------------------------------------
