@@ -304,7 +304,7 @@ namespace {
 // Geometry of the SVG picture, in pixels.
 constexpr double kLabelWidth = 120;
 constexpr double kPlotWidth = 900;
-constexpr double kRightMargin = 30;
+constexpr double kRightMargin = 80; // room for the labels of the last runs
 constexpr double kTop = 40;
 constexpr double kLaneHeight = 28;
 constexpr double kBarHeight = 18;
@@ -324,9 +324,8 @@ constexpr double kDotRadius = 5;     // of a task that finished without running
 constexpr double kCrossHalfSize = 4;
 constexpr const char* kWaitLineStyle =
     "class=\"wait\" stroke=\"#777\" stroke-width=\"2\" stroke-opacity=\"0.5\"";
-constexpr const char* kInsideLabelStyle = "fill=\"white\"";
-constexpr const char* kOutsideLabelStyle =
-    "fill=\"#222\" stroke=\"white\" stroke-width=\"3\" paint-order=\"stroke\"";
+constexpr double kPatchHeight = 14; // of the white patch under a label beside its mark
+constexpr double kPatchPadding = 2; // of that patch, left and right of the text
 
 // The legend: a row of swatches with their words, then the wait line and the
 // cancel cross, below the axis.
@@ -429,14 +428,13 @@ double widthOfText(const std::string& text) {
     return kCharWidth * static_cast<double>(text.size()) + kBarLabelRoom;
 }
 
-// Where a label goes: inside its bar (white), or beside its mark (dark, on a
-// white halo over the lane's wait lines).
+// Where a label goes: inside its bar (white on the bar), or beside its
+// mark (dark on a white patch that hides the lane's wait lines).
 struct LabelPlace {
     std::string text;
-    double x;
-    const char* anchor;
-    const char* style;
-    double right; // where the label ends
+    double left; // of the text
+    bool inside;
+    double right; // of what the label takes of the lane: its bar, or its patch
 };
 
 // The whole label where it fits, else the future's number alone: inside
@@ -447,17 +445,28 @@ std::optional<LabelPlace> placeLabel(const TimelineEntry& entry, double left, do
     for (const std::string& label : {labelOf(entry), labelOf(entry, false)}) {
         const double textWidth = widthOfText(label);
         if (isBar && right - left > textWidth) {
-            return LabelPlace{label, left + kBarLabelInset, "start", kInsideLabelStyle, right};
+            return LabelPlace{label, left + kBarLabelInset, true, right};
         }
         if (freeRight - right > textWidth) {
-            return LabelPlace{label, right + kBarLabelInset, "start", kOutsideLabelStyle,
-                              right + textWidth};
+            return LabelPlace{label, right + kBarLabelInset, false, right + textWidth};
         }
         if (left - freeLeft > textWidth) {
-            return LabelPlace{label, left - kBarLabelInset, "end", kOutsideLabelStyle, right};
+            return LabelPlace{label, left - textWidth, false, right};
         }
     }
     return std::nullopt;
+}
+
+void drawLabel(SvgPicture& svg, const LabelPlace& label, double middle) {
+    if (label.inside) {
+        svg.text(label.left, middle + kTextDrop, label.text, "start", "fill=\"white\"");
+        return;
+    }
+    svg.out() << "<rect x=\"" << label.left - kPatchPadding << "\" y=\""
+              << middle - kPatchHeight / 2 << "\" width=\""
+              << widthOfText(label.text) - kBarLabelRoom + 2 * kPatchPadding << "\" height=\""
+              << kPatchHeight << "\" fill=\"white\" fill-opacity=\"0.9\"/>\n";
+    svg.text(label.left, middle + kTextDrop, label.text, "start", "fill=\"#222\"");
 }
 
 void drawLegend(SvgPicture& svg, double y) {
@@ -534,7 +543,8 @@ std::string toSvg(const std::vector<TimelineEntry>& entries) {
         }
     }
 
-    // Where each item's mark (bar or dot) spans; none when left == right.
+    // Where each item's mark (bar, dot or cross of a task cancelled before it
+    // ran) spans; none when left == right.
     const std::size_t count = layout.items.size();
     std::vector<std::pair<double, double>> marks(count, {0.0, 0.0});
     for (std::size_t i = 0; i < count; ++i) {
@@ -545,6 +555,9 @@ std::string toSvg(const std::vector<TimelineEntry>& entries) {
         } else if (item.failedEarly() && seen(item.entry->finishedUs)) {
             const double x = xOf(item.entry->finishedUs);
             marks[i] = {x - kDotRadius, x + kDotRadius};
+        } else if (seen(item.entry->cancelledUs)) {
+            const double x = xOf(item.entry->cancelledUs);
+            marks[i] = {x - kCrossHalfSize, x + kCrossHalfSize};
         }
     }
     // The labels, placed lane by lane from left to right, each between what
@@ -593,7 +606,7 @@ std::string toSvg(const std::vector<TimelineEntry>& entries) {
             svg.dot((left + right) / 2, middle, entry.outcome);
         }
         if (const auto& label = labels[i]) {
-            svg.text(label->x, middle + kTextDrop, label->text, label->anchor, label->style);
+            drawLabel(svg, *label, middle);
         }
         if (seen(entry.cancelledUs)) {
             svg.cross(xOf(entry.cancelledUs), middle);
