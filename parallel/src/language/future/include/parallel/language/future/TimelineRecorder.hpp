@@ -85,7 +85,8 @@ public:
 
     // Names the lane of the calling thread ("worker 3", "interpreter") for
     // the tasks it runs from now on. An unnamed thread's lane is "thread N",
-    // numbered as threads first run a task. Works with or without a recorder;
+    // numbered as threads first run a task; executor::runAsWorker names its
+    // thread by nameThisThreadByDefault. Works with or without a recorder;
     // costs a thread-local string assignment. Any thread.
     static void nameThisThread(std::string name);
 
