@@ -290,37 +290,27 @@ TEST(TimelinePictures, SvgHasALaneAndAColouredBarPerRun) {
 // the first; continuations on the interpreter: an afterAll and an afterEach
 // run too short for their labels, and one that failed without running.
 std::vector<TimelineEntry> oneWorkerWithContinuations() {
-    TimelineEntry first;
-    first.futureId = 1;
-    first.function = "solve";
-    first.worker = "worker 1";
-    first.queuedUs = 0;
-    first.startedUs = 10;
-    first.finishedUs = 5000;
-    first.outcome = Outcome::Completed;
-    TimelineEntry second = first;
-    second.futureId = 2;
-    second.startedUs = 5000;
-    second.finishedUs = 10000;
-    TimelineEntry each = first;
-    each.futureId = 3;
-    each.function = "recorded";
-    each.worker = "interpreter";
-    each.createdUs = 100;
-    each.queuedUs = 5010;
-    each.startedUs = 5020;
-    each.finishedUs = 5030;
-    TimelineEntry all = each;
-    all.futureId = 4;
-    all.queuedUs = 10010;
-    all.startedUs = 10020;
-    all.finishedUs = 10030;
+    const auto run = [](long long id, const char* function, const char* worker, double queued,
+                        double started, double finished) {
+        TimelineEntry entry;
+        entry.futureId = id;
+        entry.function = function;
+        entry.worker = worker;
+        entry.createdUs = std::min(queued, 100.0);
+        entry.queuedUs = queued;
+        entry.startedUs = started;
+        entry.finishedUs = finished;
+        entry.outcome = Outcome::Completed;
+        return entry;
+    };
     TimelineEntry failedEarly;
     failedEarly.futureId = 5;
     failedEarly.createdUs = 100;
     failedEarly.finishedUs = 5010;
     failedEarly.outcome = Outcome::Failed;
-    return {first, second, each, all, failedEarly};
+    return {run(1, "solve", "worker 1", 0, 10, 5000), run(2, "solve", "worker 1", 0, 5000, 10000),
+            run(3, "recorded", "interpreter", 5010, 5020, 5030),
+            run(4, "recorded", "interpreter", 10010, 10020, 10030), failedEarly};
 }
 
 TEST(TimelinePictures, OneWorkerWithContinuationsReads) {
