@@ -18,6 +18,7 @@
 #include <executor/NotifySafely.hpp>
 
 #include <parallel/language/future/TaskBase.hpp>
+#include <parallel/language/future/TimelineRecorder.hpp>
 
 #include <foundation/core/sync/Mutex.hpp>
 
@@ -106,10 +107,13 @@ Evaluated evaluateCapturing(const std::atomic<bool>& stop,
 // Runs `task` as a worker thread does: Running, then `task.run()`, then
 // Finished. A task asked to stop before it started is cancelled instead of
 // run. A failing notification is reported under `executorName` (see
-// notifySafely) and the worker carries on. `Task` derives from WorkerTask
+// notifySafely) and the worker carries on. An unnamed thread's timeline
+// lane becomes "<executorName> worker N" (see
+// TimelineRecorder::nameThisThreadByDefault). `Task` derives from WorkerTask
 // and has `void run()`. The executor's worker thread.
 template <class Task>
 void runAsWorker(const char* executorName, Task& task) noexcept {
+    parallel::language::future::TimelineRecorder::nameThisThreadByDefault(executorName);
     notifySafely(executorName, "Running", [&] { task.markRunning(); });
     if (task.isStopRequested()) {
         task.cancel();

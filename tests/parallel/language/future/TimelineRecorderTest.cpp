@@ -4,6 +4,7 @@
 #include <parallel/language/future/AfterAllFuture.hpp>
 #include <parallel/language/future/TimelineRecorder.hpp>
 
+#include <executor/WorkerTask.hpp>
 #include <localpool/LocalPool.hpp>
 
 #include <boost/property_tree/json_parser.hpp>
@@ -175,6 +176,26 @@ TEST_F(TimelineOfRealWork, NamesPoolWorkersAndTheInterpreterThatRanContinuations
     EXPECT_EQ(continuation.outcome, Outcome::Completed);
 }
 
+// An executor's task that does nothing.
+struct IdleTask : executor::WorkerTask {
+    IdleTask() : WorkerTask({}) {}
+    void run() { setResult(OutputsOrError(DvArrayVector{}), {}); }
+};
+
+TEST(TimelineRecorder, NamesTheLanesOfAnExecutorsThreadsByDefault) {
+    TimelineRecorder recorder;
+    IdleTask unnamed;
+    IdleTask named;
+    std::thread([&] { executor::runAsWorker("myexecutor", unnamed); }).join();
+    std::thread([&] {
+        TimelineRecorder::nameThisThread("mine");
+        executor::runAsWorker("myexecutor", named);
+    }).join();
+    const std::string svg = toSvg(recorder.entries());
+    EXPECT_NE(svg.find(">myexecutor worker 1</text>"), std::string::npos);
+    EXPECT_NE(svg.find(">mine</text>"), std::string::npos) << "a name given stays";
+}
+
 // ---- Pictures ---------------------------------------------------------------
 
 std::vector<TimelineEntry> sampleEntries() {
@@ -247,8 +268,9 @@ TEST(TimelinePictures, SvgHasALaneAndAColouredBarPerRun) {
             ++groups;
             EXPECT_FALSE(node.get<std::string>("title").empty());
             for (const auto& [inner, shape] : node) {
-                if (inner == "rect") {
-                    barFills.insert(shape.get<std::string>("<xmlattr>.fill"));
+                const std::string fill = shape.get<std::string>("<xmlattr>.fill", "");
+                if (inner == "rect" && fill != "white") { // white: a label's patch
+                    barFills.insert(fill);
                 }
             }
         }
@@ -262,6 +284,47 @@ TEST(TimelinePictures, SvgHasALaneAndAColouredBarPerRun) {
     EXPECT_LT(lane("worker 2"), lane("worker 10"));
     EXPECT_LT(lane("worker 10"), lane("not started"));
     EXPECT_LT(lane("not started"), static_cast<long>(texts.size()));
+}
+
+// One worker that ran two evaluations back to back, the second waiting for
+// the first; continuations on the interpreter: an afterAll and an afterEach
+// run too short for their labels, and one that failed without running.
+std::vector<TimelineEntry> oneWorkerWithContinuations() {
+    const auto run = [](long long id, const char* function, const char* worker, double queued,
+                        double started, double finished) {
+        TimelineEntry entry;
+        entry.futureId = id;
+        entry.function = function;
+        entry.worker = worker;
+        entry.createdUs = std::min(queued, 100.0);
+        entry.queuedUs = queued;
+        entry.startedUs = started;
+        entry.finishedUs = finished;
+        entry.outcome = Outcome::Completed;
+        return entry;
+    };
+    TimelineEntry failedEarly;
+    failedEarly.futureId = 5;
+    failedEarly.createdUs = 100;
+    failedEarly.finishedUs = 5010;
+    failedEarly.outcome = Outcome::Failed;
+    return {run(1, "solve", "worker 1", 0, 10, 5000), run(2, "solve", "worker 1", 0, 5000, 10000),
+            run(3, "recorded", "interpreter", 5010, 5020, 5030),
+            run(4, "recorded", "interpreter", 10010, 10020, 10030), failedEarly};
+}
+
+TEST(TimelinePictures, OneWorkerWithContinuationsReads) {
+    const std::string svg = toSvg(oneWorkerWithContinuations());
+    EXPECT_LT(svg.rfind("class=\"wait\""), svg.find("<g>"))
+        << "wait lines are drawn beneath every bar";
+    for (const char* label : {">#1 solve<", ">#3 recorded<", ">#4 recorded<", ">#5<"}) {
+        EXPECT_NE(svg.find(label), std::string::npos) << label << " is labelled";
+    }
+    const auto lane = svg.find(">failed early</text>");
+    ASSERT_NE(lane, std::string::npos);
+    EXPECT_EQ(svg.find(">not started</text>"), std::string::npos);
+    EXPECT_NE(svg.find("<circle", lane), std::string::npos) << "a dot on the lane";
+    EXPECT_NE(svg.find(">failed before running</text>"), std::string::npos) << "in the legend";
 }
 
 TEST(TimelinePictures, FilesAreWrittenOrTheFailureNamesThem) {

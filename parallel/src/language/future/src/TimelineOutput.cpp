@@ -1,6 +1,8 @@
 // The timeline's two pictures: trace-event JSON and SVG. Both lay the entries
 // out the same way (TimelineLayout): one lane per worker, in natural order of
-// the names, plus a "not started" lane for tasks that never ran.
+// the names, then a "failed early" lane for tasks that failed without running
+// (a continuation whose predecessor failed) and a "not started" lane for the
+// others that never ran (cancelled, or still waiting).
 
 #include <parallel/language/future/TimelineRecorder.hpp>
 
@@ -10,6 +12,8 @@
 #include <cmath>
 #include <cstdio>
 #include <map>
+#include <numeric>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <string_view>
@@ -20,6 +24,7 @@ namespace {
 
 using Outcome = TimelineEntry::Outcome;
 
+constexpr const char* kFailedEarlyLane = "failed early";
 constexpr const char* kNotStartedLane = "not started";
 
 const char* outcomeName(Outcome outcome) {
@@ -85,6 +90,9 @@ struct TimelineLayout {
         double waitEnd;   // the start, or `end` for one never started
 
         bool waited() const { return seen(waitBegin) && waitEnd > waitBegin; }
+        bool ran() const { return seen(runBegin); }
+        // Finished without running, as a continuation whose predecessor failed.
+        bool failedEarly() const { return !ran() && entry->outcome == Outcome::Failed; }
     };
 
     std::vector<std::string> lanes;
@@ -100,10 +108,13 @@ struct TimelineLayout {
         }
         std::map<std::string, std::size_t, bool (*)(std::string_view, std::string_view)>
             laneOfWorker(naturalLess);
+        bool anyFailedEarly = false;
         bool anyNotStarted = false;
         for (const TimelineEntry& entry : entries) {
             if (seen(entry.startedUs)) {
                 laneOfWorker.emplace(entry.worker, 0);
+            } else if (entry.outcome == Outcome::Failed) {
+                anyFailedEarly = true;
             } else {
                 anyNotStarted = true;
             }
@@ -112,11 +123,19 @@ struct TimelineLayout {
             lane = lanes.size();
             lanes.push_back(worker);
         }
-        if (anyNotStarted) {
-            lanes.emplace_back(kNotStartedLane);
-        }
+        // The lanes of tasks that never ran come last.
+        const auto addLane = [this](bool wanted, const char* name) {
+            if (wanted) {
+                lanes.emplace_back(name);
+            }
+            return lanes.size() - 1;
+        };
+        const std::size_t failedEarlyLane = addLane(anyFailedEarly, kFailedEarlyLane);
+        const std::size_t notStartedLane = addLane(anyNotStarted, kNotStartedLane);
         for (const TimelineEntry& entry : entries) {
             const bool started = seen(entry.startedUs);
+            const std::size_t unrunLane =
+                entry.outcome == Outcome::Failed ? failedEarlyLane : notStartedLane;
             double end = horizon;
             if (seen(entry.finishedUs)) {
                 end = entry.finishedUs;
@@ -124,7 +143,7 @@ struct TimelineLayout {
                 end = entry.cancelledUs;
             }
             end = std::max(end, entry.startedUs);
-            items.push_back({&entry, started ? laneOfWorker.at(entry.worker) : lanes.size() - 1,
+            items.push_back({&entry, started ? laneOfWorker.at(entry.worker) : unrunLane,
                              seen(entry.queuedUs) ? entry.queuedUs : entry.createdUs,
                              entry.startedUs, end, started ? entry.startedUs : end});
         }
@@ -285,7 +304,7 @@ namespace {
 // Geometry of the SVG picture, in pixels.
 constexpr double kLabelWidth = 120;
 constexpr double kPlotWidth = 900;
-constexpr double kRightMargin = 30;
+constexpr double kRightMargin = 80; // room for the labels of the last runs
 constexpr double kTop = 40;
 constexpr double kLaneHeight = 28;
 constexpr double kBarHeight = 18;
@@ -303,6 +322,10 @@ constexpr double kBarLabelInset = 4; // of a label inside its bar, from the left
 constexpr double kBarLabelRoom = 6;  // beyond the label's own width
 constexpr double kDotRadius = 5;     // of a task that finished without running
 constexpr double kCrossHalfSize = 4;
+constexpr const char* kWaitLineStyle =
+    "class=\"wait\" stroke=\"#777\" stroke-width=\"2\" stroke-opacity=\"0.5\"";
+constexpr double kPatchHeight = 14; // of the white patch under a label beside its mark
+constexpr double kPatchPadding = 2; // of that patch, left and right of the text
 
 // The legend: a row of swatches with their words, then the wait line and the
 // cancel cross, below the axis.
@@ -317,7 +340,8 @@ constexpr double kWaitLineLength = 20;
 constexpr double kWaitTextGap = 24;  // from the wait line's left to its word
 constexpr double kWaitStep = 90;     // from the wait line to the cancel's slot
 constexpr double kCrossOffset = 5;   // from the cancel's slot to the cross's centre
-constexpr double kCrossTextGap = 14; // from the cancel's slot to its word
+constexpr double kCrossTextGap = 14; // from the cancel's or the dot's slot to its word
+constexpr double kCancelStep = 70;   // from the cancel's slot to the dot's
 
 const char* fillOf(Outcome outcome) {
     switch (outcome) {
@@ -369,6 +393,11 @@ public:
         line(x - d, y - d, x + d, y + d, style);
         line(x - d, y + d, x + d, y - d, style);
     }
+    // The mark of a task that finished without running.
+    void dot(double x, double y, Outcome outcome) {
+        out_ << "<circle cx=\"" << x << "\" cy=\"" << y << "\" r=\"" << kDotRadius << "\" fill=\""
+             << fillOf(outcome) << "\" stroke=\"#333\" stroke-width=\"0.5\"/>\n";
+    }
     std::string finish() && {
         out_ << "</svg>\n";
         return out_.str();
@@ -395,6 +424,51 @@ std::string tooltipOf(const TimelineEntry& entry) {
     return tip;
 }
 
+double widthOfText(const std::string& text) {
+    return kCharWidth * static_cast<double>(text.size()) + kBarLabelRoom;
+}
+
+// Where a label goes: inside its bar (white on the bar), or beside its
+// mark (dark on a white patch that hides the lane's wait lines).
+struct LabelPlace {
+    std::string text;
+    double left; // of the text
+    bool inside;
+    double right; // of what the label takes of the lane: its bar, or its patch
+};
+
+// The whole label where it fits, else the future's number alone: inside
+// the bar where it is wide enough, else right of the mark, else left of it,
+// within the free stretch of the lane [freeLeft, freeRight].
+std::optional<LabelPlace> placeLabel(const TimelineEntry& entry, double left, double right,
+                                     bool isBar, double freeLeft, double freeRight) {
+    for (const std::string& label : {labelOf(entry), labelOf(entry, false)}) {
+        const double textWidth = widthOfText(label);
+        if (isBar && right - left > textWidth) {
+            return LabelPlace{label, left + kBarLabelInset, true, right};
+        }
+        if (freeRight - right > textWidth) {
+            return LabelPlace{label, right + kBarLabelInset, false, right + textWidth};
+        }
+        if (left - freeLeft > textWidth) {
+            return LabelPlace{label, left - textWidth, false, right};
+        }
+    }
+    return std::nullopt;
+}
+
+void drawLabel(SvgPicture& svg, const LabelPlace& label, double middle) {
+    if (label.inside) {
+        svg.text(label.left, middle + kTextDrop, label.text, "start", "fill=\"white\"");
+        return;
+    }
+    svg.out() << "<rect x=\"" << label.left - kPatchPadding << "\" y=\""
+              << middle - kPatchHeight / 2 << "\" width=\""
+              << widthOfText(label.text) - kBarLabelRoom + 2 * kPatchPadding << "\" height=\""
+              << kPatchHeight << "\" fill=\"white\" fill-opacity=\"0.9\"/>\n";
+    svg.text(label.left, middle + kTextDrop, label.text, "start", "fill=\"#222\"");
+}
+
 void drawLegend(SvgPicture& svg, double y) {
     double x = kLabelWidth;
     for (const Outcome outcome :
@@ -411,6 +485,9 @@ void drawLegend(SvgPicture& svg, double y) {
     x += kWaitStep;
     svg.cross(x + kCrossOffset, y - kSymbolRise);
     svg.text(x + kCrossTextGap, y, "cancel");
+    x += kCancelStep;
+    svg.dot(x + kDotRadius, y - kSymbolRise, Outcome::Failed);
+    svg.text(x + kCrossTextGap, y, "failed before running");
 }
 
 } // namespace
@@ -455,33 +532,81 @@ std::string toSvg(const std::vector<TimelineEntry>& entries) {
     }
     svg.line(kLabelWidth, axisY, kLabelWidth + kPlotWidth, axisY, "stroke=\"#555\"");
 
+    const auto middleOf = [](const TimelineLayout::Item& item) {
+        return kTop + kLaneHeight * (static_cast<double>(item.lane) + 0.5);
+    };
+    // The wait lines first, so that the bars and their labels cover them.
     for (const TimelineLayout::Item& item : layout.items) {
-        const TimelineEntry& entry = *item.entry;
-        const double middle = kTop + kLaneHeight * (static_cast<double>(item.lane) + 0.5);
-        svg.out() << "<g>\n<title>" << xmlText(tooltipOf(entry)) << "</title>\n";
         if (item.waited()) {
-            svg.line(xOf(item.waitBegin), middle, xOf(item.waitEnd), middle,
-                     "stroke=\"#777\" stroke-width=\"2\" stroke-opacity=\"0.5\"");
+            svg.line(xOf(item.waitBegin), middleOf(item), xOf(item.waitEnd), middleOf(item),
+                     kWaitLineStyle);
         }
-        if (seen(item.runBegin)) {
+    }
+
+    // Where each item's mark (bar, dot or cross of a task cancelled before it
+    // ran) spans; none when left == right.
+    const std::size_t count = layout.items.size();
+    std::vector<std::pair<double, double>> marks(count, {0.0, 0.0});
+    for (std::size_t i = 0; i < count; ++i) {
+        const TimelineLayout::Item& item = layout.items[i];
+        if (item.ran()) {
             const double x = xOf(item.runBegin);
-            const double barWidth = std::max(xOf(item.end) - x, 1.0);
-            svg.out() << "<rect x=\"" << x << "\" y=\"" << middle - kBarHeight / 2 << "\" width=\""
-                      << barWidth << "\" height=\"" << kBarHeight << "\" rx=\"2\" fill=\""
-                      << fillOf(entry.outcome) << "\" stroke=\"#333\" stroke-width=\"0.5\"/>\n";
-            // The whole label where it fits, else the future's number alone.
-            for (const std::string& label : {labelOf(entry), labelOf(entry, false)}) {
-                if (barWidth > kCharWidth * static_cast<double>(label.size()) + kBarLabelRoom) {
-                    svg.text(x + kBarLabelInset, middle + kTextDrop, label, "start",
-                             "fill=\"white\"");
-                    break;
-                }
+            marks[i] = {x, x + std::max(xOf(item.end) - x, 1.0)};
+        } else if (item.failedEarly() && seen(item.entry->finishedUs)) {
+            const double x = xOf(item.entry->finishedUs);
+            marks[i] = {x - kDotRadius, x + kDotRadius};
+        } else if (seen(item.entry->cancelledUs)) {
+            const double x = xOf(item.entry->cancelledUs);
+            marks[i] = {x - kCrossHalfSize, x + kCrossHalfSize};
+        }
+    }
+    // The labels, placed lane by lane from left to right, each between what
+    // is drawn before it (marks and labels) and the next mark.
+    std::vector<std::size_t> order(count);
+    std::iota(order.begin(), order.end(), std::size_t{0});
+    std::sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+        return std::pair(layout.items[a].lane, marks[a].first) <
+               std::pair(layout.items[b].lane, marks[b].first);
+    });
+    std::vector<std::optional<LabelPlace>> labels(count);
+    for (std::size_t n = 0; n < count; ++n) {
+        const std::size_t i = order[n];
+        const auto [left, right] = marks[i];
+        if (right <= left) {
+            continue;
+        }
+        const std::size_t lane = layout.items[i].lane;
+        double freeLeft = kLabelWidth;
+        if (n > 0 && layout.items[order[n - 1]].lane == lane) {
+            freeLeft = std::max(freeLeft, marks[order[n - 1]].second);
+            if (labels[order[n - 1]]) {
+                freeLeft = std::max(freeLeft, labels[order[n - 1]]->right);
             }
-        } else if (seen(entry.finishedUs) && entry.outcome != Outcome::Cancelled) {
-            // Finished without running, as a continuation whose predecessor failed.
-            svg.out() << "<circle cx=\"" << xOf(entry.finishedUs) << "\" cy=\"" << middle
-                      << "\" r=\"" << kDotRadius << "\" fill=\"" << fillOf(entry.outcome)
+        }
+        double freeRight = width - kBarLabelInset;
+        if (n + 1 < count && layout.items[order[n + 1]].lane == lane) {
+            freeRight = std::min(freeRight, marks[order[n + 1]].first);
+        }
+        labels[i] = placeLabel(*layout.items[i].entry, left, right, layout.items[i].ran(), freeLeft,
+                               freeRight);
+    }
+
+    for (std::size_t i = 0; i < layout.items.size(); ++i) {
+        const TimelineLayout::Item& item = layout.items[i];
+        const TimelineEntry& entry = *item.entry;
+        const double middle = middleOf(item);
+        svg.out() << "<g>\n<title>" << xmlText(tooltipOf(entry)) << "</title>\n";
+        const auto [left, right] = marks[i];
+        if (item.ran()) {
+            svg.out() << "<rect x=\"" << left << "\" y=\"" << middle - kBarHeight / 2
+                      << "\" width=\"" << right - left << "\" height=\"" << kBarHeight
+                      << "\" rx=\"2\" fill=\"" << fillOf(entry.outcome)
                       << "\" stroke=\"#333\" stroke-width=\"0.5\"/>\n";
+        } else if (item.failedEarly()) {
+            svg.dot((left + right) / 2, middle, entry.outcome);
+        }
+        if (const auto& label = labels[i]) {
+            drawLabel(svg, *label, middle);
         }
         if (seen(entry.cancelledUs)) {
             svg.cross(xOf(entry.cancelledUs), middle);

@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <fstream>
 #include <limits>
+#include <map>
 #include <memory>
 #include <new>
 #include <span>
@@ -32,6 +33,10 @@ using Clock = std::chrono::steady_clock;
 
 // The lane name given by nameThisThread; empty for an unnamed thread.
 thread_local std::string tThreadName;
+
+// How many threads of each executor nameThisThreadByDefault has named.
+foundation::core::sync::Mutex gDefaultNamesMutex;
+std::map<std::string, std::size_t, std::less<>> gDefaultNamesOf QZ_GUARDED_BY(gDefaultNamesMutex);
 
 // Writes `text` to `file`, or throws naming the file.
 void writeFile(const std::filesystem::path& file, const std::string& text) {
@@ -452,6 +457,26 @@ void TimelineRecorder::recordFailure(const TaskBase& task) noexcept {
 
 void TimelineRecorder::nameThisThread(std::string name) {
     tThreadName = std::move(name);
+}
+
+void TimelineRecorder::nameThisThreadByDefault(std::string_view executorName) noexcept {
+    if (!tThreadName.empty()) {
+        return;
+    }
+    try {
+        std::size_t number = 0;
+        {
+            const foundation::core::sync::LockGuard lock(gDefaultNamesMutex);
+            auto found = gDefaultNamesOf.find(executorName);
+            if (found == gDefaultNamesOf.end()) {
+                found = gDefaultNamesOf.emplace(std::string(executorName), 0).first;
+            }
+            number = ++found->second;
+        }
+        tThreadName = std::string(executorName) + " worker " + std::to_string(number);
+    } catch (...) {
+        // Out of memory: the lane stays "thread N".
+    }
 }
 
 } // namespace parallel::language::future

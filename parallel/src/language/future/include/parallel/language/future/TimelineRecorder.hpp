@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace parallel::language::future {
@@ -84,9 +85,17 @@ public:
 
     // Names the lane of the calling thread ("worker 3", "interpreter") for
     // the tasks it runs from now on. An unnamed thread's lane is "thread N",
-    // numbered as threads first run a task. Works with or without a recorder;
+    // numbered as threads first run a task; executor::runAsWorker names its
+    // thread by nameThisThreadByDefault. Works with or without a recorder;
     // costs a thread-local string assignment. Any thread.
     static void nameThisThread(std::string name);
+
+    // Names the calling thread's lane "<executorName> worker N" unless it has
+    // a name already; N counts the threads of `executorName` named so, in the
+    // order they call this. executor::runAsWorker calls it before every task,
+    // so that every executor's threads are named. Costs a thread-local check
+    // once the thread has a name. Any thread.
+    static void nameThisThreadByDefault(std::string_view executorName) noexcept;
 
 private:
     struct Impl;
@@ -99,9 +108,12 @@ private:
 // (or made) and start as an async span, and an instant event per cancel.
 QZ_FUTURE_API std::string toTraceEventJson(const std::vector<TimelineEntry>& entries);
 // One lane per worker, a bar per run coloured by outcome (completed, failed,
-// cancelled, unfinished), a thin line for the wait before it, a cross for a
-// cancel, a "not started" lane for tasks that never ran, a time axis
-// and a legend. Each bar's tooltip gives its future, function and times.
+// cancelled, unfinished) and labelled with its future and function (inside
+// the bar, or beside it when the bar is too short), a thin line beneath the
+// bars for the wait before each run, a cross for a cancel, a "failed early"
+// lane with a red dot for each task that failed without running, a "not
+// started" lane for the others that never ran, a time axis and a legend.
+// Each mark's tooltip gives its future, function and times.
 QZ_FUTURE_API std::string toSvg(const std::vector<TimelineEntry>& entries);
 
 } // namespace parallel::language::future
