@@ -762,12 +762,9 @@ std::tuple<FetchNextState, std::size_t, DvArrayVector>
 FutureBase::fetchNextThrough(detail::FetchNextDrain& drain,
                              std::span<const std::shared_ptr<FutureBase>> futures,
                              unsigned int numOutputs, Seconds timeout) {
-    // Walks where the drain cannot be used: nested in another call's wait
-    // on it, or at the queue manager's nesting limit, where the walk tells
-    // whether anything it would wait for can finish without queued work.
+    // Walks where the drain cannot be used: nested in another call's wait on it.
     const detail::FetchNextDrain::Lease lease(drain);
-    const auto queueManager = iqm::Iqm::getCurrent();
-    if (!lease || (queueManager && queueManager->atNestingLimit())) {
+    if (!lease) {
         return fetchNextAmong(futures, numOutputs, timeout);
     }
     drain.checkEnds(futures);
@@ -788,6 +785,12 @@ FutureBase::fetchNextThrough(detail::FetchNextDrain& drain,
                                     : FetchNextState::NotSubmitted,
                     0,
                     {}};
+        }
+        // At the queue manager's nesting limit the walk waits instead: it
+        // tells whether anything it would wait for can finish without queued
+        // work (nothing is read yet, so its answer is this call's).
+        if (waitingQueueManager()->atNestingLimit()) {
+            return fetchNextAmong(futures, numOutputs, timeout);
         }
         if (!deadline) {
             deadline = getCurrentSteadyTime() + timeout;
