@@ -9,9 +9,6 @@
 #   target_link_libraries(app PRIVATE qzparallellanguagefuture::qzparallellanguagefuture)
 #   target_link_libraries(app PRIVATE qzparallellanguagefuture::qzlocalpool)   # the local pool
 #
-# An installed library also needs, when its include directories name a place
-# under the prefix, an INSTALL_INTERFACE.
-#
 # qz_build_options (warnings, -Werror) is linked only as a BUILD_INTERFACE
 # private dependency of the libraries, so it is neither installed nor exported.
 

@@ -1,9 +1,11 @@
 # qz_install_library(<target> HEADERS <dir> [HEADER_DESTINATION <dir>])
 #
-# Gives a shared library of the project the project's version and soname
-# (lib<target>.so.<major> -> lib<target>.so.<version>, both from project()),
-# lets the installed libraries find each other next to themselves, and
-# installs it with its headers in the export set of the CMake package:
+# Gives a shared library of the project its public include directory
+# (HEADERS in the build tree, HEADER_DESTINATION once installed), the
+# project's version and soname (lib<target>.so.<major> ->
+# lib<target>.so.<version>, both from project()), lets the installed
+# libraries find each other next to themselves, and installs it with its
+# headers in the export set of the CMake package:
 #
 #   component "runtime"  the versioned library and its soname link
 #   component "dev"      the unversioned link, the headers (HEADERS, copied
@@ -18,6 +20,9 @@ function(qz_install_library target)
   if(NOT arg_HEADER_DESTINATION)
     set(arg_HEADER_DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
   endif()
+  target_include_directories(${target} PUBLIC
+    "$<BUILD_INTERFACE:${arg_HEADERS}>"
+    "$<INSTALL_INTERFACE:${arg_HEADER_DESTINATION}>")
   set_target_properties(${target} PROPERTIES
     VERSION "${PROJECT_VERSION}"
     SOVERSION "${PROJECT_VERSION_MAJOR}"
