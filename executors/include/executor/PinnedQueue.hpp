@@ -179,6 +179,12 @@ protected:
         return inHand_[worker];
     }
 
+    // Takes the tasks pinned to `worker` out of the queue (a worker that is
+    // gone: the executor fails them).
+    std::deque<TaskPtr> takePinnedOf(std::size_t worker) QZ_REQUIRES(mutex_) {
+        return std::exchange(pinned_.at(worker), {});
+    }
+
     bool anyInHand() const QZ_REQUIRES(mutex_) {
         return std::ranges::any_of(inHand_, [](const TaskPtr& task) { return task != nullptr; });
     }

@@ -1,6 +1,6 @@
 #include "ClientLink.hpp"
 
-#include "Codec.hpp"
+#include "MpiErrors.hpp"
 
 #include <executor/FinishOnceCancelled.hpp>
 #include <executor/NotifySafely.hpp>
@@ -15,20 +15,22 @@
 
 namespace mpipool {
 
-namespace {
-
-int rankOf(std::size_t worker) {
-    return static_cast<int>(worker) + 1;
+ClientLink::ClientLink(boost::mpi::communicator comm, std::vector<int> ranks,
+                       std::vector<ControlSocket*> control, std::shared_ptr<LostRanks> lost)
+    : comm_(std::move(comm)), ranks_(std::move(ranks)), control_(std::move(control)),
+      lost_(std::move(lost)), work_(std::make_shared<WorkList>(ranks_.size())), outbox_(comm_),
+      announced_(ranks_.size(), 0), gone_(ranks_.size(), false), lastRun_(ranks_.size(), 0),
+      lastSize_(ranks_.size(), 0) {
+    // Until a worker's first task is back, nothing says its tasks are short.
+    std::ranges::fill(lastRun_, kShortRunMicros);
 }
 
-} // namespace
-
-ClientLink::ClientLink(boost::mpi::communicator comm, std::size_t numWorkers)
-    : comm_(std::move(comm)), work_(std::make_shared<WorkList>(numWorkers)) {}
-
 std::shared_ptr<ClientLink> ClientLink::open(boost::mpi::communicator comm,
-                                             std::size_t numWorkers) {
-    std::shared_ptr<ClientLink> link(new ClientLink(std::move(comm), numWorkers));
+                                             std::vector<int> ranks,
+                                             std::vector<ControlSocket*> control,
+                                             std::shared_ptr<LostRanks> lost) {
+    std::shared_ptr<ClientLink> link(
+        new ClientLink(std::move(comm), std::move(ranks), std::move(control), std::move(lost)));
     std::promise<void> finished;
     link->finished_ = finished.get_future().share();
     std::promise<std::thread::id> started;
@@ -45,7 +47,7 @@ std::shared_ptr<ClientLink> ClientLink::open(boost::mpi::communicator comm,
 
 void ClientLink::close() noexcept {
     for (const auto& task : work_->close()) {
-        executor::cancelUnrun(*task); // never sent: no result will come for it
+        executor::cancelUnrun(*task); // never sent: no report will come for it
     }
 }
 
@@ -63,42 +65,71 @@ bool ClientLink::isLinkThread() const noexcept {
     return std::this_thread::get_id() == threadId_;
 }
 
+std::vector<std::size_t> ClientLink::windows() const {
+    std::vector<std::size_t> window(ranks_.size(), 1);
+    for (std::size_t worker = 0; worker < window.size(); ++worker) {
+        if (lastRun_[worker] < kShortRunMicros && lastSize_[worker] < kSmallTask) {
+            window[worker] = kMaxInFlight;
+        }
+    }
+    return window;
+}
+
 void ClientLink::run() noexcept {
-    PollPacer pacer;
+    std::vector<int> fds{work_->waker().fd()};
+    for (ControlSocket* socket : control_) {
+        fds.push_back(socket->fd());
+    }
+    std::vector<bool> ready(fds.size(), false);
     while (true) {
         try {
+            if (ready[0]) {
+                work_->waker().drain();
+            }
+            readFrames(ready);
             // What the workers said frees them first; their next tasks go out
             // before the notifications run, so that workers and client
             // overlap.
             std::vector<Event> events;
-            while (const auto status = comm_.iprobe(boost::mpi::any_source, boost::mpi::any_tag)) {
-                if (auto event = receive(*status)) {
-                    events.push_back(std::move(*event));
-                }
+            receiveReports(events);
+            const WorkList::Orders orders = work_->takeOrders(windows());
+            for (const WorkList::Send& batch : orders.sends) {
+                send(batch, events);
             }
-            const WorkList::Orders orders = work_->takeOrders();
-            for (const auto& send : orders.sends) {
-                protocol::send(comm_, rankOf(send.worker), protocol::kTask,
-                               send.task->takePayload());
+            for (const WorkList::Stop& stop : orders.stops) {
+                control_[stop.worker]->write(protocol::Frame::Stop, stop.task);
             }
-            for (const auto& stop : orders.stops) {
-                protocol::send(comm_, rankOf(stop.worker), protocol::kStop,
-                               codec::encodeTaskId(stop.task));
+            for (const auto& task : orders.unrunnable) {
+                const auto pinned = task->getPinnedWorker();
+                fail(*task, pinned ? std::make_exception_ptr(
+                                         errors::WorkerLost(std::int64_t{ranks_.at(*pinned)}))
+                                   : std::make_exception_ptr(errors::NoWorkersLeft()));
             }
             for (Event& event : events) {
                 deliver(event);
             }
+            // Last, so that what a lost worker reported before it went counts.
+            for (std::size_t worker = 0; worker < gone_.size(); ++worker) {
+                if (gone_[worker] && !(*lost_)[static_cast<std::size_t>(ranks_[worker] - 1)]) {
+                    lose(worker);
+                }
+            }
+            outbox_.progress();
             if (orders.drained) {
                 return;
             }
-            if (!events.empty() || !orders.sends.empty() || !orders.stops.empty()) {
-                pacer.reset();
-                continue;
+            // Asleep until a frame or news, but for messages on their way.
+            std::chrono::microseconds limit(-1);
+            if (std::ranges::any_of(announced_, [](std::size_t n) { return n > 0; })) {
+                limit = std::chrono::microseconds(0);
+                std::this_thread::yield();
+            } else if (!outbox_.idle()) {
+                limit = std::chrono::microseconds(50);
             }
-            work_->waitForOrders(pacer);
+            waitReadable(fds, ready, limit);
         } catch (...) {
             // MPI reports its failures as exceptions; the job cannot go on
-            // without its link, and MPI cannot lose a process and carry on.
+            // without its link.
             std::cerr << "mpipool: the client's link to its workers failed: "
                       << boost::current_exception_diagnostic_information() << std::endl;
             boost::mpi::environment::abort(1);
@@ -106,46 +137,125 @@ void ClientLink::run() noexcept {
     }
 }
 
-std::optional<ClientLink::Event> ClientLink::receive(const boost::mpi::status& status) {
-    const protocol::Bytes bytes = protocol::receive(comm_, status);
-    const int rank = status.source();
-    if (rank < 1 || static_cast<std::size_t>(rank) > work_->getNumWorkers()) {
-        std::cerr << "mpipool: ignored a message from rank " << rank
-                  << ", which is no worker of the pool" << std::endl;
-        return std::nullopt;
-    }
-    const auto worker = static_cast<std::size_t>(rank - 1);
-    if (status.tag() == protocol::kStarted) {
-        if (auto task = work_->inHand(worker, codec::decodeTaskId(bytes))) {
-            return Event{std::move(task), std::nullopt, worker};
+void ClientLink::readFrames(const std::vector<bool>& ready) {
+    std::vector<FrameMessage> frames;
+    for (std::size_t worker = 0; worker < control_.size(); ++worker) {
+        if (!ready[worker + 1] || gone_[worker]) {
+            continue;
         }
-        return std::nullopt;
-    }
-    if (status.tag() == protocol::kResult) {
-        // An unreadable id throws: the link cannot tell whose result it is.
-        codec::ResultMessage result = codec::decodeResult(bytes);
-        if (auto task = work_->finish(worker, result.id)) {
-            return Event{std::move(task), std::move(result), worker};
+        frames.clear();
+        gone_[worker] = !control_[worker]->readAvailable(frames);
+        for (const FrameMessage& frame : frames) {
+            if (frame.frame == protocol::Frame::Wake) {
+                ++announced_[worker];
+            }
         }
-        std::cerr << "mpipool: ignored the result of task " << result.id << " from worker "
-                  << worker << ", which did not have it" << std::endl;
-        return std::nullopt;
     }
-    std::cerr << "mpipool: ignored a message with tag " << status.tag() << std::endl;
-    return std::nullopt;
+}
+
+void ClientLink::receiveReports(std::vector<Event>& events) {
+    for (std::size_t worker = 0; worker < announced_.size(); ++worker) {
+        while (announced_[worker] > 0) {
+            const auto status = comm_.iprobe(ranks_[worker], boost::mpi::any_tag);
+            if (!status) {
+                if (gone_[worker]) {
+                    announced_[worker] = 0; // it died before it sent
+                }
+                break;
+            }
+            const auto message =
+                protocol::receive(comm_, *status, [this, worker] { return gone_[worker]; });
+            --announced_[worker];
+            if (message && message->tag == protocol::kReports) {
+                readReports(worker, message->bytes, events);
+            }
+        }
+    }
+}
+
+void ClientLink::readReports(std::size_t worker, const protocol::Bytes& bytes,
+                             std::vector<Event>& events) {
+    batch::Reader reader(bytes);
+    while (const auto item = reader.nextReport()) {
+        std::shared_ptr<ClusterTask> task = item->kind == batch::Report::Started
+                                                ? work_->started(worker, item->id)
+                                                : work_->finish(worker, item->id);
+        if (!task) {
+            continue; // its worker was lost and the task failed, or went elsewhere
+        }
+        Event event{std::move(task), item->kind, std::nullopt, worker};
+        if (item->kind == batch::Report::Finished) {
+            lastRun_[worker] = item->runMicros;
+            event.result = codec::decodeResult(protocol::Bytes(item->result));
+        }
+        events.push_back(std::move(event));
+    }
+}
+
+void ClientLink::send(const WorkList::Send& send, std::vector<Event>& events) {
+    batch::Writer tasks;
+    for (const auto& task : send.tasks) {
+        try {
+            const protocol::Bytes encoded = task->encode();
+            lastSize_[send.worker] = encoded.size();
+            tasks.addTask(encoded);
+        } catch (...) {
+            // Cannot be sent after all: it fails as if it ran.
+            work_->finish(send.worker, task->getId());
+            events.push_back({task, batch::Report::Started, std::nullopt, send.worker});
+            codec::ResultMessage failure;
+            failure.result = codec::OutputsOrError(std::current_exception());
+            events.push_back({task, batch::Report::Finished, std::move(failure), send.worker});
+        }
+    }
+    if (tasks.empty()) {
+        return;
+    }
+    // The frame first: the worker must be awake to take a large message.
+    if (control_[send.worker]->write(protocol::Frame::Wake)) {
+        outbox_.send(ranks_[send.worker], protocol::kTasks, tasks.take());
+    } else {
+        gone_[send.worker] = true;
+    }
 }
 
 void ClientLink::deliver(Event& event) {
     ClusterTask& task = *event.task;
-    if (!event.result) {
+    switch (event.kind) {
+    case batch::Report::Started:
         // The timeline puts the task on the lane of the rank that runs it.
         parallel::language::future::TimelineRecorder::nameThisThread(
-            "rank " + std::to_string(event.worker + 1));
+            "rank " + std::to_string(ranks_[event.worker]));
         executor::notifySafely("mpipool", "Running", [&] { task.markRunning(); });
-        return;
+        break;
+    case batch::Report::Finished:
+        task.setResult(std::move(event.result->result), std::move(event.result->diary));
+        executor::notifySafely("mpipool", "Finished", [&] { task.markFinished(); });
+        break;
+    case batch::Report::Skipped:
+        // Stopped before it started: a cancel, or the pool's shutdown.
+        executor::notifySafely("mpipool", "Finished", [&] { executor::cancelUnrun(task); });
+        break;
     }
-    task.setResult(std::move(event.result->result), std::move(event.result->diary));
+}
+
+void ClientLink::fail(ClusterTask& task, std::exception_ptr error) {
+    task.setResult(codec::OutputsOrError(std::move(error)), {});
     executor::notifySafely("mpipool", "Finished", [&] { task.markFinished(); });
+}
+
+void ClientLink::lose(std::size_t worker) {
+    const int rank = ranks_[worker];
+    (*lost_)[static_cast<std::size_t>(rank - 1)] = true;
+    outbox_.abandon(rank);
+    std::cerr << "mpipool: lost worker rank " << rank << std::endl;
+    WorkList::Loss loss = work_->lose(worker);
+    for (const auto& task : loss.failed) {
+        fail(*task, std::make_exception_ptr(errors::WorkerLost(std::int64_t{rank})));
+    }
+    for (const auto& task : loss.refused) {
+        executor::cancelUnrun(*task);
+    }
 }
 
 } // namespace mpipool

@@ -2,26 +2,33 @@
 
 // The client's side of an open pool: the link thread, the only thread of
 // rank 0 that calls MPI while the pool is open. It sends the work list's
-// tasks to free workers, forwards stop requests, and turns the workers'
-// messages into task notifications (Running, Finished) and results.
+// tasks to the workers in batches, passes stop requests on, turns the
+// workers' reports into task notifications (Running, Finished) and results,
+// and fails the work of a worker that is lost. It sleeps in poll() on the
+// workers' control sockets and the work list's waker: nothing is polled
+// while nothing happens.
 //
 // States: Open -> Closing (close(): the work list refuses work, waiting
 // tasks are cancelled, workers are asked to stop what they have) -> Finished
-// (every worker has reported back; the thread has ended). Workers of the pool
-// are ranks 1 to numWorkers of the communicator.
+// (every task in flight has its report, or its worker is lost; the thread
+// has ended).
 //
 // Ownership: shared by the pool, the cluster (weakly) and the link thread,
 // which keeps the link alive until it ends. The thread is detached; waiting
-// for it is waiting for Finished.
+// for it is waiting for Finished. The control sockets and the lost-rank
+// flags are the cluster's, which outlives its pools.
 //
-// Threads: close() and waitUntilFinished() from any thread; run() is the link
-// thread's.
+// Threads: close(), liveWorkers() and waitUntilFinished() from any thread;
+// run() is the link thread's.
 
+#include "Batch.hpp"
 #include "Codec.hpp"
+#include "ControlChannel.hpp"
 #include "WorkList.hpp"
 
 #include <boost/mpi/communicator.hpp>
 
+#include <atomic>
 #include <future>
 #include <memory>
 #include <optional>
@@ -29,10 +36,23 @@
 
 namespace mpipool {
 
+// Per worker rank (index rank - 1): whether the process is lost. Shared by a
+// cluster and its pools; any thread.
+using LostRanks = std::vector<std::atomic<bool>>;
+
 class ClientLink : public std::enable_shared_from_this<ClientLink> {
 public:
-    // Starts the link thread.
-    static std::shared_ptr<ClientLink> open(boost::mpi::communicator comm, std::size_t numWorkers);
+    // At most this many tasks in flight at one worker, while its tasks run
+    // shorter than kShortRun and encode to less than kSmallTask bytes.
+    static constexpr std::size_t kMaxInFlight = 16;
+    static constexpr std::uint64_t kShortRunMicros = 1000;
+    static constexpr std::size_t kSmallTask = std::size_t{64} << 10;
+
+    // Starts the link thread for workers `ranks`, reached through `control`
+    // (index rank - 1).
+    static std::shared_ptr<ClientLink> open(boost::mpi::communicator comm, std::vector<int> ranks,
+                                            std::vector<ControlSocket*> control,
+                                            std::shared_ptr<LostRanks> lost);
 
     ClientLink(const ClientLink&) = delete;
     ClientLink& operator=(const ClientLink&) = delete;
@@ -43,29 +63,48 @@ public:
     // stop what they run. Any thread.
     void close() noexcept;
     bool isFinished() const;
-    // Waits until every worker has reported back and the thread has ended;
-    // returns at once on the link thread itself. Any thread.
+    // Waits until Finished; returns at once on the link thread itself.
     void waitUntilFinished() const;
     bool isLinkThread() const noexcept;
 
 private:
-    // What a worker reported of a task: it started (no result), or its result.
+    // A worker's report of a task.
     struct Event {
         std::shared_ptr<ClusterTask> task;
+        batch::Report kind;
         std::optional<codec::ResultMessage> result;
-        std::size_t worker; // 0-based: rank - 1
+        std::size_t worker;
     };
 
-    ClientLink(boost::mpi::communicator comm, std::size_t numWorkers);
+    ClientLink(boost::mpi::communicator comm, std::vector<int> ranks,
+               std::vector<ControlSocket*> control, std::shared_ptr<LostRanks> lost);
     void run() noexcept;
-    // Receives one message the probe found; a result frees its worker at
-    // once. Nothing for messages about no task in hand. Link thread.
-    std::optional<Event> receive(const boost::mpi::status& status);
-    // Notifies the task of the event. Link thread.
+    // Reads the control frames of the ready sockets. Link thread.
+    void readFrames(const std::vector<bool>& ready);
+    // Receives the announced reports that have arrived. Link thread.
+    void receiveReports(std::vector<Event>& events);
+    void readReports(std::size_t worker, const protocol::Bytes& bytes, std::vector<Event>& events);
+    void send(const WorkList::Send& send, std::vector<Event>& events);
     void deliver(Event& event);
+    // Finishes `task` with `error`, as if it ran. Link thread.
+    static void fail(ClusterTask& task, std::exception_ptr error);
+    // Fails the work of `worker`, which is gone. Link thread.
+    void lose(std::size_t worker);
+    std::vector<std::size_t> windows() const;
 
     boost::mpi::communicator comm_;
+    std::vector<int> ranks_;             // worker index -> rank
+    std::vector<ControlSocket*> control_; // worker index -> its control socket
+    std::shared_ptr<LostRanks> lost_;
     std::shared_ptr<WorkList> work_;
+    protocol::Outbox outbox_;
+
+    // Link thread only, per worker.
+    std::vector<std::size_t> announced_;  // reports announced, not yet received
+    std::vector<bool> gone_;              // the end of its control stream was read
+    std::vector<std::uint64_t> lastRun_;  // run time of its last task, microseconds
+    std::vector<std::size_t> lastSize_;   // encoded size of its last task
+
     std::shared_future<void> finished_;
     std::thread::id threadId_;
 };

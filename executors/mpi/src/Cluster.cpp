@@ -14,20 +14,40 @@ namespace {
 
 std::atomic<int> gRank{-1};
 std::atomic<bool> gClusterMade{false};
+std::atomic<bool> gClusterEnded{false};
 
 } // namespace
+
+std::vector<int> Cluster::Impl::liveRanks() const {
+    std::vector<int> ranks;
+    for (std::size_t i = 0; i < lost->size(); ++i) {
+        if (!(*lost)[i]) {
+            ranks.push_back(static_cast<int>(i) + 1);
+        }
+    }
+    return ranks;
+}
 
 std::shared_ptr<ClientLink> Cluster::Impl::openLink(std::size_t numWorkers) {
     const foundation::core::sync::LockGuard lock(linkMutex);
     if (const auto open = link.lock(); open && !open->isFinished()) {
         throw errors::PoolAlreadyOpen();
     }
-    auto opened = ClientLink::open(comm, numWorkers);
+    std::vector<int> ranks = liveRanks();
+    ranks.resize(std::min(numWorkers, ranks.size()));
+    std::vector<ControlSocket*> sockets;
+    for (const int rank : ranks) {
+        sockets.push_back(control.at(static_cast<std::size_t>(rank - 1)).get());
+    }
+    auto opened = ClientLink::open(comm, std::move(ranks), std::move(sockets), lost);
     link = opened;
     return opened;
 }
 
 Cluster::Cluster(int& argc, char**& argv) : impl_(std::make_unique<Impl>()) {
+    if (gClusterEnded) {
+        throw errors::ClusterEnded();
+    }
     if (gClusterMade.exchange(true)) {
         throw errors::ClusterExists();
     }
@@ -39,6 +59,15 @@ Cluster::Cluster(int& argc, char**& argv) : impl_(std::make_unique<Impl>()) {
         boost::mpi::environment::abort(1);
     }
     impl_->comm = boost::mpi::communicator(MPI_COMM_WORLD, boost::mpi::comm_duplicate);
+    try {
+        impl_->control = connectControlChannels(impl_->comm);
+    } catch (...) {
+        std::cerr << "mpipool: process " << impl_->comm.rank()
+                  << " could not connect the cluster: "
+                  << boost::current_exception_diagnostic_information() << std::endl;
+        boost::mpi::environment::abort(1);
+    }
+    impl_->lost = std::make_shared<LostRanks>(static_cast<std::size_t>(impl_->comm.size() - 1));
     gRank = impl_->comm.rank();
 }
 
@@ -53,20 +82,15 @@ Cluster::~Cluster() {
             open->close();
             open->waitUntilFinished();
         }
-        try {
-            for (int rank = 1; rank < getSize(); ++rank) {
-                protocol::send(impl_->comm, rank, protocol::kExit, {});
-            }
-        } catch (...) {
-            std::cerr << "mpipool: could not tell the workers to leave: "
-                      << boost::current_exception_diagnostic_information() << std::endl;
-            boost::mpi::environment::abort(1);
+        for (const int rank : impl_->liveRanks()) {
+            impl_->control[static_cast<std::size_t>(rank - 1)]->write(protocol::Frame::Exit);
         }
     }
+    impl_->control.clear();
     impl_->comm = boost::mpi::communicator(); // released before MPI is finalized
     impl_->environment.reset();
     gRank = -1;
-    gClusterMade = false;
+    gClusterEnded = true;
 }
 
 int Cluster::getRank() const noexcept {
@@ -82,7 +106,7 @@ int Cluster::serve() {
         throw errors::ServeOnClient();
     }
     try {
-        WorkerLoop(impl_->comm).run();
+        WorkerLoop(impl_->comm, *impl_->control.at(0)).run();
     } catch (...) {
         // The client would wait for this worker forever: end the whole job.
         std::cerr << "mpipool: worker " << getRank()

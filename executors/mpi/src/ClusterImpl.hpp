@@ -3,6 +3,7 @@
 // The cluster's state, shared with the pools it opens.
 
 #include "ClientLink.hpp"
+#include "ControlChannel.hpp"
 
 #include <mpipool/Cluster.hpp>
 
@@ -12,6 +13,7 @@
 #include <foundation/core/sync/Mutex.hpp>
 
 #include <memory>
+#include <vector>
 
 namespace mpipool {
 
@@ -20,12 +22,18 @@ struct Cluster::Impl {
     // A duplicate of the world communicator: the pool's messages never mix
     // with the program's own.
     boost::mpi::communicator comm;
+    // Rank 0: one per worker (index rank - 1); a worker: its one to rank 0.
+    std::vector<std::unique_ptr<ControlSocket>> control;
+    std::shared_ptr<LostRanks> lost; // rank 0
 
     foundation::core::sync::Mutex linkMutex;
     std::weak_ptr<ClientLink> link QZ_GUARDED_BY(linkMutex); // the open pool's, rank 0
 
-    // Starts the link of a new pool over ranks 1 to numWorkers. Throws
-    // PoolAlreadyOpen while the last pool's link has not finished. Rank 0.
+    // The ranks of the worker processes not lost, lowest first. Rank 0.
+    std::vector<int> liveRanks() const;
+    // Starts the link of a new pool over the first `numWorkers` live
+    // workers. Throws PoolAlreadyOpen while the last pool's link has not
+    // finished. Rank 0.
     std::shared_ptr<ClientLink> openLink(std::size_t numWorkers) QZ_EXCLUDES(linkMutex);
 };
 

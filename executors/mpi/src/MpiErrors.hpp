@@ -26,6 +26,13 @@ QZHOST_ERROR_TAG("KORVEX:mpipool", ClusterExists)
 QZHOST_ERROR_TAG("KORVEX:mpipool", ServeOnClient)
 // A message from another process could not be read (argument: the reason).
 QZHOST_ERROR_TAG("KORVEX:mpipool", UnreadableMessage)
+// The worker process that ran (or was to run) the work is gone (argument:
+// its rank).
+QZHOST_ERROR_TAG("KORVEX:mpipool", WorkerLost)
+// Every worker process of the pool is gone.
+QZHOST_ERROR_TAG("KORVEX:mpipool", NoWorkersLeft)
+// A cluster made after the process's cluster ended: MPI starts once.
+QZHOST_ERROR_TAG("KORVEX:mpipool", ClusterEnded)
 } // namespace KORVEX::mpipool
 
 namespace mpipool::errors {
@@ -41,4 +48,7 @@ using NotClient = Error<::KORVEX::mpipool::NotClient>;
 using ClusterExists = Error<::KORVEX::mpipool::ClusterExists>;
 using ServeOnClient = Error<::KORVEX::mpipool::ServeOnClient>;
 using UnreadableMessage = Error<::KORVEX::mpipool::UnreadableMessage>;
+using WorkerLost = Error<::KORVEX::mpipool::WorkerLost>;
+using NoWorkersLeft = Error<::KORVEX::mpipool::NoWorkersLeft>;
+using ClusterEnded = Error<::KORVEX::mpipool::ClusterEnded>;
 } // namespace mpipool::errors

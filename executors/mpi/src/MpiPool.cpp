@@ -2,6 +2,7 @@
 
 #include "ClusterImpl.hpp"
 #include "MpiErrors.hpp"
+#include "Sendable.hpp"
 
 #include <executor/Submission.hpp>
 
@@ -16,13 +17,13 @@ namespace {
 // stale stop request can never name a later task.
 std::atomic<codec::TaskId> gNextTaskId{1};
 
-std::size_t checkedNumWorkers(const Cluster& cluster, std::optional<std::size_t> requested) {
-    if (!cluster.isClient()) {
-        throw errors::NotClient();
-    }
-    const auto available = static_cast<std::size_t>(cluster.getSize() - 1);
-    if (available == 0) {
+std::size_t checkedNumWorkers(const Cluster& cluster, std::size_t available,
+                              std::optional<std::size_t> requested) {
+    if (cluster.getSize() == 1) {
         throw errors::NoWorkers();
+    }
+    if (available == 0) {
+        throw errors::NoWorkersLeft();
     }
     const std::size_t count = requested.value_or(available);
     if (count == 0 || count > available) {
@@ -37,22 +38,33 @@ struct MpiPool::Impl {
     std::size_t numWorkers = 0;
     std::shared_ptr<ClientLink> link;
 
-    // Makes the tasks of submissions: encoded at once, so that what cannot
-    // be sent is refused before the future is made.
+    // Makes the tasks of submissions. What cannot be sent is refused before
+    // the future is made; the link thread encodes the rest when it sends it.
     auto taskMaker() const {
         return [work = link->getWorkList()](const boost::intrusive_ptr<dvArray>& function,
                                             unsigned int numOutputs, const DvArrayVector& inputs,
                                             std::optional<std::size_t> worker) {
-            const codec::TaskId id = gNextTaskId++;
-            return std::make_shared<ClusterTask>(
-                id, codec::encodeTask(id, function.get(), numOutputs, inputs), work, worker);
+            checkSendable(function.get(), inputs);
+            return std::make_shared<ClusterTask>(gNextTaskId++, function, numOutputs, inputs,
+                                                 work, worker);
         };
+    }
+
+    // Refuses work once every worker is gone.
+    void checkWorkersLeft() const {
+        if (link->getWorkList()->liveWorkers() == 0) {
+            throw errors::NoWorkersLeft();
+        }
     }
 };
 
 MpiPool::MpiPool(Cluster& cluster, std::optional<std::size_t> numWorkers)
     : impl_(std::make_unique<Impl>()) {
-    impl_->numWorkers = checkedNumWorkers(cluster, numWorkers);
+    if (!cluster.isClient()) {
+        throw errors::NotClient();
+    }
+    impl_->numWorkers =
+        checkedNumWorkers(cluster, cluster.impl_->liveRanks().size(), numWorkers);
     impl_->link = cluster.impl_->openLink(impl_->numWorkers);
 }
 
@@ -66,22 +78,29 @@ void MpiPool::shutdown() noexcept {
 }
 
 std::size_t MpiPool::getNumWorkers() const noexcept {
-    return impl_->numWorkers;
+    return impl_->link->getWorkList()->liveWorkers();
 }
 
 std::shared_ptr<FevalFuture> MpiPool::submit(boost::intrusive_ptr<dvArray> function,
                                              unsigned int numOutputs, DvArrayVector inputs,
                                              kcos::COSInterface* parent) {
-    return executor::submitTo(*impl_->link->getWorkList(), std::move(function), numOutputs,
-                              std::move(inputs), parent, impl_->taskMaker());
+    impl_->checkWorkersLeft();
+    auto future = executor::submitTo(*impl_->link->getWorkList(), std::move(function), numOutputs,
+                                     std::move(inputs), parent, impl_->taskMaker());
+    impl_->link->getWorkList()->news();
+    return future;
 }
 
 std::shared_ptr<FevalOnAllFuture> MpiPool::submitOnAll(boost::intrusive_ptr<dvArray> function,
                                                        unsigned int numOutputs,
                                                        DvArrayVector inputs,
                                                        kcos::COSInterface* parent) {
-    return executor::submitOnAllTo(*impl_->link->getWorkList(), std::move(function), numOutputs,
-                                   std::move(inputs), parent, impl_->taskMaker());
+    impl_->checkWorkersLeft();
+    auto future = executor::submitOnAllTo(*impl_->link->getWorkList(), std::move(function),
+                                          numOutputs, std::move(inputs), parent,
+                                          impl_->taskMaker());
+    impl_->link->getWorkList()->news();
+    return future;
 }
 
 } // namespace mpipool

@@ -1,49 +1,109 @@
 #pragma once
 
-// The messages between the client (rank 0) and the workers. Every message is
-// a byte buffer: a Boost.Serialization binary archive (see Codec.hpp), sent
-// as MPI_CHAR on the cluster's own communicator. Between one sender and one
-// receiver, messages arrive in the order they were sent.
+// How the client (rank 0) and the workers talk. Two channels join the client
+// to each worker:
 //
-//   client -> worker   kTask     an evaluation: id, function name, number of
-//                                outputs, inputs
-//                      kStop     stop the evaluation with this id, if it is
-//                                the worker's (stale ids are ignored)
-//                      kExit     leave serve(): the client ends the cluster
-//   worker -> client   kStarted  the evaluation with this id has started
-//                      kResult   its outputs or error, and its diary
+//   the control channel, a TCP connection (ControlChannel.hpp), carries small
+//   frames, a tag and a 64-bit value, that wake the other side: a blocked
+//   thread waits on sockets, never polls MPI. Its end is the news of a lost
+//   process: the kernel closes a dead process's sockets.
 //
-// A worker has at most one evaluation from the client at a time: the client
-// sends the next one after the result of the last.
+//     client -> worker   kWake   an MPI message follows (value: unused)
+//                        kStop   stop the evaluation with this id, or skip it
+//                                if it has not started
+//                        kExit   leave serve(): the client ends the cluster
+//     worker -> client   kWake   an MPI message follows
+//
+//   MPI, on the cluster's own communicator, carries the data: byte buffers
+//   (MPI_CHAR), each announced by a kWake frame sent just before it, so that
+//   a rendezvous send never waits for a receiver that sleeps.
+//
+//     client -> worker   kTasks    a batch of encoded evaluations (Batch.hpp)
+//     worker -> client   kReports  a batch of reports: started, finished
+//                                  (with the encoded result), skipped
+//
+// A buffer larger than the chunk size travels as a kBig message holding its
+// size and tag, then as many kChunk messages as it takes (64-bit sizes; every MPI
+// count fits an int). Between one sender and one receiver, messages arrive in
+// the order they were sent, so the chunks of one buffer are never mixed with
+// another's: each side sends from one thread only.
 
 #include <boost/mpi/communicator.hpp>
+#include <boost/mpi/request.hpp>
 #include <boost/mpi/status.hpp>
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <list>
+#include <memory>
+#include <optional>
 #include <string>
-#include <vector>
 
 namespace mpipool::protocol {
 
-inline constexpr int kTask = 1;
-inline constexpr int kStop = 2;
-inline constexpr int kExit = 3;
-inline constexpr int kStarted = 11;
-inline constexpr int kResult = 12;
+// MPI tags.
+inline constexpr int kTasks = 1;
+inline constexpr int kReports = 2;
+inline constexpr int kBig = 3;
+inline constexpr int kChunk = 4;
+
+// Control frame tags.
+enum class Frame : std::uint8_t { Wake = 1, Stop = 2, Exit = 3 };
 
 inline constexpr int kClientRank = 0;
 
 using Bytes = std::string;
 
-inline void send(const boost::mpi::communicator& comm, int rank, int tag, const Bytes& bytes) {
-    comm.send(rank, tag, bytes.data(), static_cast<int>(bytes.size()));
-}
+// The largest MPI message; larger buffers are chunked. A test may lower it
+// (setChunkSize) to exercise chunking cheaply. Any thread; set it before the
+// cluster starts, the same on every process.
+std::size_t chunkSize() noexcept;
+void setChunkSize(std::size_t bytes) noexcept;
 
-// Receives the message that `status` (from a probe) describes.
-inline Bytes receive(const boost::mpi::communicator& comm, const boost::mpi::status& status) {
-    Bytes bytes(static_cast<std::size_t>(status.count<char>().value_or(0)), '\0');
-    comm.recv(status.source(), status.tag(), bytes.data(), static_cast<int>(bytes.size()));
-    return bytes;
-}
+// Sends buffers without blocking and keeps each one alive until MPI is done
+// with it. The thread that owns it (one per process side) calls progress()
+// while anything is pending: MPI moves a large buffer only when called.
+class Outbox {
+public:
+    explicit Outbox(const boost::mpi::communicator& comm) : comm_(comm) {}
+    ~Outbox();
+    Outbox(const Outbox&) = delete;
+    Outbox& operator=(const Outbox&) = delete;
+
+    void send(int rank, int tag, Bytes bytes);
+    // Completes what MPI has finished with; true while sends are pending.
+    bool progress();
+    bool idle() const noexcept { return pending_.empty(); }
+    // Forgets the sends to `rank`, a process that is gone: MPI would never
+    // complete them. Their buffers are kept until the process ends, since MPI
+    // may still hold them.
+    void abandon(int rank);
+
+private:
+    struct Pending {
+        int rank;
+        std::shared_ptr<const Bytes> bytes;
+        boost::mpi::request request;
+    };
+    void post(int rank, int tag, std::shared_ptr<const Bytes> bytes, const char* data,
+              std::size_t size);
+
+    const boost::mpi::communicator& comm_;
+    std::list<Pending> pending_;
+};
+
+struct Message {
+    int tag = 0; // kTasks or kReports
+    Bytes bytes;
+};
+
+// Receives the buffer that the probed `status` begins: one message, or a
+// kBig header and its chunks. While a chunk is awaited, `gone` is asked
+// whether the sender is lost; then the receive gives up with nothing. The
+// thread that owns the process's MPI side.
+std::optional<Message> receive(const boost::mpi::communicator& comm,
+                               const boost::mpi::status& status,
+                               const std::function<bool()>& gone);
 
 } // namespace mpipool::protocol

@@ -1,63 +1,125 @@
 #include "WorkList.hpp"
 
+#include <algorithm>
 #include <utility>
 
 namespace mpipool {
 
-void WorkList::stopInHand(std::size_t worker, const ClusterTask& task) {
-    stops_.push_back({worker, task.getId()});
-}
+WorkList::WorkList(std::size_t numWorkers)
+    : PinnedQueue(numWorkers), flight_(numWorkers), lost_(numWorkers, false) {}
 
-WorkList::Orders WorkList::takeOrders() {
+WorkList::Orders WorkList::takeOrders(const std::vector<std::size_t>& window) {
     Orders orders;
     const LockGuard lock(mutex_);
+    const bool anyLive = std::ranges::find(lost_, false) != lost_.end();
     for (std::size_t worker = 0; worker < numWorkers_; ++worker) {
-        if (hasWorkFor(worker)) {
-            orders.sends.push_back({worker, takeFor(worker)});
+        if (lost_[worker]) {
+            // Work pinned there, or, with no worker left, any work.
+            std::ranges::move(takePinnedOf(worker), std::back_inserter(orders.unrunnable));
+            while (!anyLive && hasWorkFor(worker)) {
+                orders.unrunnable.push_back(takeFor(worker));
+                inHand_[worker] = nullptr;
+            }
+            continue;
+        }
+        Send send{worker, {}};
+        while (flight_[worker].size() < window.at(worker) && hasWorkFor(worker)) {
+            TaskPtr task = takeFor(worker);
+            inHand_[worker] = nullptr; // in flight instead: a worker may hold several
+            flight_[worker].push_back({task});
+            send.tasks.push_back(std::move(task));
+        }
+        if (!send.tasks.empty()) {
+            orders.sends.push_back(std::move(send));
         }
     }
     orders.stops.swap(stops_);
-    orders.drained = closed_ && !anyInHand();
+    orders.drained = closed_ && !anyInFlight();
     return orders;
 }
 
-bool WorkList::holds(std::size_t worker, codec::TaskId id) const {
-    return worker < numWorkers_ && inHand_[worker] && inHand_[worker]->getId() == id;
-}
-
-WorkList::TaskPtr WorkList::inHand(std::size_t worker, codec::TaskId id) const {
+WorkList::TaskPtr WorkList::started(std::size_t worker, codec::TaskId id) {
     const LockGuard lock(mutex_);
-    return holds(worker, id) ? inHand_[worker] : nullptr;
+    for (Flight& flight : flight_.at(worker)) {
+        if (flight.task->getId() == id) {
+            flight.started = true;
+            return flight.task;
+        }
+    }
+    return nullptr;
 }
 
 WorkList::TaskPtr WorkList::finish(std::size_t worker, codec::TaskId id) {
     const LockGuard lock(mutex_);
-    return holds(worker, id) ? std::exchange(inHand_[worker], nullptr) : nullptr;
+    auto& flights = flight_.at(worker);
+    const auto found =
+        std::ranges::find_if(flights, [id](const Flight& f) { return f.task->getId() == id; });
+    if (found == flights.end()) {
+        return nullptr;
+    }
+    TaskPtr task = std::move(found->task);
+    flights.erase(found);
+    return task;
 }
 
-bool WorkList::hasOrders() const {
-    if (!stops_.empty() || (closed_ && !anyInHand())) {
+WorkList::Loss WorkList::lose(std::size_t worker) {
+    Loss loss;
+    {
+        const LockGuard lock(mutex_);
+        lost_.at(worker) = true;
+        for (Flight& flight : flight_[worker]) {
+            const bool elsewhere = !flight.started && !flight.task->getPinnedWorker();
+            (elsewhere ? loss.refused : loss.failed).push_back(std::move(flight.task));
+        }
+        flight_[worker].clear();
+        std::ranges::move(takePinnedOf(worker), std::back_inserter(loss.failed));
+    }
+    // Queued again, they keep their order among each other.
+    std::erase_if(loss.refused, [this](const TaskPtr& task) { return push(task); });
+    news();
+    return loss;
+}
+
+std::size_t WorkList::liveWorkers() const {
+    const LockGuard lock(mutex_);
+    return static_cast<std::size_t>(std::ranges::count(lost_, false));
+}
+
+bool WorkList::withdraw(const executor::WorkerTask& task) {
+    if (PinnedQueue::withdraw(task)) {
         return true;
     }
-    for (std::size_t worker = 0; worker < numWorkers_; ++worker) {
-        if (hasWorkFor(worker)) {
-            return true;
+    {
+        const LockGuard lock(mutex_);
+        for (std::size_t worker = 0; worker < numWorkers_; ++worker) {
+            for (const Flight& flight : flight_[worker]) {
+                if (flight.task.get() == &task) {
+                    stops_.push_back({worker, flight.task->getId()});
+                }
+            }
         }
     }
+    news();
     return false;
 }
 
-void WorkList::waitForOrders(PollPacer& pacer) {
-    UniqueLock lock(mutex_);
-    if (anyInHand()) {
-        if (!hasOrders()) {
-            pacer.pause(lock.native(), news_);
+std::vector<WorkList::TaskPtr> WorkList::close() {
+    std::vector<TaskPtr> abandoned = PinnedQueue::close();
+    {
+        const LockGuard lock(mutex_);
+        for (std::size_t worker = 0; worker < numWorkers_; ++worker) {
+            for (const Flight& flight : flight_[worker]) {
+                flight.task->requestStop();
+                stops_.push_back({worker, flight.task->getId()});
+            }
         }
-        return;
     }
-    while (!hasOrders()) {
-        news_.wait(lock.native());
-    }
+    news();
+    return abandoned;
+}
+
+bool WorkList::anyInFlight() const {
+    return std::ranges::any_of(flight_, [](const auto& flights) { return !flights.empty(); });
 }
 
 } // namespace mpipool

@@ -1,61 +1,87 @@
 #pragma once
 
 // The client's schedule for an open pool: a PinnedQueue whose workers are
-// processes, served by the link thread, plus the stop requests not yet sent.
+// processes, served by the link thread.
 //
-// The link thread hands each free worker its next task (takeOrders); no task
-// is sent ahead to a busy worker, where it could wait behind a long
-// evaluation while another worker is free. A task stays in its worker's hand
-// until its result is in (finish). Cancelling a task in hand, or closing,
-// queues a stop request for its worker.
+// A task is Waiting (in the queue), then InFlight at its worker once the
+// link thread takes it (sent, queued there or running), until its result is
+// in. A worker has at most `window` tasks in flight, which the link thread
+// sets from how long its tasks run: one while they run long, so that no task
+// waits behind a long one while another worker is free. Cancelling a task
+// in flight, or closing, queues a stop request for its worker.
 //
-// Threads: any thread pushes, cancels and closes; the link thread takes
-// orders, looks up and finishes tasks in hand, and waits for news.
+// A lost worker's tasks in flight that it reported started fail, as do the
+// tasks pinned to it; those it never started go back to the queue for the
+// others. It gets no more work.
+//
+// Threads: any thread pushes, cancels and closes, then wakes the link thread
+// (news); the link thread takes orders, looks up and finishes tasks in
+// flight, and loses workers.
 
 #include "ClusterTask.hpp"
-#include "PollPacer.hpp"
+#include "ControlChannel.hpp"
 
 #include <executor/PinnedQueue.hpp>
 
 #include <cstddef>
+#include <deque>
 #include <vector>
 
 namespace mpipool {
 
 class WorkList final : public executor::PinnedQueue<ClusterTask> {
 public:
-    using PinnedQueue::PinnedQueue;
+    explicit WorkList(std::size_t numWorkers);
 
     struct Send {
         std::size_t worker;
-        TaskPtr task;
+        std::vector<TaskPtr> tasks; // each now in flight
     };
     struct Stop {
         std::size_t worker;
         codec::TaskId task;
     };
     struct Orders {
-        std::vector<Send> sends; // each now in hand of its worker
+        std::vector<Send> sends;
         std::vector<Stop> stops;
-        bool drained = false; // closed, and every worker has reported back
+        std::vector<TaskPtr> unrunnable; // pinned to a lost worker, or no worker is left
+        bool drained = false;            // closed, and nothing is in flight
     };
-    // Gives every free worker its next task (its own pinned ones first) and
-    // takes the pending stop requests. Link thread.
-    Orders takeOrders() QZ_EXCLUDES(mutex_);
-    // The task `worker` has in hand if its id is `id`, else null. Link thread.
-    TaskPtr inHand(std::size_t worker, codec::TaskId id) const QZ_EXCLUDES(mutex_);
-    // Takes the task `id` from the hand of `worker`, which is free again;
-    // null (and nothing changes) if it has another. Link thread.
+    // Fills every live worker's window (its own pinned tasks first) and takes
+    // the pending stop requests. Link thread.
+    Orders takeOrders(const std::vector<std::size_t>& window) QZ_EXCLUDES(mutex_);
+    // The task in flight at `worker` with id `id`, marked started; null if
+    // it has none such. Link thread.
+    TaskPtr started(std::size_t worker, codec::TaskId id) QZ_EXCLUDES(mutex_);
+    // Takes the task `id` out of flight at `worker`; null if it has none such.
     TaskPtr finish(std::size_t worker, codec::TaskId id) QZ_EXCLUDES(mutex_);
-    // Waits for orders: paced by `pacer` while workers have tasks in hand
-    // (their messages must be polled), without limit otherwise. Link thread.
-    void waitForOrders(PollPacer& pacer) QZ_EXCLUDES(mutex_);
+
+    struct Loss {
+        std::vector<TaskPtr> failed;   // started there, or pinned there
+        std::vector<TaskPtr> refused; // never started, but the queue has closed
+                                      // (the others are queued again)
+    };
+    Loss lose(std::size_t worker) QZ_EXCLUDES(mutex_);
+    std::size_t liveWorkers() const QZ_EXCLUDES(mutex_);
+
+    bool withdraw(const executor::WorkerTask& task) override QZ_EXCLUDES(mutex_);
+    // PinnedQueue::close, and stop requests for the tasks in flight.
+    std::vector<TaskPtr> close() QZ_EXCLUDES(mutex_);
+
+    // Wakes the link thread: new work, a cancel, a close. Any thread.
+    void news() noexcept { waker_.wake(); }
+    Waker& waker() noexcept { return waker_; }
 
 private:
-    void stopInHand(std::size_t worker, const ClusterTask& task) override QZ_REQUIRES(mutex_);
-    bool hasOrders() const QZ_REQUIRES(mutex_);
-    bool holds(std::size_t worker, codec::TaskId id) const QZ_REQUIRES(mutex_);
+    struct Flight {
+        TaskPtr task;
+        bool started = false;
+    };
+    bool anyInFlight() const QZ_REQUIRES(mutex_);
 
+    Waker waker_;
+    std::vector<std::deque<Flight>> flight_ QZ_GUARDED_BY(mutex_); // per worker, oldest first
+    std::vector<bool> lost_ QZ_GUARDED_BY(mutex_);
     std::vector<Stop> stops_ QZ_GUARDED_BY(mutex_);
 };
 

@@ -2,107 +2,227 @@
 
 #include "Evaluation.hpp"
 
+#include <boost/exception/diagnostic_information.hpp>
 #include <boost/mpi/status.hpp>
 
 #include <iostream>
+#include <thread>
 
 namespace mpipool {
 
 using foundation::core::sync::LockGuard;
 using foundation::core::sync::UniqueLock;
 
-StopWatcher::StopWatcher(const boost::mpi::communicator& comm,
-                         foundation::core::sync::Mutex& mpiMutex)
-    : comm_(comm), mpiMutex_(mpiMutex), thread_([this] { loop(); }) {}
+namespace {
 
-StopWatcher::~StopWatcher() {
-    {
-        const LockGuard lock(mutex_);
-        quit_ = true;
-    }
-    quitNews_.notify_one();
-    thread_.join();
+std::uint64_t microsSince(std::chrono::steady_clock::time_point start) {
+    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
+                                          std::chrono::steady_clock::now() - start)
+                                          .count());
 }
 
-void StopWatcher::watch(codec::TaskId id) {
-    const LockGuard lock(mutex_);
-    watched_ = id;
-    stop_ = false;
-    watching_ = true;
-}
+} // namespace
 
-void StopWatcher::unwatch() {
-    const LockGuard lock(mutex_);
-    watching_ = false;
-}
-
-void StopWatcher::pollOnce() {
-    const LockGuard mpi(mpiMutex_);
-    if (!watching_) {
-        return; // the function returned while this thread waited for MPI
-    }
-    if (const auto status = comm_.iprobe(protocol::kClientRank, protocol::kStop)) {
-        const codec::TaskId id = codec::decodeTaskId(protocol::receive(comm_, *status));
-        const LockGuard lock(mutex_);
-        if (id == watched_) {
-            stop_ = true;
-        }
-    }
-}
-
-void StopWatcher::loop() noexcept {
-    UniqueLock lock(mutex_);
-    while (!quit_) {
-        quitNews_.wait_for(lock.native(), kPollInterval);
-        if (quit_ || !watching_) {
-            continue;
-        }
-        lock.unlock();
-        try {
-            pollOnce();
-        } catch (...) {
-            std::cerr << "mpipool: a worker could not read a stop request" << std::endl;
-        }
-        lock.lock();
-    }
-}
-
-WorkerLoop::WorkerLoop(const boost::mpi::communicator& comm)
-    : comm_(comm), watcher_(comm, mpiMutex_) {}
+WorkerLoop::WorkerLoop(const boost::mpi::communicator& comm, ControlSocket& control)
+    : comm_(comm), control_(control), outbox_(comm) {}
 
 void WorkerLoop::run() {
-    UniqueLock mpi(mpiMutex_);
-    PollPacer pacer;
+    std::thread io([this] { ioLoop(); });
+    UniqueLock lock(mutex_);
     while (true) {
-        const auto status = comm_.iprobe(protocol::kClientRank, boost::mpi::any_tag);
-        if (!status) {
-            pacer.pause(mpi.native(), noNews_);
-            continue;
-        }
-        const protocol::Bytes bytes = protocol::receive(comm_, *status);
-        switch (status->tag()) {
-        case protocol::kTask: {
-            // The function runs without the MPI mutex: the watcher polls meanwhile.
-            const codec::TaskMessage task = codec::decodeTask(bytes);
-            protocol::send(comm_, protocol::kClientRank, protocol::kStarted,
-                           codec::encodeTaskId(task.id));
-            watcher_.watch(task.id);
-            mpi.unlock();
-            const protocol::Bytes result = evaluate(task, watcher_.stopFlag());
-            watcher_.unwatch();
-            mpi.lock();
-            protocol::send(comm_, protocol::kClientRank, protocol::kResult, result);
+        work_.wait(lock.native(), [&] { return leaving_ || !queue_.empty(); });
+        if (leaving_) {
             break;
         }
-        case protocol::kStop:
-            break; // for a task that has finished
-        case protocol::kExit:
-            return;
-        default:
-            std::cerr << "mpipool: worker " << comm_.rank() << " ignored a message with tag "
-                      << status->tag() << std::endl;
+        const codec::TaskMessage task = std::move(queue_.front());
+        queue_.pop_front();
+        running_ = task.id;
+        stop_ = false;
+        report(batch::Report::Started, task.id, 0, {});
+        lock.unlock();
+        const auto start = Clock::now();
+        const protocol::Bytes result = evaluate(task, stop_);
+        const std::uint64_t runMicros = microsSince(start);
+        lock.lock();
+        running_.reset();
+        report(batch::Report::Finished, task.id, runMicros, result);
+    }
+    ended_ = true;
+    lock.unlock();
+    waker_.wake();
+    io.join();
+}
+
+void WorkerLoop::report(batch::Report kind, codec::TaskId id, std::uint64_t runMicros,
+                        std::string_view result) {
+    if (reports_.empty()) {
+        oldestReport_ = Clock::now();
+    }
+    reports_.addReport(kind, id, runMicros, result);
+    // Out at once when the worker runs dry (the client waits for nothing
+    // else) or the batch is full; else the I/O thread sends it in time.
+    if (queue_.empty() || reports_.count() >= kReportBatchItems ||
+        reports_.size() >= kReportBatchBytes) {
+        reportsDue_ = true;
+        waker_.wake();
+    }
+}
+
+std::chrono::microseconds WorkerLoop::sleepLimit() const {
+    if (reportsDue_) {
+        return std::chrono::microseconds(0);
+    }
+    if (!reports_.empty()) {
+        const auto due = oldestReport_ + kReportDelay - Clock::now();
+        return std::max(std::chrono::duration_cast<std::chrono::microseconds>(due),
+                        std::chrono::microseconds(0));
+    }
+    return std::chrono::microseconds(-1);
+}
+
+void WorkerLoop::ioLoop() noexcept {
+    const std::vector<int> fds{control_.fd(), waker_.fd()};
+    std::vector<bool> ready;
+    std::vector<FrameMessage> frames;
+    bool clientThere = true;
+    try {
+        while (true) {
+            std::chrono::microseconds limit;
+            {
+                const LockGuard lock(mutex_);
+                if (ended_) {
+                    break;
+                }
+                limit = sleepLimit();
+            }
+            if (announced_ > 0) {
+                limit = std::chrono::microseconds(0); // a message is on its way
+                std::this_thread::yield();
+            } else if (!outbox_.idle()) {
+                limit = std::min(limit < std::chrono::microseconds(0) ? kReportDelay : limit,
+                                 std::chrono::microseconds(50));
+            }
+            waitReadable(fds, ready, limit);
+            if (ready[1]) {
+                waker_.drain();
+            }
+            if (ready[0] && clientThere) {
+                frames.clear();
+                clientThere = control_.readAvailable(frames);
+                if (!handleFrames(frames) || !clientThere) {
+                    clientThere = false;
+                    leave();
+                }
+            }
+            receiveAnnounced();
+            sendReports(false);
+            outbox_.progress();
         }
-        pacer.reset();
+        sendReports(true);
+        while (clientThere && outbox_.progress()) {
+            std::this_thread::yield();
+        }
+    } catch (...) {
+        std::cerr << "mpipool: worker " << comm_.rank()
+                  << " lost its link to the client: " << boost::current_exception_diagnostic_information()
+                  << std::endl;
+        leave(); // the main thread returns once its function does
+    }
+}
+
+bool WorkerLoop::handleFrames(std::vector<FrameMessage>& frames) {
+    for (const FrameMessage& frame : frames) {
+        switch (frame.frame) {
+        case protocol::Frame::Wake:
+            ++announced_;
+            break;
+        case protocol::Frame::Stop:
+            // The task may be in a batch announced before: take it in first.
+            while (announced_ > 0) {
+                receiveAnnounced();
+            }
+            stop(frame.value);
+            break;
+        case protocol::Frame::Exit:
+            return false;
+        default:
+            std::cerr << "mpipool: worker " << comm_.rank() << " ignored a control frame"
+                      << std::endl;
+        }
+    }
+    return true;
+}
+
+void WorkerLoop::receiveAnnounced() {
+    while (announced_ > 0) {
+        const auto status = comm_.iprobe(protocol::kClientRank, boost::mpi::any_tag);
+        if (!status) {
+            return;
+        }
+        std::optional<protocol::Message> message =
+            protocol::receive(comm_, *status, [] { return false; });
+        --announced_;
+        if (message && message->tag == protocol::kTasks) {
+            queueTasks(message->bytes);
+        } else {
+            std::cerr << "mpipool: worker " << comm_.rank() << " ignored a message" << std::endl;
+        }
+    }
+}
+
+void WorkerLoop::queueTasks(const protocol::Bytes& bytes) {
+    batch::Reader reader(bytes);
+    std::deque<codec::TaskMessage> tasks;
+    while (const auto item = reader.nextTask()) {
+        tasks.push_back(codec::decodeTask(protocol::Bytes(*item)));
+    }
+    {
+        const LockGuard lock(mutex_);
+        for (auto& task : tasks) {
+            queue_.push_back(std::move(task));
+        }
+    }
+    work_.notify_one();
+}
+
+void WorkerLoop::stop(codec::TaskId id) {
+    const LockGuard lock(mutex_);
+    if (running_ == id) {
+        stop_ = true;
+        return;
+    }
+    const auto queued = std::ranges::find_if(
+        queue_, [id](const codec::TaskMessage& task) { return task.id == id; });
+    if (queued != queue_.end()) {
+        queue_.erase(queued);
+        report(batch::Report::Skipped, id, 0, {});
+    }
+    // Else it has finished: its report is on its way.
+}
+
+void WorkerLoop::leave() {
+    {
+        const LockGuard lock(mutex_);
+        leaving_ = true;
+        stop_ = true;
+        queue_.clear();
+    }
+    work_.notify_one();
+}
+
+void WorkerLoop::sendReports(bool force) {
+    protocol::Bytes bytes;
+    {
+        const LockGuard lock(mutex_);
+        if (reports_.empty() || !(force || reportsDue_ || Clock::now() - oldestReport_ >= kReportDelay)) {
+            return;
+        }
+        reportsDue_ = false;
+        bytes = reports_.take();
+    }
+    // The frame first: the client must be awake to take a large message.
+    if (control_.write(protocol::Frame::Wake)) {
+        outbox_.send(protocol::kClientRank, protocol::kReports, std::move(bytes));
     }
 }
 

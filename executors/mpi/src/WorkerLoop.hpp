@@ -1,19 +1,26 @@
 #pragma once
 
-// A worker's side of the cluster. The main thread receives evaluations from
-// the client and runs each itself, reporting its start and its result; while
-// a function runs, the stop watcher's thread polls for the client's stop
-// request for it. The two threads take turns at MPI through one mutex: the
-// main thread holds it except while it runs a function.
+// A worker's side of the cluster: two threads.
 //
-// States: Polling -(kTask)-> Running -(function returns)-> Polling;
-// Polling -(kExit)-> Ended. A kStop that reaches the main thread names no
-// running task and is dropped.
+//   the I/O thread owns the worker's MPI and its control socket. It sleeps
+//   in poll() on both until the client writes a frame or the main thread
+//   has reports to send; it receives the batches of tasks, queues them,
+//   passes stop requests on at once, and sends the main thread's reports in
+//   batches: at once when the queue runs dry, else when kReportDelay has
+//   passed since the oldest one (a long evaluation never holds back the
+//   results before it), or when a batch is full.
+//   the main thread runs the queued evaluations one after another.
 //
-// Threads: run() on the worker's main thread; the watcher's own thread.
+// States: Serving -(kExit, or the client's end of the socket)-> Leaving
+// (queued work is skipped, a running function is asked to stop) -> Ended
+// (the main thread has returned and the reports are out).
+//
+// Threads: run() on the worker's main thread, which starts and joins the
+// I/O thread. `mutex_` guards what the two threads share.
 
+#include "Batch.hpp"
 #include "Codec.hpp"
-#include "PollPacer.hpp"
+#include "ControlChannel.hpp"
 
 #include <foundation/core/sync/Mutex.hpp>
 
@@ -22,58 +29,57 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <thread>
+#include <deque>
+#include <optional>
 
 namespace mpipool {
 
-// Watches for the stop request of the task that the main thread runs.
-// States: Idle -(watch)-> Watching -(unwatch)-> Idle. Every kPollInterval,
-// while Watching, it polls for kStop only (taking the MPI mutex for the poll)
-// and sets the stop flag when a request names the watched task. It is never
-// woken for a task: a short evaluation ends before the next poll and costs
-// the watcher nothing, and a stop request waits at most one interval.
-class StopWatcher {
-public:
-    static constexpr std::chrono::microseconds kPollInterval{1000};
-
-    StopWatcher(const boost::mpi::communicator& comm, foundation::core::sync::Mutex& mpiMutex);
-    ~StopWatcher();
-    StopWatcher(const StopWatcher&) = delete;
-    StopWatcher& operator=(const StopWatcher&) = delete;
-
-    // Clears the stop flag and watches for requests naming `id`. Main thread.
-    void watch(codec::TaskId id) QZ_EXCLUDES(mutex_);
-    void unwatch() QZ_EXCLUDES(mutex_);
-    const std::atomic<bool>& stopFlag() const noexcept { return stop_; }
-
-private:
-    void loop() noexcept QZ_EXCLUDES(mutex_);
-    // One poll for a stop request. Watcher thread.
-    void pollOnce() QZ_EXCLUDES(mutex_, mpiMutex_);
-
-    const boost::mpi::communicator& comm_;
-    foundation::core::sync::Mutex& mpiMutex_;
-    foundation::core::sync::Mutex mutex_;
-    std::condition_variable quitNews_;
-    std::atomic<bool> watching_{false};
-    codec::TaskId watched_ QZ_GUARDED_BY(mutex_) = 0;
-    bool quit_ QZ_GUARDED_BY(mutex_) = false;
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
-};
-
 class WorkerLoop {
 public:
-    explicit WorkerLoop(const boost::mpi::communicator& comm);
+    static constexpr std::chrono::microseconds kReportDelay{500};
+    static constexpr std::size_t kReportBatchItems = 64;
+    static constexpr std::size_t kReportBatchBytes = std::size_t{256} << 10;
 
-    // Serves until the client ends the cluster.
-    void run() QZ_EXCLUDES(mpiMutex_);
+    WorkerLoop(const boost::mpi::communicator& comm, ControlSocket& control);
+
+    // Serves until the client ends the cluster or is gone. Main thread.
+    void run() QZ_EXCLUDES(mutex_);
 
 private:
+    using Clock = std::chrono::steady_clock;
+
+    void ioLoop() noexcept QZ_EXCLUDES(mutex_);
+    // Handles the frames read; false once the client is gone. I/O thread.
+    bool handleFrames(std::vector<FrameMessage>& frames) QZ_EXCLUDES(mutex_);
+    // Receives the announced MPI messages that have arrived. I/O thread.
+    void receiveAnnounced() QZ_EXCLUDES(mutex_);
+    void queueTasks(const protocol::Bytes& batch) QZ_EXCLUDES(mutex_);
+    void stop(codec::TaskId id) QZ_EXCLUDES(mutex_);
+    void leave() QZ_EXCLUDES(mutex_);
+    // Sends the reports if they are due (or `force`). I/O thread.
+    void sendReports(bool force) QZ_EXCLUDES(mutex_);
+    // How long the I/O thread may sleep. Called with `mutex_` held.
+    std::chrono::microseconds sleepLimit() const QZ_REQUIRES(mutex_);
+    // Adds a report and wakes the I/O thread when the batch is due. Main thread.
+    void report(batch::Report kind, codec::TaskId id, std::uint64_t runMicros,
+                std::string_view result) QZ_REQUIRES(mutex_);
+
     const boost::mpi::communicator& comm_;
-    foundation::core::sync::Mutex mpiMutex_;
-    std::condition_variable noNews_; // nothing local wakes the main thread: MPI is polled
-    StopWatcher watcher_;
+    ControlSocket& control_;
+    Waker waker_;
+    protocol::Outbox outbox_; // I/O thread
+    std::size_t announced_ = 0; // messages the client announced, not yet received; I/O thread
+
+    foundation::core::sync::Mutex mutex_;
+    std::condition_variable work_; // tasks queued, or leaving
+    std::deque<codec::TaskMessage> queue_ QZ_GUARDED_BY(mutex_);
+    std::optional<codec::TaskId> running_ QZ_GUARDED_BY(mutex_);
+    std::atomic<bool> stop_{false}; // the running evaluation's stop request
+    bool leaving_ QZ_GUARDED_BY(mutex_) = false;
+    bool ended_ QZ_GUARDED_BY(mutex_) = false; // the main thread has returned
+    batch::Writer reports_ QZ_GUARDED_BY(mutex_);
+    Clock::time_point oldestReport_ QZ_GUARDED_BY(mutex_);
+    bool reportsDue_ QZ_GUARDED_BY(mutex_) = false;
 };
 
 } // namespace mpipool

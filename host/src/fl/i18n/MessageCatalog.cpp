@@ -153,6 +153,12 @@ const std::unordered_map<std::string_view, std::u16string_view>& catalogue() {
          u"The client process (rank 0) opens cluster pools; only worker processes serve."},
         {"KORVEX:mpipool:UnreadableMessage",
          u"A message from another process of the cluster could not be read: {0}"},
+        {"KORVEX:mpipool:WorkerLost",
+         u"The worker process of rank {0} is gone; the work that ran there is lost."},
+        {"KORVEX:mpipool:NoWorkersLeft",
+         u"Every worker process of the cluster pool is gone; it cannot run any more work."},
+        {"KORVEX:mpipool:ClusterEnded",
+         u"The cluster of this process has ended; MPI cannot start again in one process."},
         // The class-object system.
         {"KORVEX:kcos:UndefinedClass", u"Unable to find the class '{0}'."},
         {"KORVEX:kcos:NoSuchProperty", u"Unrecognised property '{0}' of class '{1}'."},

@@ -1,0 +1,104 @@
+#pragma once
+
+// The batches that travel as one MPI message (Protocol.hpp): kTasks holds
+// encoded evaluations, kReports holds what a worker reports of them. Items
+// are length-prefixed; every number is 64-bit, in the machine's order (all
+// processes run one build on one kind of machine).
+//
+//   task item     size, encoded task (Codec.hpp)
+//   report item   kind, task id, run time in microseconds, size, encoded
+//                 result (size 0 but for Finished)
+//
+// Threads: any; a writer or reader is used by one thread.
+
+#include "Protocol.hpp"
+
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <string_view>
+
+namespace mpipool::batch {
+
+enum class Report : std::uint64_t { Started = 1, Finished = 2, Skipped = 3 };
+
+struct ReportItem {
+    Report kind;
+    std::uint64_t id;
+    std::uint64_t runMicros;
+    std::string_view result; // into the batch's bytes
+};
+
+class Writer {
+public:
+    void addTask(std::string_view encoded) {
+        put(encoded.size());
+        bytes_.append(encoded);
+        ++count_;
+    }
+    void addReport(Report kind, std::uint64_t id, std::uint64_t runMicros = 0,
+                   std::string_view result = {}) {
+        put(static_cast<std::uint64_t>(kind));
+        put(id);
+        put(runMicros);
+        put(result.size());
+        bytes_.append(result);
+        ++count_;
+    }
+    std::size_t count() const noexcept { return count_; }
+    std::size_t size() const noexcept { return bytes_.size(); }
+    bool empty() const noexcept { return count_ == 0; }
+    protocol::Bytes take() noexcept {
+        count_ = 0;
+        return std::move(bytes_);
+    }
+
+private:
+    void put(std::uint64_t value) { bytes_.append(reinterpret_cast<const char*>(&value), 8); }
+    protocol::Bytes bytes_;
+    std::size_t count_ = 0;
+};
+
+// Reads items until the end; a malformed batch reads as ending early.
+class Reader {
+public:
+    explicit Reader(std::string_view bytes) : rest_(bytes) {}
+
+    std::optional<std::string_view> nextTask() {
+        std::uint64_t size = 0;
+        if (!get(size) || size > rest_.size()) {
+            return std::nullopt;
+        }
+        return take(size);
+    }
+    std::optional<ReportItem> nextReport() {
+        std::uint64_t kind = 0;
+        ReportItem item{};
+        std::uint64_t size = 0;
+        if (!get(kind) || !get(item.id) || !get(item.runMicros) || !get(size) ||
+            size > rest_.size()) {
+            return std::nullopt;
+        }
+        item.kind = static_cast<Report>(kind);
+        item.result = take(size);
+        return item;
+    }
+
+private:
+    bool get(std::uint64_t& value) {
+        if (rest_.size() < 8) {
+            return false;
+        }
+        std::memcpy(&value, rest_.data(), 8);
+        rest_.remove_prefix(8);
+        return true;
+    }
+    std::string_view take(std::size_t size) {
+        const std::string_view taken = rest_.substr(0, size);
+        rest_.remove_prefix(size);
+        return taken;
+    }
+    std::string_view rest_;
+};
+
+} // namespace mpipool::batch

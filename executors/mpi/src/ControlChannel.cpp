@@ -1,0 +1,204 @@
+#include "ControlChannel.hpp"
+
+#include <boost/asio/connect.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/host_name.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/read.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/mpi/collectives/broadcast.hpp>
+#include <boost/serialization/string.hpp>
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+namespace mpipool {
+
+namespace {
+
+using boost::asio::ip::tcp;
+
+// How long the workers have to connect when the cluster starts.
+constexpr std::chrono::seconds kConnectTimeout{60};
+
+void setOption(int fd, int level, int name, int value) {
+    ::setsockopt(fd, level, name, &value, sizeof value);
+}
+
+// Frames go out at once; a silent peer is given up after kDeadPeerTimeout.
+int prepared(tcp::socket& socket) {
+    const int fd = socket.release();
+    const int seconds = static_cast<int>(kDeadPeerTimeout.count());
+    setOption(fd, IPPROTO_TCP, TCP_NODELAY, 1);
+    setOption(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
+    setOption(fd, IPPROTO_TCP, TCP_KEEPIDLE, 1);
+    setOption(fd, IPPROTO_TCP, TCP_KEEPINTVL, 1);
+    setOption(fd, IPPROTO_TCP, TCP_KEEPCNT, seconds);
+    setOption(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, seconds * 1000);
+    return fd;
+}
+
+std::string clientHost() {
+    if (const char* host = std::getenv("KORVEX_MPIPOOL_HOST"); host && *host) {
+        return host;
+    }
+    return boost::asio::ip::host_name();
+}
+
+std::vector<std::unique_ptr<ControlSocket>> acceptWorkers(const boost::mpi::communicator& comm) {
+    boost::asio::io_context io;
+    tcp::acceptor acceptor(io, tcp::endpoint(tcp::v4(), 0));
+    std::string address = clientHost() + " " + std::to_string(acceptor.local_endpoint().port());
+    boost::mpi::broadcast(comm, address, protocol::kClientRank);
+
+    std::vector<std::unique_ptr<ControlSocket>> sockets(static_cast<std::size_t>(comm.size() - 1));
+    const auto deadline = std::chrono::steady_clock::now() + kConnectTimeout;
+    for (std::size_t accepted = 0; accepted < sockets.size(); ++accepted) {
+        std::vector<bool> ready;
+        waitReadable({acceptor.native_handle()}, ready,
+                     std::chrono::duration_cast<std::chrono::microseconds>(
+                         deadline - std::chrono::steady_clock::now()));
+        if (!ready[0]) {
+            throw std::runtime_error("a worker did not connect to the client in time");
+        }
+        tcp::socket socket = acceptor.accept();
+        std::uint64_t rank = 0;
+        boost::asio::read(socket, boost::asio::buffer(&rank, sizeof rank));
+        if (rank < 1 || rank > sockets.size() || sockets[rank - 1]) {
+            throw std::runtime_error("a stranger connected to the client");
+        }
+        sockets[rank - 1] = std::make_unique<ControlSocket>(prepared(socket));
+    }
+    return sockets;
+}
+
+std::unique_ptr<ControlSocket> connectToClient(const boost::mpi::communicator& comm) {
+    std::string address;
+    boost::mpi::broadcast(comm, address, protocol::kClientRank);
+    const auto space = address.rfind(' ');
+    boost::asio::io_context io;
+    tcp::resolver resolver(io);
+    tcp::socket socket(io);
+    boost::asio::connect(socket, resolver.resolve(tcp::v4(), address.substr(0, space),
+                                                  address.substr(space + 1)));
+    const auto rank = static_cast<std::uint64_t>(comm.rank());
+    boost::asio::write(socket, boost::asio::buffer(&rank, sizeof rank));
+    return std::make_unique<ControlSocket>(prepared(socket));
+}
+
+} // namespace
+
+ControlSocket::ControlSocket(int fd) : fd_(fd) {}
+
+ControlSocket::~ControlSocket() {
+    ::close(fd_);
+}
+
+bool ControlSocket::write(protocol::Frame frame, std::uint64_t value) noexcept {
+    std::array<unsigned char, kFrameSize> bytes{};
+    bytes[0] = static_cast<unsigned char>(frame);
+    std::memcpy(bytes.data() + 1, &value, sizeof value);
+    std::size_t written = 0;
+    while (written < bytes.size()) {
+        const ssize_t n =
+            ::send(fd_, bytes.data() + written, bytes.size() - written, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        written += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+bool ControlSocket::readAvailable(std::vector<FrameMessage>& frames) noexcept {
+    std::array<unsigned char, 4096> buffer{};
+    while (true) {
+        const ssize_t n = ::recv(fd_, buffer.data(), buffer.size(), MSG_DONTWAIT);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            return true;
+        }
+        if (n <= 0) {
+            return false; // the end of the stream, or a broken connection
+        }
+        for (ssize_t i = 0; i < n; ++i) {
+            partial_[partialSize_++] = buffer[static_cast<std::size_t>(i)];
+            if (partialSize_ == kFrameSize) {
+                FrameMessage message{static_cast<protocol::Frame>(partial_[0]), 0};
+                std::memcpy(&message.value, partial_.data() + 1, sizeof message.value);
+                frames.push_back(message);
+                partialSize_ = 0;
+            }
+        }
+    }
+}
+
+Waker::Waker() : fd_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+    if (fd_ < 0) {
+        throw std::runtime_error("no event file descriptor for the cluster pool");
+    }
+}
+
+Waker::~Waker() {
+    ::close(fd_);
+}
+
+void Waker::wake() noexcept {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const ssize_t n = ::write(fd_, &one, sizeof one);
+}
+
+void Waker::drain() noexcept {
+    std::uint64_t count = 0;
+    [[maybe_unused]] const ssize_t n = ::read(fd_, &count, sizeof count);
+}
+
+std::vector<std::unique_ptr<ControlSocket>> connectControlChannels(
+    const boost::mpi::communicator& comm) {
+    if (comm.rank() == protocol::kClientRank) {
+        return acceptWorkers(comm);
+    }
+    std::vector<std::unique_ptr<ControlSocket>> sockets;
+    sockets.push_back(connectToClient(comm));
+    return sockets;
+}
+
+void waitReadable(const std::vector<int>& fds, std::vector<bool>& ready,
+                  std::chrono::microseconds timeout) {
+    std::vector<pollfd> polled;
+    polled.reserve(fds.size());
+    for (const int fd : fds) {
+        polled.push_back({fd, POLLIN, 0});
+    }
+    timespec limit{};
+    if (timeout.count() >= 0) {
+        limit.tv_sec = static_cast<time_t>(timeout.count() / 1'000'000);
+        limit.tv_nsec = static_cast<long>(timeout.count() % 1'000'000) * 1000;
+    }
+    int n = 0;
+    do {
+        n = ::ppoll(polled.data(), polled.size(), timeout.count() < 0 ? nullptr : &limit, nullptr);
+    } while (n < 0 && errno == EINTR);
+    ready.assign(fds.size(), false);
+    for (std::size_t i = 0; i < polled.size(); ++i) {
+        ready[i] = (polled[i].revents & (POLLIN | POLLHUP | POLLERR)) != 0;
+    }
+}
+
+} // namespace mpipool

@@ -1,0 +1,85 @@
+#pragma once
+
+// The control channel between the client and one worker: a TCP connection
+// carrying 9-byte frames (Protocol.hpp), and the setup that connects every
+// worker to the client when the cluster starts. A thread that sleeps waits
+// on these sockets (and a Waker for news of its own process) with poll().
+//
+// Lost processes: the kernel closes the sockets of a process that dies, so
+// the other end reads the end of the stream at once. A machine that stops
+// answering is noticed by TCP keepalive and the unacknowledged-data timeout
+// (kDeadPeerTimeout).
+//
+// Threads: a ControlSocket is read by one thread and written by one thread.
+
+#include "Protocol.hpp"
+
+#include <boost/mpi/communicator.hpp>
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace mpipool {
+
+inline constexpr std::chrono::seconds kDeadPeerTimeout{3};
+
+struct FrameMessage {
+    protocol::Frame frame;
+    std::uint64_t value;
+};
+
+class ControlSocket {
+public:
+    explicit ControlSocket(int fd);
+    ~ControlSocket();
+    ControlSocket(const ControlSocket&) = delete;
+    ControlSocket& operator=(const ControlSocket&) = delete;
+
+    int fd() const noexcept { return fd_; }
+    // Writes one frame; false when the peer is gone.
+    bool write(protocol::Frame frame, std::uint64_t value = 0) noexcept;
+    // Reads what has arrived without blocking and appends the whole frames;
+    // false once the stream has ended or broken (the frames before the end
+    // are still appended).
+    bool readAvailable(std::vector<FrameMessage>& frames) noexcept;
+
+private:
+    static constexpr std::size_t kFrameSize = 9;
+    int fd_;
+    std::array<unsigned char, kFrameSize> partial_{};
+    std::size_t partialSize_ = 0;
+};
+
+// Wakes a thread asleep in poll() from another thread of this process.
+class Waker {
+public:
+    Waker();
+    ~Waker();
+    Waker(const Waker&) = delete;
+    Waker& operator=(const Waker&) = delete;
+
+    int fd() const noexcept { return fd_; }
+    void wake() noexcept;
+    void drain() noexcept;
+
+private:
+    int fd_;
+};
+
+// Connects the workers of `comm` to its rank 0: collective, every rank calls
+// it once when the cluster starts. On rank 0, the socket of each worker
+// (index rank - 1); on a worker, its one socket to the client. The client
+// listens on the address KORVEX_MPIPOOL_HOST names, else its host name.
+// Throws std::runtime_error when the connections cannot be made.
+std::vector<std::unique_ptr<ControlSocket>> connectControlChannels(
+    const boost::mpi::communicator& comm);
+
+// Waits until one of `fds` is readable or `timeout` passes (negative: no
+// limit); the readable ones are flagged in `ready`.
+void waitReadable(const std::vector<int>& fds, std::vector<bool>& ready,
+                  std::chrono::microseconds timeout);
+
+} // namespace mpipool
