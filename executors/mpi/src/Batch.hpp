@@ -20,7 +20,7 @@
 
 namespace mpipool::batch {
 
-enum class Report : std::uint64_t { Started = 1, Finished = 2, Skipped = 3 };
+enum class Report : std::uint64_t { Finished = 2, Skipped = 3 };
 
 struct ReportItem {
     Report kind;

@@ -86,11 +86,11 @@ void ClientLink::run() noexcept {
             if (ready[0]) {
                 work_->waker().drain();
             }
-            readFrames(ready);
             // What the workers said frees them first; their next tasks go out
             // before the notifications run, so that workers and client
             // overlap.
             std::vector<Event> events;
+            readFrames(ready, events);
             receiveReports(events);
             const WorkList::Orders orders = work_->takeOrders(windows());
             for (const WorkList::Send& batch : orders.sends) {
@@ -137,7 +137,7 @@ void ClientLink::run() noexcept {
     }
 }
 
-void ClientLink::readFrames(const std::vector<bool>& ready) {
+void ClientLink::readFrames(const std::vector<bool>& ready, std::vector<Event>& events) {
     std::vector<FrameMessage> frames;
     for (std::size_t worker = 0; worker < control_.size(); ++worker) {
         if (!ready[worker + 1] || gone_[worker]) {
@@ -148,6 +148,10 @@ void ClientLink::readFrames(const std::vector<bool>& ready) {
         for (const FrameMessage& frame : frames) {
             if (frame.frame == protocol::Frame::Wake) {
                 ++announced_[worker];
+            } else if (frame.frame == protocol::Frame::Started) {
+                if (auto task = work_->started(worker, frame.value)) {
+                    events.push_back({std::move(task), Event::Started, std::nullopt, worker});
+                }
             }
         }
     }
@@ -177,13 +181,13 @@ void ClientLink::readReports(std::size_t worker, const protocol::Bytes& bytes,
                              std::vector<Event>& events) {
     batch::Reader reader(bytes);
     while (const auto item = reader.nextReport()) {
-        std::shared_ptr<ClusterTask> task = item->kind == batch::Report::Started
-                                                ? work_->started(worker, item->id)
-                                                : work_->finish(worker, item->id);
+        std::shared_ptr<ClusterTask> task = work_->finish(worker, item->id);
         if (!task) {
-            continue; // its worker was lost and the task failed, or went elsewhere
+            continue; // not in flight there: a report this build cannot have sent
         }
-        Event event{std::move(task), item->kind, std::nullopt, worker};
+        Event event{std::move(task),
+                    item->kind == batch::Report::Skipped ? Event::Skipped : Event::Finished,
+                    std::nullopt, worker};
         if (item->kind == batch::Report::Finished) {
             lastRun_[worker] = item->runMicros;
             event.result = codec::decodeResult(protocol::Bytes(item->result));
@@ -202,10 +206,10 @@ void ClientLink::send(const WorkList::Send& send, std::vector<Event>& events) {
         } catch (...) {
             // Cannot be sent after all: it fails as if it ran.
             work_->finish(send.worker, task->getId());
-            events.push_back({task, batch::Report::Started, std::nullopt, send.worker});
+            events.push_back({task, Event::Started, std::nullopt, send.worker});
             codec::ResultMessage failure;
             failure.result = codec::OutputsOrError(std::current_exception());
-            events.push_back({task, batch::Report::Finished, std::move(failure), send.worker});
+            events.push_back({task, Event::Finished, std::move(failure), send.worker});
         }
     }
     if (tasks.empty()) {
@@ -222,17 +226,17 @@ void ClientLink::send(const WorkList::Send& send, std::vector<Event>& events) {
 void ClientLink::deliver(Event& event) {
     ClusterTask& task = *event.task;
     switch (event.kind) {
-    case batch::Report::Started:
+    case Event::Started:
         // The timeline puts the task on the lane of the rank that runs it.
         parallel::language::future::TimelineRecorder::nameThisThread(
             "rank " + std::to_string(ranks_[event.worker]));
         executor::notifySafely("mpipool", "Running", [&] { task.markRunning(); });
         break;
-    case batch::Report::Finished:
+    case Event::Finished:
         task.setResult(std::move(event.result->result), std::move(event.result->diary));
         executor::notifySafely("mpipool", "Finished", [&] { task.markFinished(); });
         break;
-    case batch::Report::Skipped:
+    case Event::Skipped:
         // Stopped before it started: a cancel, or the pool's shutdown.
         executor::notifySafely("mpipool", "Finished", [&] { executor::cancelUnrun(task); });
         break;

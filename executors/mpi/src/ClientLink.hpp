@@ -70,8 +70,9 @@ public:
 private:
     // A worker's report of a task.
     struct Event {
+        enum Kind { Started, Finished, Skipped };
         std::shared_ptr<ClusterTask> task;
-        batch::Report kind;
+        Kind kind;
         std::optional<codec::ResultMessage> result;
         std::size_t worker;
     };
@@ -80,7 +81,7 @@ private:
                std::vector<ControlSocket*> control, std::shared_ptr<LostRanks> lost);
     void run() noexcept;
     // Reads the control frames of the ready sockets. Link thread.
-    void readFrames(const std::vector<bool>& ready);
+    void readFrames(const std::vector<bool>& ready, std::vector<Event>& events);
     // Receives the announced reports that have arrived. Link thread.
     void receiveReports(std::vector<Event>& events);
     void readReports(std::size_t worker, const protocol::Bytes& bytes, std::vector<Event>& events);

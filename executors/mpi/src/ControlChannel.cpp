@@ -109,6 +109,7 @@ bool ControlSocket::write(protocol::Frame frame, std::uint64_t value) noexcept {
     std::array<unsigned char, kFrameSize> bytes{};
     bytes[0] = static_cast<unsigned char>(frame);
     std::memcpy(bytes.data() + 1, &value, sizeof value);
+    const foundation::core::sync::LockGuard lock(writeMutex_);
     std::size_t written = 0;
     while (written < bytes.size()) {
         const ssize_t n =

@@ -10,9 +10,12 @@
 // answering is noticed by TCP keepalive and the unacknowledged-data timeout
 // (kDeadPeerTimeout).
 //
-// Threads: a ControlSocket is read by one thread and written by one thread.
+// Threads: a ControlSocket is read by one thread; any thread writes (one
+// frame at a time, under its mutex).
 
 #include "Protocol.hpp"
+
+#include <foundation/core/sync/Mutex.hpp>
 
 #include <boost/mpi/communicator.hpp>
 
@@ -40,7 +43,7 @@ public:
 
     int fd() const noexcept { return fd_; }
     // Writes one frame; false when the peer is gone.
-    bool write(protocol::Frame frame, std::uint64_t value = 0) noexcept;
+    bool write(protocol::Frame frame, std::uint64_t value = 0) noexcept QZ_EXCLUDES(writeMutex_);
     // Reads what has arrived without blocking and appends the whole frames;
     // false once the stream has ended or broken (the frames before the end
     // are still appended).
@@ -49,6 +52,7 @@ public:
 private:
     static constexpr std::size_t kFrameSize = 9;
     int fd_;
+    foundation::core::sync::Mutex writeMutex_;
     std::array<unsigned char, kFrameSize> partial_{};
     std::size_t partialSize_ = 0;
 };

@@ -12,15 +12,18 @@
 //                        kStop   stop the evaluation with this id, or skip it
 //                                if it has not started
 //                        kExit   leave serve(): the client ends the cluster
-//     worker -> client   kWake   an MPI message follows
+//     worker -> client   kWake     an MPI message follows
+//                        kStarted  the evaluation with this id starts now:
+//                                  sent before it runs, so that the client
+//                                  knows what a lost worker may have run
 //
 //   MPI, on the cluster's own communicator, carries the data: byte buffers
 //   (MPI_CHAR), each announced by a kWake frame sent just before it, so that
 //   a rendezvous send never waits for a receiver that sleeps.
 //
 //     client -> worker   kTasks    a batch of encoded evaluations (Batch.hpp)
-//     worker -> client   kReports  a batch of reports: started, finished
-//                                  (with the encoded result), skipped
+//     worker -> client   kReports  a batch of reports: finished (with the
+//                                  encoded result), skipped
 //
 // A buffer larger than the chunk size travels as a kBig message holding its
 // size and tag, then as many kChunk messages as it takes (64-bit sizes; every MPI
@@ -49,7 +52,7 @@ inline constexpr int kBig = 3;
 inline constexpr int kChunk = 4;
 
 // Control frame tags.
-enum class Frame : std::uint8_t { Wake = 1, Stop = 2, Exit = 3 };
+enum class Frame : std::uint8_t { Wake = 1, Stop = 2, Exit = 3, Started = 4 };
 
 inline constexpr int kClientRank = 0;
 

@@ -38,8 +38,9 @@ void WorkerLoop::run() {
         queue_.pop_front();
         running_ = task.id;
         stop_ = false;
-        report(batch::Report::Started, task.id, 0, {});
         lock.unlock();
+        // Before it runs: a client that loses this worker knows it started.
+        control_.write(protocol::Frame::Started, task.id);
         const auto start = Clock::now();
         const protocol::Bytes result = evaluate(task, stop_);
         const std::uint64_t runMicros = microsSince(start);

@@ -13,6 +13,8 @@
 #include <kvm/KVM.hpp>
 
 #include <atomic>
+#include <cstdlib>
+#include <iostream>
 #include <stdexcept>
 #include <thread>
 
@@ -71,10 +73,21 @@ void registerFunctions() {
         }
         return one(scalar(1));
     });
-    registerFunction("tally",
-                     [](std::size_t, const DvArrayVector&) { return one(scalar(++gTally)); });
+    registerFunction("tally", [](std::size_t numOutputs, const DvArrayVector&) {
+        DvArrayVector out{scalar(++gTally)};
+        if (numOutputs > 1) {
+            out.push_back(scalar(thisRank()));
+        }
+        return out;
+    });
     registerFunction("tallyAndRank", [](std::size_t, const DvArrayVector&) {
         return DvArrayVector{scalar(gTally), scalar(thisRank())};
+    });
+    registerFunction("exitOnRank", [](std::size_t, const DvArrayVector& in) {
+        if (thisRank() == static_cast<int>(firstValue(in))) {
+            std::_Exit(0); // a process that dies without a word
+        }
+        return one(scalar(thisRank()));
     });
     registerFunction("giveObject", [](std::size_t, const DvArrayVector&) {
         const Veldspire::KException::KExceptionEnvelope error("test:object", u"an object");
@@ -124,11 +137,22 @@ std::string errorOf(const std::shared_ptr<future::FevalFuture>& f) {
 int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
     mpipool::testing::registerFunctions();
-    mpipool::Cluster cluster(argc, argv);
-    if (!cluster.isClient()) {
-        return cluster.serve();
+    int result = 0;
+    {
+        mpipool::Cluster cluster(argc, argv);
+        if (!cluster.isClient()) {
+            return cluster.serve();
+        }
+        mpipool::testing::gCluster = &cluster;
+        const auto interpreter = kvm::KVM::create();
+        result = RUN_ALL_TESTS();
     }
-    mpipool::testing::gCluster = &cluster;
-    const auto interpreter = kvm::KVM::create();
-    return RUN_ALL_TESTS();
+    // MPI starts once per process: a second cluster is refused.
+    const std::string again =
+        mpipool::testing::thrownBy([&] { mpipool::Cluster second(argc, argv); });
+    if (again != "KORVEX:mpipool:ClusterEnded") {
+        std::cerr << "a second cluster gave '" << again << "'" << std::endl;
+        result = 1;
+    }
+    return result;
 }

@@ -31,7 +31,10 @@ using testsupport::thrownBy;
 //                  envelope with two causes, 3 a host typed error, 4 a non-exception
 //   "untilStopped" waits until its task is asked to stop, then gives 1
 //   "tally"        counts its calls in the process; gives the count so far
+//                  (and with two outputs, the rank)
 //   "tallyAndRank" the count so far, without counting, and the rank
+//   "exitOnRank"   ends its process at once if it runs on the rank its input
+//                  names; else gives the rank it ran on
 //   "giveObject"   gives an error object, which cannot be sent
 void registerFunctions();
 

@@ -1,0 +1,85 @@
+// A worker process that dies: run under mpirun with --enable-recovery and
+// two workers, so that the job goes on. The work that ran there fails with
+// "KORVEX:mpipool:WorkerLost", the work that never started there runs on the
+// other worker (once), and once the last worker is gone every unfinished
+// future fails and new work is refused.
+#include "ClusterTestSupport.hpp"
+
+#include <map>
+#include <set>
+
+namespace mpipool::testing {
+namespace {
+
+using FuturePtr = std::shared_ptr<future::FevalFuture>;
+
+// The error identifier of task `i` of `f` ("" without one).
+std::string errorOfTask(const std::shared_ptr<future::FevalOnAllFuture>& f, std::size_t i) {
+    EXPECT_TRUE(future::FutureBase::wait({f}, FutureState::Finished, future::Seconds(60)));
+    const std::exception_ptr error = f->getError()[i];
+    return error ? thrownBy([&] { std::rethrow_exception(error); }) : "";
+}
+
+// Every "tally" that ran gave a count of its process, or failed because its
+// worker was lost. A task run twice (once on the lost worker, unreported, and
+// again elsewhere) leaves a count of the lost worker that no result and no
+// failure accounts for.
+void expectNothingRanTwice(const std::vector<FuturePtr>& tallies, int lostRank) {
+    std::map<int, std::set<double>> counts;
+    std::size_t lost = 0;
+    for (const FuturePtr& f : tallies) {
+        if (!errorOf(f).empty()) {
+            EXPECT_EQ(errorOf(f), "KORVEX:mpipool:WorkerLost");
+            ++lost;
+            continue;
+        }
+        const DvArrayVector out = f->getTask()->getOutputsOrError().value().value();
+        const auto rank = static_cast<int>(valueOf(out.at(1).get()));
+        EXPECT_TRUE(counts[rank].insert(valueOf(out.at(0).get())).second);
+    }
+    for (const auto& [rank, seen] : counts) {
+        const auto unaccounted = static_cast<std::size_t>(*seen.rbegin()) - seen.size();
+        EXPECT_LE(unaccounted, rank == lostRank ? lost : 0) << "rank " << rank;
+    }
+}
+
+TEST(MpiPoolWorkerLoss, FailsTheLostWorkOnlyAndGoesOnWithTheOthers) {
+    MpiPool pool(cluster());
+    ASSERT_EQ(pool.getNumWorkers(), 2u);
+
+    // Phase 1: rank 2 dies while both workers have work in flight.
+    std::vector<FuturePtr> tallies;
+    for (int i = 0; i < 200; ++i) {
+        tallies.push_back(pool.submit(handle("tally"), 2, {}));
+    }
+    const auto dies = pool.submitOnAll(handle("exitOnRank"), 1, {scalar(2)});
+    for (int i = 0; i < 200; ++i) {
+        tallies.push_back(pool.submit(handle("tally"), 2, {}));
+    }
+    EXPECT_EQ(errorOfTask(dies, 0), "");
+    EXPECT_EQ(errorOfTask(dies, 1), "KORVEX:mpipool:WorkerLost");
+    expectNothingRanTwice(tallies, 2);
+    EXPECT_EQ(pool.getNumWorkers(), 1u);
+    const FuturePtr later = pool.submit(handle("tally"), 2, {});
+    EXPECT_EQ(errorOf(later), "");
+
+    // Phase 2: the last worker dies with work queued behind it.
+    const FuturePtr last = pool.submit(handle("exitOnRank"), 1, {scalar(1)});
+    std::vector<FuturePtr> stranded;
+    for (int i = 0; i < 20; ++i) {
+        stranded.push_back(pool.submit(handle("plusOne"), 1, {scalar(i)}));
+    }
+    EXPECT_EQ(errorOf(last), "KORVEX:mpipool:WorkerLost");
+    for (const FuturePtr& f : stranded) {
+        const std::string error = errorOf(f);
+        EXPECT_TRUE(error == "KORVEX:mpipool:NoWorkersLeft" || error.empty()) << error;
+    }
+    EXPECT_EQ(pool.getNumWorkers(), 0u);
+    EXPECT_EQ(thrownBy([&] { pool.submit(handle("plusOne"), 1, {}); }),
+              "KORVEX:mpipool:NoWorkersLeft");
+    EXPECT_EQ(thrownBy([&] { pool.submitOnAll(handle("plusOne"), 1, {}); }),
+              "KORVEX:mpipool:NoWorkersLeft");
+}
+
+} // namespace
+} // namespace mpipool::testing
