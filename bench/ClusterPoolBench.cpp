@@ -9,6 +9,14 @@
 //                           fetchOutputs them all; items_per_second.
 //   MonteCarlo/<pool>/<n>   estimate pi from 64 evaluations of 1,000,000
 //                           samples each on n workers; wall-clock time.
+//   Sporadic/<pool>         one round trip every 10 ms (the workers idle
+//                           in between); time per round trip.
+//   LargeArray/<pool>       a 64 MiB double array there and back.
+//   StopLatency/Cluster     from cancel on the client to the running
+//                           function seeing stopRequested() on its worker
+//                           (one machine: both read one monotonic clock).
+//   IdleWorkerCpu/Cluster   CPU time of a worker process over 2 s with
+//                           nothing to do, as a share of one core.
 //
 // <pool> is Local (LocalPool with 2 worker threads, or n) or Cluster
 // (MpiPool over 2 worker processes, or n).
@@ -25,8 +33,13 @@
 
 #include <benchmark/benchmark.h>
 
+#include <atomic>
+
+#include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <memory>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -63,7 +76,34 @@ double quarterCircleHits(double samples, double seed) {
     return hits;
 }
 
+// The stop request the last "untilStopped" saw, in steady-clock nanoseconds.
+std::atomic<std::int64_t> gStopSeen{0};
+
+std::int64_t steadyNanos() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+double processCpuSeconds() {
+    timespec cpu{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &cpu);
+    return static_cast<double>(cpu.tv_sec) + static_cast<double>(cpu.tv_nsec) * 1e-9;
+}
+
 void registerFunctions() {
+    mpipool::registerFunction("untilStopped", [](std::size_t, const pf::DvArrayVector&) {
+        while (!mpipool::stopRequested()) {
+        }
+        gStopSeen = steadyNanos();
+        return pf::DvArrayVector{};
+    });
+    mpipool::registerFunction("stopSeen", [](std::size_t, const pf::DvArrayVector&) {
+        return pf::DvArrayVector{scalar(static_cast<double>(gStopSeen.load()))};
+    });
+    mpipool::registerFunction("cpuSeconds", [](std::size_t, const pf::DvArrayVector&) {
+        return pf::DvArrayVector{scalar(processCpuSeconds())};
+    });
     mpipool::registerFunction("identity",
                               [](std::size_t, const pf::DvArrayVector& in) { return in; });
     mpipool::registerFunction("monteCarlo", [](std::size_t, const pf::DvArrayVector& in) {
@@ -127,8 +167,83 @@ void BM_MonteCarlo(benchmark::State& state, bool cluster) {
     state.counters["pi"] = estimate;
 }
 
+void BM_Sporadic(benchmark::State& state, bool cluster) {
+    const auto pool = openPool(cluster, 2);
+    const Array function = mpipool::functionHandle("identity");
+    const Array input = scalar(1.0);
+    for (auto _ : state) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        const auto start = std::chrono::steady_clock::now();
+        std::shared_ptr<pf::FutureBase> future = pool->submit(function, 1, {input});
+        pf::DvArrayVector outputs = pf::FutureBase::fetchOutputs({std::move(future)}, true, 1);
+        state.SetIterationTime(
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+        benchmark::DoNotOptimize(outputs.front().get());
+    }
+}
+
+void BM_LargeArray(benchmark::State& state, bool cluster) {
+    const auto pool = openPool(cluster, 2);
+    const Array function = mpipool::functionHandle("identity");
+    constexpr std::size_t kDoubles = (std::size_t{64} << 20) / sizeof(double);
+    const Array input(matrix::to_korvex(matrix::detail::do_create_numeric({kDoubles, 1},
+                                                                          matrix::ClassID::Double)),
+                      false);
+    for (auto _ : state) {
+        std::shared_ptr<pf::FutureBase> future = pool->submit(function, 1, {input});
+        pf::DvArrayVector outputs = pf::FutureBase::fetchOutputs({std::move(future)}, true, 1);
+        benchmark::DoNotOptimize(outputs.front().get());
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(2 * kDoubles * 8));
+}
+
+void BM_StopLatency(benchmark::State& state) {
+    mpipool::MpiPool pool(*gCluster, 1);
+    for (auto _ : state) {
+        const auto running = pool.submit(mpipool::functionHandle("untilStopped"), 0, {});
+        running->getTask()->wait(pf::FutureState::Running,
+                                 pf::clock::getCurrentSteadyTime() + pf::Seconds(60));
+        const std::int64_t cancelled = steadyNanos();
+        running->cancel();
+        const auto seen = pool.submit(mpipool::functionHandle("stopSeen"), 1, {});
+        const pf::DvArrayVector outputs = pf::FutureBase::fetchOutputs({seen}, true, 1);
+        state.SetIterationTime(
+            (dvGetDoubles(outputs.front().get())[0] - static_cast<double>(cancelled)) * 1e-9);
+    }
+}
+
+void BM_IdleWorkerCpu(benchmark::State& state) {
+    mpipool::MpiPool pool(*gCluster, 1);
+    const Array cpuSeconds = mpipool::functionHandle("cpuSeconds");
+    auto readCpu = [&] {
+        const pf::DvArrayVector outputs =
+            pf::FutureBase::fetchOutputs({pool.submit(cpuSeconds, 1, {})}, true, 1);
+        return dvGetDoubles(outputs.front().get())[0];
+    };
+    constexpr double kIdleSeconds = 2.0;
+    double share = 0;
+    for (auto _ : state) {
+        const double before = readCpu();
+        std::this_thread::sleep_for(std::chrono::duration<double>(kIdleSeconds));
+        share = (readCpu() - before) / kIdleSeconds;
+    }
+    state.counters["core_share_percent"] = 100 * share;
+}
+
 } // namespace
 
+BENCHMARK_CAPTURE(BM_Sporadic, Local, false)
+    ->UseManualTime()
+    ->Iterations(100)
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_Sporadic, Cluster, true)
+    ->UseManualTime()
+    ->Iterations(100)
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_LargeArray, Local, false)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_LargeArray, Cluster, true)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_StopLatency)->UseManualTime()->Iterations(50)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_IdleWorkerCpu)->Iterations(1)->Unit(benchmark::kSecond);
 BENCHMARK_CAPTURE(BM_RoundTrip, Local, false)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK_CAPTURE(BM_RoundTrip, Cluster, true)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK_CAPTURE(BM_Throughput, Local, false)

@@ -25,8 +25,7 @@ ClientLink::ClientLink(boost::mpi::communicator comm, std::vector<int> ranks,
     std::ranges::fill(lastRun_, kShortRunMicros);
 }
 
-std::shared_ptr<ClientLink> ClientLink::open(boost::mpi::communicator comm,
-                                             std::vector<int> ranks,
+std::shared_ptr<ClientLink> ClientLink::open(boost::mpi::communicator comm, std::vector<int> ranks,
                                              std::vector<ControlSocket*> control,
                                              std::shared_ptr<LostRanks> lost) {
     std::shared_ptr<ClientLink> link(
@@ -120,11 +119,12 @@ void ClientLink::run() noexcept {
             }
             // Asleep until a frame or news, but for messages on their way.
             std::chrono::microseconds limit(-1);
-            if (std::ranges::any_of(announced_, [](std::size_t n) { return n > 0; })) {
+            if (!outbox_.idle() ||
+                std::ranges::any_of(announced_, [](std::size_t n) { return n > 0; })) {
+                // A message on its way in, or a send that MPI moves only
+                // while it is called: keep at it.
                 limit = std::chrono::microseconds(0);
                 std::this_thread::yield();
-            } else if (!outbox_.idle()) {
-                limit = std::chrono::microseconds(50);
             }
             waitReadable(fds, ready, limit);
         } catch (...) {

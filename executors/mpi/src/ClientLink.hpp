@@ -44,7 +44,7 @@ class ClientLink : public std::enable_shared_from_this<ClientLink> {
 public:
     // At most this many tasks in flight at one worker, while its tasks run
     // shorter than kShortRun and encode to less than kSmallTask bytes.
-    static constexpr std::size_t kMaxInFlight = 16;
+    static constexpr std::size_t kMaxInFlight = 64;
     static constexpr std::uint64_t kShortRunMicros = 1000;
     static constexpr std::size_t kSmallTask = std::size_t{64} << 10;
 
@@ -94,17 +94,17 @@ private:
     std::vector<std::size_t> windows() const;
 
     boost::mpi::communicator comm_;
-    std::vector<int> ranks_;             // worker index -> rank
+    std::vector<int> ranks_;              // worker index -> rank
     std::vector<ControlSocket*> control_; // worker index -> its control socket
     std::shared_ptr<LostRanks> lost_;
     std::shared_ptr<WorkList> work_;
     protocol::Outbox outbox_;
 
     // Link thread only, per worker.
-    std::vector<std::size_t> announced_;  // reports announced, not yet received
-    std::vector<bool> gone_;              // the end of its control stream was read
-    std::vector<std::uint64_t> lastRun_;  // run time of its last task, microseconds
-    std::vector<std::size_t> lastSize_;   // encoded size of its last task
+    std::vector<std::size_t> announced_; // reports announced, not yet received
+    std::vector<bool> gone_;             // the end of its control stream was read
+    std::vector<std::uint64_t> lastRun_; // run time of its last task, microseconds
+    std::vector<std::size_t> lastSize_;  // encoded size of its last task
 
     std::shared_future<void> finished_;
     std::thread::id threadId_;

@@ -62,8 +62,7 @@ Cluster::Cluster(int& argc, char**& argv) : impl_(std::make_unique<Impl>()) {
     try {
         impl_->control = connectControlChannels(impl_->comm);
     } catch (...) {
-        std::cerr << "mpipool: process " << impl_->comm.rank()
-                  << " could not connect the cluster: "
+        std::cerr << "mpipool: process " << impl_->comm.rank() << " could not connect the cluster: "
                   << boost::current_exception_diagnostic_information() << std::endl;
         boost::mpi::environment::abort(1);
     }

@@ -90,8 +90,8 @@ std::unique_ptr<ControlSocket> connectToClient(const boost::mpi::communicator& c
     boost::asio::io_context io;
     tcp::resolver resolver(io);
     tcp::socket socket(io);
-    boost::asio::connect(socket, resolver.resolve(tcp::v4(), address.substr(0, space),
-                                                  address.substr(space + 1)));
+    boost::asio::connect(
+        socket, resolver.resolve(tcp::v4(), address.substr(0, space), address.substr(space + 1)));
     const auto rank = static_cast<std::uint64_t>(comm.rank());
     boost::asio::write(socket, boost::asio::buffer(&rank, sizeof rank));
     return std::make_unique<ControlSocket>(prepared(socket));
@@ -112,8 +112,7 @@ bool ControlSocket::write(protocol::Frame frame, std::uint64_t value) noexcept {
     const foundation::core::sync::LockGuard lock(writeMutex_);
     std::size_t written = 0;
     while (written < bytes.size()) {
-        const ssize_t n =
-            ::send(fd_, bytes.data() + written, bytes.size() - written, MSG_NOSIGNAL);
+        const ssize_t n = ::send(fd_, bytes.data() + written, bytes.size() - written, MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR) {
             continue;
         }
@@ -170,8 +169,8 @@ void Waker::drain() noexcept {
     [[maybe_unused]] const ssize_t n = ::read(fd_, &count, sizeof count);
 }
 
-std::vector<std::unique_ptr<ControlSocket>> connectControlChannels(
-    const boost::mpi::communicator& comm) {
+std::vector<std::unique_ptr<ControlSocket>>
+connectControlChannels(const boost::mpi::communicator& comm) {
     if (comm.rank() == protocol::kClientRank) {
         return acceptWorkers(comm);
     }

@@ -78,8 +78,8 @@ private:
 // (index rank - 1); on a worker, its one socket to the client. The client
 // listens on the address KORVEX_MPIPOOL_HOST names, else its host name.
 // Throws std::runtime_error when the connections cannot be made.
-std::vector<std::unique_ptr<ControlSocket>> connectControlChannels(
-    const boost::mpi::communicator& comm);
+std::vector<std::unique_ptr<ControlSocket>>
+connectControlChannels(const boost::mpi::communicator& comm);
 
 // Waits until one of `fds` is readable or `timeout` passes (negative: no
 // limit); the readable ones are flagged in `ready`.

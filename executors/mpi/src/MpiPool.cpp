@@ -45,8 +45,8 @@ struct MpiPool::Impl {
                                             unsigned int numOutputs, const DvArrayVector& inputs,
                                             std::optional<std::size_t> worker) {
             checkSendable(function.get(), inputs);
-            return std::make_shared<ClusterTask>(gNextTaskId++, function, numOutputs, inputs,
-                                                 work, worker);
+            return std::make_shared<ClusterTask>(gNextTaskId++, function, numOutputs, inputs, work,
+                                                 worker);
         };
     }
 
@@ -63,8 +63,7 @@ MpiPool::MpiPool(Cluster& cluster, std::optional<std::size_t> numWorkers)
     if (!cluster.isClient()) {
         throw errors::NotClient();
     }
-    impl_->numWorkers =
-        checkedNumWorkers(cluster, cluster.impl_->liveRanks().size(), numWorkers);
+    impl_->numWorkers = checkedNumWorkers(cluster, cluster.impl_->liveRanks().size(), numWorkers);
     impl_->link = cluster.impl_->openLink(impl_->numWorkers);
 }
 
@@ -96,9 +95,9 @@ std::shared_ptr<FevalOnAllFuture> MpiPool::submitOnAll(boost::intrusive_ptr<dvAr
                                                        DvArrayVector inputs,
                                                        kcos::COSInterface* parent) {
     impl_->checkWorkersLeft();
-    auto future = executor::submitOnAllTo(*impl_->link->getWorkList(), std::move(function),
-                                          numOutputs, std::move(inputs), parent,
-                                          impl_->taskMaker());
+    auto future =
+        executor::submitOnAllTo(*impl_->link->getWorkList(), std::move(function), numOutputs,
+                                std::move(inputs), parent, impl_->taskMaker());
     impl_->link->getWorkList()->news();
     return future;
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <climits>
 #include <cstring>
 #include <mutex>
@@ -15,6 +16,10 @@ namespace {
 // 1 GiB: well inside an int count, and few chunks for the largest arrays.
 constexpr std::size_t kDefaultChunkSize = std::size_t{1} << 30;
 std::atomic<std::size_t> gChunkSize{kDefaultChunkSize};
+
+// How long progress() keeps at a pending send before its owner looks at
+// anything else.
+constexpr std::chrono::microseconds kProgressSpin{200};
 
 // The header of a chunked buffer.
 struct BigHeader {
@@ -76,7 +81,13 @@ void Outbox::send(int rank, int tag, Bytes bytes) {
 }
 
 bool Outbox::progress() {
-    std::erase_if(pending_, [](Pending& send) { return send.request.test().has_value(); });
+    // MPI moves a large buffer piece by piece, and only while it is called:
+    // stay a moment with what is pending instead of leaving it to the next
+    // turn of the owner's loop.
+    const auto until = std::chrono::steady_clock::now() + kProgressSpin;
+    do {
+        std::erase_if(pending_, [](Pending& send) { return send.request.test().has_value(); });
+    } while (!pending_.empty() && std::chrono::steady_clock::now() < until);
     return !pending_.empty();
 }
 

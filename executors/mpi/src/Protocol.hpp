@@ -106,7 +106,6 @@ struct Message {
 // whether the sender is lost; then the receive gives up with nothing. The
 // thread that owns the process's MPI side.
 std::optional<Message> receive(const boost::mpi::communicator& comm,
-                               const boost::mpi::status& status,
-                               const std::function<bool()>& gone);
+                               const boost::mpi::status& status, const std::function<bool()>& gone);
 
 } // namespace mpipool::protocol

@@ -57,7 +57,7 @@ public:
     TaskPtr finish(std::size_t worker, codec::TaskId id) QZ_EXCLUDES(mutex_);
 
     struct Loss {
-        std::vector<TaskPtr> failed;   // started there, or pinned there
+        std::vector<TaskPtr> failed;  // started there, or pinned there
         std::vector<TaskPtr> refused; // never started, but the queue has closed
                                       // (the others are queued again)
     };

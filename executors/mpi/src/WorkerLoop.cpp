@@ -96,12 +96,11 @@ void WorkerLoop::ioLoop() noexcept {
                 }
                 limit = sleepLimit();
             }
-            if (announced_ > 0) {
-                limit = std::chrono::microseconds(0); // a message is on its way
+            if (announced_ > 0 || !outbox_.idle()) {
+                // A message on its way in, or a send that MPI moves only
+                // while it is called: keep at it.
+                limit = std::chrono::microseconds(0);
                 std::this_thread::yield();
-            } else if (!outbox_.idle()) {
-                limit = std::min(limit < std::chrono::microseconds(0) ? kReportDelay : limit,
-                                 std::chrono::microseconds(50));
             }
             waitReadable(fds, ready, limit);
             if (ready[1]) {
@@ -124,9 +123,8 @@ void WorkerLoop::ioLoop() noexcept {
             std::this_thread::yield();
         }
     } catch (...) {
-        std::cerr << "mpipool: worker " << comm_.rank()
-                  << " lost its link to the client: " << boost::current_exception_diagnostic_information()
-                  << std::endl;
+        std::cerr << "mpipool: worker " << comm_.rank() << " lost its link to the client: "
+                  << boost::current_exception_diagnostic_information() << std::endl;
         leave(); // the main thread returns once its function does
     }
 }
@@ -215,7 +213,8 @@ void WorkerLoop::sendReports(bool force) {
     protocol::Bytes bytes;
     {
         const LockGuard lock(mutex_);
-        if (reports_.empty() || !(force || reportsDue_ || Clock::now() - oldestReport_ >= kReportDelay)) {
+        if (reports_.empty() ||
+            !(force || reportsDue_ || Clock::now() - oldestReport_ >= kReportDelay)) {
             return;
         }
         reportsDue_ = false;

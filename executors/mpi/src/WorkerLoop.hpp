@@ -37,7 +37,7 @@ namespace mpipool {
 class WorkerLoop {
 public:
     static constexpr std::chrono::microseconds kReportDelay{500};
-    static constexpr std::size_t kReportBatchItems = 64;
+    static constexpr std::size_t kReportBatchItems = 16;
     static constexpr std::size_t kReportBatchBytes = std::size_t{256} << 10;
 
     WorkerLoop(const boost::mpi::communicator& comm, ControlSocket& control);
@@ -67,7 +67,7 @@ private:
     const boost::mpi::communicator& comm_;
     ControlSocket& control_;
     Waker waker_;
-    protocol::Outbox outbox_; // I/O thread
+    protocol::Outbox outbox_;   // I/O thread
     std::size_t announced_ = 0; // messages the client announced, not yet received; I/O thread
 
     foundation::core::sync::Mutex mutex_;
