@@ -3,7 +3,9 @@
 // The batches that travel as one MPI message (Protocol.hpp): kTasks holds
 // encoded evaluations, kReports holds what a worker reports of them. Items
 // are length-prefixed; every number is 64-bit, in the machine's order (all
-// processes run one build on one kind of machine).
+// processes run one build on one kind of machine). An item of kSeparate bytes
+// or more travels alone instead (kTask, kResult), so that a large array is
+// not copied into a batch.
 //
 //   task item     size, encoded task (Codec.hpp)
 //   report item   kind, task id, run time in microseconds, size, encoded
@@ -17,10 +19,14 @@
 #include <cstring>
 #include <optional>
 #include <string_view>
+#include <vector>
 
 namespace mpipool::batch {
 
 enum class Report : std::uint64_t { Finished = 2, Skipped = 3 };
+
+inline constexpr std::size_t kSeparate = std::size_t{64} << 10;
+
 
 struct ReportItem {
     Report kind;
@@ -57,6 +63,55 @@ private:
     void put(std::uint64_t value) { bytes_.append(reinterpret_cast<const char*>(&value), 8); }
     protocol::Bytes bytes_;
     std::size_t count_ = 0;
+};
+
+// Messages for one peer, in the order they go: small items gathered into
+// batches of `batchTag`, large ones alone with `aloneTag`.
+class Outgoing {
+public:
+    Outgoing(int batchTag, int aloneTag) : batchTag_(batchTag), aloneTag_(aloneTag) {}
+
+    // Adds an encoded item; `addSmall` writes it into the open batch when it
+    // is small. Large ones keep their buffer.
+    template <class AddSmall>
+    void add(protocol::Bytes&& encoded, AddSmall addSmall) {
+        ++items_;
+        if (encoded.size() < kSeparate) {
+            addSmall(open_, encoded);
+            return;
+        }
+        closeBatch();
+        messages_.push_back({aloneTag_, std::move(encoded)});
+    }
+    Writer& open() noexcept { return open_; }
+    void countItem() noexcept { ++items_; }
+    std::size_t items() const noexcept { return items_; }
+    bool empty() const noexcept { return items_ == 0; }
+    std::size_t bytes() const noexcept {
+        std::size_t total = open_.size();
+        for (const auto& message : messages_) {
+            total += message.bytes.size();
+        }
+        return total;
+    }
+    // The messages to send, in order; empties this.
+    std::vector<protocol::Message> take() {
+        closeBatch();
+        items_ = 0;
+        return std::move(messages_);
+    }
+
+private:
+    void closeBatch() {
+        if (!open_.empty()) {
+            messages_.push_back({batchTag_, open_.take()});
+        }
+    }
+    int batchTag_;
+    int aloneTag_;
+    Writer open_;
+    std::vector<protocol::Message> messages_;
+    std::size_t items_ = 0;
 };
 
 // Reads items until the end; a malformed batch reads as ending early.

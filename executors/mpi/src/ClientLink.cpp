@@ -147,7 +147,7 @@ void ClientLink::readFrames(const std::vector<bool>& ready, std::vector<Event>& 
         gone_[worker] = !control_[worker]->readAvailable(frames);
         for (const FrameMessage& frame : frames) {
             if (frame.frame == protocol::Frame::Wake) {
-                ++announced_[worker];
+                announced_[worker] += std::max<std::uint64_t>(frame.value, 1);
             } else if (frame.frame == protocol::Frame::Started) {
                 if (auto task = work_->started(worker, frame.value)) {
                     events.push_back({std::move(task), Event::Started, std::nullopt, worker});
@@ -172,6 +172,12 @@ void ClientLink::receiveReports(std::vector<Event>& events) {
             --announced_[worker];
             if (message && message->tag == protocol::kReports) {
                 readReports(worker, message->bytes, events);
+            } else if (message && message->tag == protocol::kResult) {
+                codec::ResultMessage result = codec::decodeResult(message->bytes);
+                if (auto task = work_->finish(worker, result.id)) {
+                    lastRun_[worker] = kShortRunMicros; // large: as if it ran long
+                    events.push_back({std::move(task), Event::Finished, std::move(result), worker});
+                }
             }
         }
     }
@@ -197,12 +203,13 @@ void ClientLink::readReports(std::size_t worker, const protocol::Bytes& bytes,
 }
 
 void ClientLink::send(const WorkList::Send& send, std::vector<Event>& events) {
-    batch::Writer tasks;
+    batch::Outgoing tasks(protocol::kTasks, protocol::kTask);
     for (const auto& task : send.tasks) {
         try {
-            const protocol::Bytes encoded = task->encode();
+            protocol::Bytes encoded = task->encode();
             lastSize_[send.worker] = encoded.size();
-            tasks.addTask(encoded);
+            tasks.add(std::move(encoded),
+                      [](batch::Writer& open, const protocol::Bytes& small) { open.addTask(small); });
         } catch (...) {
             // Cannot be sent after all: it fails as if it ran.
             work_->finish(send.worker, task->getId());
@@ -215,11 +222,14 @@ void ClientLink::send(const WorkList::Send& send, std::vector<Event>& events) {
     if (tasks.empty()) {
         return;
     }
+    std::vector<protocol::Message> messages = tasks.take();
     // The frame first: the worker must be awake to take a large message.
-    if (control_[send.worker]->write(protocol::Frame::Wake)) {
-        outbox_.send(ranks_[send.worker], protocol::kTasks, tasks.take());
-    } else {
+    if (!control_[send.worker]->write(protocol::Frame::Wake, messages.size())) {
         gone_[send.worker] = true;
+        return;
+    }
+    for (protocol::Message& message : messages) {
+        outbox_.send(ranks_[send.worker], message.tag, std::move(message.bytes));
     }
 }
 

@@ -8,11 +8,11 @@
 //   thread waits on sockets, never polls MPI. Its end is the news of a lost
 //   process: the kernel closes a dead process's sockets.
 //
-//     client -> worker   kWake   an MPI message follows (value: unused)
+//     client -> worker   kWake   MPI messages follow (value: how many)
 //                        kStop   stop the evaluation with this id, or skip it
 //                                if it has not started
 //                        kExit   leave serve(): the client ends the cluster
-//     worker -> client   kWake     an MPI message follows
+//     worker -> client   kWake     MPI messages follow (value: how many)
 //                        kStarted  the evaluation with this id starts now:
 //                                  sent before it runs, so that the client
 //                                  knows what a lost worker may have run
@@ -22,8 +22,10 @@
 //   a rendezvous send never waits for a receiver that sleeps.
 //
 //     client -> worker   kTasks    a batch of encoded evaluations (Batch.hpp)
+//                        kTask     one large encoded evaluation
 //     worker -> client   kReports  a batch of reports: finished (with the
 //                                  encoded result), skipped
+//                        kResult   one large encoded result
 //
 // A buffer larger than the chunk size travels as a kBig message holding its
 // size and tag, then as many kChunk messages as it takes (64-bit sizes; every MPI
@@ -50,6 +52,8 @@ inline constexpr int kTasks = 1;
 inline constexpr int kReports = 2;
 inline constexpr int kBig = 3;
 inline constexpr int kChunk = 4;
+inline constexpr int kTask = 5;   // one large encoded evaluation
+inline constexpr int kResult = 6; // one large encoded result
 
 // Control frame tags.
 enum class Frame : std::uint8_t { Wake = 1, Stop = 2, Exit = 3, Started = 4 };
@@ -97,7 +101,7 @@ private:
 };
 
 struct Message {
-    int tag = 0; // kTasks or kReports
+    int tag = 0; // kTasks, kTask, kReports or kResult
     Bytes bytes;
 };
 

@@ -42,11 +42,14 @@ void WorkerLoop::run() {
         // Before it runs: a client that loses this worker knows it started.
         control_.write(protocol::Frame::Started, task.id);
         const auto start = Clock::now();
-        const protocol::Bytes result = evaluate(task, stop_);
+        protocol::Bytes result = evaluate(task, stop_);
         const std::uint64_t runMicros = microsSince(start);
         lock.lock();
         running_.reset();
-        report(batch::Report::Finished, task.id, runMicros, result);
+        reports_.add(std::move(result), [&](batch::Writer& open, const protocol::Bytes& small) {
+            open.addReport(batch::Report::Finished, task.id, runMicros, small);
+        });
+        reported();
     }
     ended_ = true;
     lock.unlock();
@@ -54,16 +57,14 @@ void WorkerLoop::run() {
     io.join();
 }
 
-void WorkerLoop::report(batch::Report kind, codec::TaskId id, std::uint64_t runMicros,
-                        std::string_view result) {
-    if (reports_.empty()) {
+void WorkerLoop::reported() {
+    if (reports_.items() == 1) {
         oldestReport_ = Clock::now();
     }
-    reports_.addReport(kind, id, runMicros, result);
     // Out at once when the worker runs dry (the client waits for nothing
     // else) or the batch is full; else the I/O thread sends it in time.
-    if (queue_.empty() || reports_.count() >= kReportBatchItems ||
-        reports_.size() >= kReportBatchBytes) {
+    if (queue_.empty() || reports_.items() >= kReportBatchItems ||
+        reports_.bytes() >= kReportBatchBytes) {
         reportsDue_ = true;
         waker_.wake();
     }
@@ -133,7 +134,7 @@ bool WorkerLoop::handleFrames(std::vector<FrameMessage>& frames) {
     for (const FrameMessage& frame : frames) {
         switch (frame.frame) {
         case protocol::Frame::Wake:
-            ++announced_;
+            announced_ += std::max<std::uint64_t>(frame.value, 1);
             break;
         case protocol::Frame::Stop:
             // The task may be in a batch announced before: take it in first.
@@ -163,6 +164,13 @@ void WorkerLoop::receiveAnnounced() {
         --announced_;
         if (message && message->tag == protocol::kTasks) {
             queueTasks(message->bytes);
+        } else if (message && message->tag == protocol::kTask) {
+            codec::TaskMessage task = codec::decodeTask(message->bytes);
+            {
+                const LockGuard lock(mutex_);
+                queue_.push_back(std::move(task));
+            }
+            work_.notify_one();
         } else {
             std::cerr << "mpipool: worker " << comm_.rank() << " ignored a message" << std::endl;
         }
@@ -194,7 +202,10 @@ void WorkerLoop::stop(codec::TaskId id) {
         queue_, [id](const codec::TaskMessage& task) { return task.id == id; });
     if (queued != queue_.end()) {
         queue_.erase(queued);
-        report(batch::Report::Skipped, id, 0, {});
+        reports_.add({}, [id](batch::Writer& open, const protocol::Bytes&) {
+            open.addReport(batch::Report::Skipped, id);
+        });
+        reported();
     }
     // Else it has finished: its report is on its way.
 }
@@ -210,7 +221,7 @@ void WorkerLoop::leave() {
 }
 
 void WorkerLoop::sendReports(bool force) {
-    protocol::Bytes bytes;
+    std::vector<protocol::Message> messages;
     {
         const LockGuard lock(mutex_);
         if (reports_.empty() ||
@@ -218,11 +229,13 @@ void WorkerLoop::sendReports(bool force) {
             return;
         }
         reportsDue_ = false;
-        bytes = reports_.take();
+        messages = reports_.take();
     }
     // The frame first: the client must be awake to take a large message.
-    if (control_.write(protocol::Frame::Wake)) {
-        outbox_.send(protocol::kClientRank, protocol::kReports, std::move(bytes));
+    if (control_.write(protocol::Frame::Wake, messages.size())) {
+        for (protocol::Message& message : messages) {
+            outbox_.send(protocol::kClientRank, message.tag, std::move(message.bytes));
+        }
     }
 }
 

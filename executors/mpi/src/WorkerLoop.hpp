@@ -60,9 +60,8 @@ private:
     void sendReports(bool force) QZ_EXCLUDES(mutex_);
     // How long the I/O thread may sleep. Called with `mutex_` held.
     std::chrono::microseconds sleepLimit() const QZ_REQUIRES(mutex_);
-    // Adds a report and wakes the I/O thread when the batch is due. Main thread.
-    void report(batch::Report kind, codec::TaskId id, std::uint64_t runMicros,
-                std::string_view result) QZ_REQUIRES(mutex_);
+    // After a report was added: wakes the I/O thread when the reports are due.
+    void reported() QZ_REQUIRES(mutex_);
 
     const boost::mpi::communicator& comm_;
     ControlSocket& control_;
@@ -77,7 +76,7 @@ private:
     std::atomic<bool> stop_{false}; // the running evaluation's stop request
     bool leaving_ QZ_GUARDED_BY(mutex_) = false;
     bool ended_ QZ_GUARDED_BY(mutex_) = false; // the main thread has returned
-    batch::Writer reports_ QZ_GUARDED_BY(mutex_);
+    batch::Outgoing reports_ QZ_GUARDED_BY(mutex_){protocol::kReports, protocol::kResult};
     Clock::time_point oldestReport_ QZ_GUARDED_BY(mutex_);
     bool reportsDue_ QZ_GUARDED_BY(mutex_) = false;
 };
