@@ -27,7 +27,6 @@ enum class Report : std::uint64_t { Finished = 2, Skipped = 3 };
 
 inline constexpr std::size_t kSeparate = std::size_t{64} << 10;
 
-
 struct ReportItem {
     Report kind;
     std::uint64_t id;

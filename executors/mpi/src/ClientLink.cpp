@@ -208,8 +208,9 @@ void ClientLink::send(const WorkList::Send& send, std::vector<Event>& events) {
         try {
             protocol::Bytes encoded = task->encode();
             lastSize_[send.worker] = encoded.size();
-            tasks.add(std::move(encoded),
-                      [](batch::Writer& open, const protocol::Bytes& small) { open.addTask(small); });
+            tasks.add(std::move(encoded), [](batch::Writer& open, const protocol::Bytes& small) {
+                open.addTask(small);
+            });
         } catch (...) {
             // Cannot be sent after all: it fails as if it ran.
             work_->finish(send.worker, task->getId());

@@ -6,6 +6,7 @@
 #include <boost/exception/diagnostic_information.hpp>
 
 #include <atomic>
+#include <cstdlib>
 #include <iostream>
 
 namespace mpipool {
@@ -59,6 +60,9 @@ Cluster::Cluster(int& argc, char**& argv) : impl_(std::make_unique<Impl>()) {
         boost::mpi::environment::abort(1);
     }
     impl_->comm = boost::mpi::communicator(MPI_COMM_WORLD, boost::mpi::comm_duplicate);
+    if (const char* chunk = std::getenv("KORVEX_MPIPOOL_CHUNK_BYTES"); chunk && *chunk) {
+        protocol::setChunkSize(std::strtoull(chunk, nullptr, 10));
+    }
     try {
         impl_->control = connectControlChannels(impl_->comm);
     } catch (...) {

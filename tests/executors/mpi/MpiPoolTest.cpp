@@ -13,6 +13,7 @@
 #include <Veldspire/KException/KExceptionEnvelope.hpp>
 #include <kcos/array.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <set>
 
@@ -196,6 +197,26 @@ TEST(MpiPool, RefusesWhatCannotBeSentAndLosesNothing) {
               "KORVEX:executor:PoolShutDown");
     EXPECT_EQ(thrownBy([&] { pool.submitOnAll(handle("plusOne"), 1, {}); }),
               "KORVEX:executor:PoolShutDown");
+}
+
+// The tests run with 64 KiB chunks (see CMakeLists.txt): an array of a few
+// MiB crosses in dozens of chunks each way and arrives whole.
+TEST(MpiPool, LargeArraysCrossInChunks) {
+    MpiPool pool(cluster());
+    constexpr std::size_t kDoubles = 300'000;
+    matrix::unique_dvArray big =
+        matrix::detail::do_create_numeric({kDoubles, 1}, matrix::ClassID::Double);
+    for (std::size_t i = 0; i < kDoubles; ++i) {
+        dvGetMutableDoubles(big.get())[i] = static_cast<double>(i) * 0.25;
+    }
+    const Array input(matrix::to_korvex(std::move(big)), false);
+    const FuturePtr f = pool.submit(handle("identity"), 1, {input});
+    ASSERT_TRUE(reaches(f, FutureState::Finished));
+    const auto result = f->getTask()->getOutputsOrError();
+    ASSERT_FALSE(result.hasError()) << errorOf(f);
+    const std::span<const double> back = dvGetDoubles(result.value()->at(0).get());
+    const std::span<const double> sent = dvGetDoubles(input.get());
+    EXPECT_TRUE(std::ranges::equal(back, sent));
 }
 
 // A fetchNext asleep on the interpreter thread wakes as each worker's result arrives.

@@ -21,6 +21,16 @@
 // by the constructor (one thread at a time calls MPI: the main thread, or
 // the link thread of the open pool) and finalized by the destructor.
 //
+// Besides MPI, rank 0 keeps a TCP connection to each worker, made by the
+// constructor: small frames on it wake sleeping threads (no process polls
+// while it has nothing to do), and its end tells of a lost process. A worker
+// whose client is gone leaves serve().
+//
+// Environment: KORVEX_MPIPOOL_HOST, the address the workers reach rank 0 at
+// (default: rank 0's host name); KORVEX_MPIPOOL_CHUNK_BYTES, the largest MPI
+// message (default 1 GiB; larger buffers are sent in chunks), the same on
+// every process.
+//
 // Ownership: one per process, made and destroyed on the main thread.
 
 #include <memory>
@@ -30,7 +40,8 @@ namespace mpipool {
 class Cluster {
 public:
     // Throws the host error "KORVEX:mpipool:ClusterExists" for a second
-    // cluster in one process.
+    // cluster in one process, and "KORVEX:mpipool:ClusterEnded" for one made
+    // after the process's cluster ended (MPI starts once per process).
     Cluster(int& argc, char**& argv);
     ~Cluster();
     Cluster(const Cluster&) = delete;

@@ -17,6 +17,15 @@
 // "KORVEX:executor:PoolShutDown"). The worker processes stay in serve() for
 // the next pool until the cluster ends.
 //
+// Lost workers: a worker process that dies (under mpirun --enable-recovery,
+// which keeps the job going) is noticed at once through its control
+// connection (a machine that stops answering, within a few seconds). The work
+// it had started, and the FevalOnAll tasks pinned to it, fail with
+// "KORVEX:mpipool:WorkerLost" (argument: its rank); what it had not started
+// runs on the others, never twice; getNumWorkers() counts the rest. With no
+// worker left, unfinished work fails with "KORVEX:mpipool:NoWorkersLeft", and
+// so does every new submission.
+//
 // Threads: any thread, on rank 0 only. Task notifications run on the pool's
 // link thread. Futures stay valid after the pool is gone.
 
@@ -54,7 +63,8 @@ public:
     std::shared_ptr<FevalFuture> submit(boost::intrusive_ptr<dvArray> function,
                                         unsigned int numOutputs, DvArrayVector inputs,
                                         kcos::COSInterface* parent = nullptr) override;
-    // Task i runs on worker i (rank i + 1).
+    // Task i runs on worker i (the pool's i-th worker process); a task for a
+    // worker that is lost fails with "KORVEX:mpipool:WorkerLost".
     std::shared_ptr<FevalOnAllFuture> submitOnAll(boost::intrusive_ptr<dvArray> function,
                                                   unsigned int numOutputs, DvArrayVector inputs,
                                                   kcos::COSInterface* parent = nullptr) override;
