@@ -91,6 +91,10 @@ Cluster::~Cluster() {
     }
     impl_->control.clear();
     impl_->comm = boost::mpi::communicator(); // released before MPI is finalized
+    if (impl_->clientLost) {
+        // MPI cannot finalize without rank 0: the process ends without.
+        static_cast<void>(impl_->environment.release());
+    }
     impl_->environment.reset();
     gRank = -1;
     gClusterEnded = true;
@@ -109,7 +113,11 @@ int Cluster::serve() {
         throw errors::ServeOnClient();
     }
     try {
-        WorkerLoop(impl_->comm, *impl_->control.at(0)).run();
+        if (!WorkerLoop(impl_->comm, *impl_->control.at(0)).run()) {
+            std::cerr << "mpipool: worker " << getRank() << " lost its client" << std::endl;
+            impl_->clientLost = true;
+            return 1;
+        }
     } catch (...) {
         // The client would wait for this worker forever: end the whole job.
         std::cerr << "mpipool: worker " << getRank()

@@ -25,6 +25,7 @@ struct Cluster::Impl {
     // Rank 0: one per worker (index rank - 1); a worker: its one to rank 0.
     std::vector<std::unique_ptr<ControlSocket>> control;
     std::shared_ptr<LostRanks> lost; // rank 0
+    bool clientLost = false;         // a worker whose client is gone
 
     foundation::core::sync::Mutex linkMutex;
     std::weak_ptr<ClientLink> link QZ_GUARDED_BY(linkMutex); // the open pool's, rank 0

@@ -26,7 +26,7 @@ std::uint64_t microsSince(std::chrono::steady_clock::time_point start) {
 WorkerLoop::WorkerLoop(const boost::mpi::communicator& comm, ControlSocket& control)
     : comm_(comm), control_(control), outbox_(comm) {}
 
-void WorkerLoop::run() {
+bool WorkerLoop::run() {
     std::thread io([this] { ioLoop(); });
     UniqueLock lock(mutex_);
     while (true) {
@@ -52,9 +52,11 @@ void WorkerLoop::run() {
         reported();
     }
     ended_ = true;
+    const bool clientGone = clientGone_;
     lock.unlock();
     waker_.wake();
     io.join();
+    return !clientGone;
 }
 
 void WorkerLoop::reported() {
@@ -110,9 +112,10 @@ void WorkerLoop::ioLoop() noexcept {
             if (ready[0] && clientThere) {
                 frames.clear();
                 clientThere = control_.readAvailable(frames);
-                if (!handleFrames(frames) || !clientThere) {
-                    clientThere = false;
-                    leave();
+                const bool exit = !handleFrames(frames);
+                if (exit || !clientThere) {
+                    leave(!exit);
+                    clientThere = clientThere && exit;
                 }
             }
             receiveAnnounced();
@@ -126,7 +129,7 @@ void WorkerLoop::ioLoop() noexcept {
     } catch (...) {
         std::cerr << "mpipool: worker " << comm_.rank() << " lost its link to the client: "
                   << boost::current_exception_diagnostic_information() << std::endl;
-        leave(); // the main thread returns once its function does
+        leave(true); // the main thread returns once its function does
     }
 }
 
@@ -210,10 +213,11 @@ void WorkerLoop::stop(codec::TaskId id) {
     // Else it has finished: its report is on its way.
 }
 
-void WorkerLoop::leave() {
+void WorkerLoop::leave(bool clientGone) {
     {
         const LockGuard lock(mutex_);
         leaving_ = true;
+        clientGone_ = clientGone_ || clientGone;
         stop_ = true;
         queue_.clear();
     }

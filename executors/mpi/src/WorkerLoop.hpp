@@ -42,8 +42,9 @@ public:
 
     WorkerLoop(const boost::mpi::communicator& comm, ControlSocket& control);
 
-    // Serves until the client ends the cluster or is gone. Main thread.
-    void run() QZ_EXCLUDES(mutex_);
+    // Serves until the client ends the cluster (true) or is gone (false).
+    // Main thread.
+    bool run() QZ_EXCLUDES(mutex_);
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -55,7 +56,7 @@ private:
     void receiveAnnounced() QZ_EXCLUDES(mutex_);
     void queueTasks(const protocol::Bytes& batch) QZ_EXCLUDES(mutex_);
     void stop(codec::TaskId id) QZ_EXCLUDES(mutex_);
-    void leave() QZ_EXCLUDES(mutex_);
+    void leave(bool clientGone) QZ_EXCLUDES(mutex_);
     // Sends the reports if they are due (or `force`). I/O thread.
     void sendReports(bool force) QZ_EXCLUDES(mutex_);
     // How long the I/O thread may sleep. Called with `mutex_` held.
@@ -75,6 +76,7 @@ private:
     std::optional<codec::TaskId> running_ QZ_GUARDED_BY(mutex_);
     std::atomic<bool> stop_{false}; // the running evaluation's stop request
     bool leaving_ QZ_GUARDED_BY(mutex_) = false;
+    bool clientGone_ QZ_GUARDED_BY(mutex_) = false;
     bool ended_ QZ_GUARDED_BY(mutex_) = false; // the main thread has returned
     batch::Outgoing reports_ QZ_GUARDED_BY(mutex_){protocol::kReports, protocol::kResult};
     Clock::time_point oldestReport_ QZ_GUARDED_BY(mutex_);
