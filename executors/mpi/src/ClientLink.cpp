@@ -80,6 +80,7 @@ void ClientLink::run() noexcept {
         fds.push_back(socket->fd());
     }
     std::vector<bool> ready(fds.size(), false);
+    auto lastActivity = std::chrono::steady_clock::now();
     while (true) {
         try {
             if (ready[0]) {
@@ -117,12 +118,16 @@ void ClientLink::run() noexcept {
             if (orders.drained) {
                 return;
             }
-            // Asleep until a frame or news, but for messages on their way.
+            if (!events.empty() || !orders.sends.empty() || !orders.stops.empty()) {
+                lastActivity = std::chrono::steady_clock::now();
+            }
+            // Asleep until a frame or news, but for a message on its way in,
+            // a send that MPI moves only while it is called, or work a moment
+            // ago.
             std::chrono::microseconds limit(-1);
             if (!outbox_.idle() ||
-                std::ranges::any_of(announced_, [](std::size_t n) { return n > 0; })) {
-                // A message on its way in, or a send that MPI moves only
-                // while it is called: keep at it.
+                std::ranges::any_of(announced_, [](std::size_t n) { return n > 0; }) ||
+                std::chrono::steady_clock::now() - lastActivity < kSpinWindow) {
                 limit = std::chrono::microseconds(0);
                 std::this_thread::yield();
             }

@@ -18,7 +18,7 @@
 // for it is waiting for Finished. The control sockets and the lost-rank
 // flags are the cluster's, which outlives its pools.
 //
-// Threads: close(), liveWorkers() and waitUntilFinished() from any thread;
+// Threads: close() and waitUntilFinished() from any thread;
 // run() is the link thread's.
 
 #include "Batch.hpp"
@@ -47,6 +47,9 @@ public:
     static constexpr std::size_t kMaxInFlight = 64;
     static constexpr std::uint64_t kShortRunMicros = 1000;
     static constexpr std::size_t kSmallTask = std::size_t{64} << 10;
+    // Awake this long after the last activity: back-to-back work skips the
+    // wake-ups.
+    static constexpr std::chrono::microseconds kSpinWindow{0};
 
     // Starts the link thread for workers `ranks`, reached through `control`
     // (index rank - 1).

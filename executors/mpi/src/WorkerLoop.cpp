@@ -30,7 +30,7 @@ bool WorkerLoop::run() {
     std::thread io([this] { ioLoop(); });
     UniqueLock lock(mutex_);
     while (true) {
-        work_.wait(lock.native(), [&] { return leaving_ || !queue_.empty(); });
+        waitForWork(lock);
         if (leaving_) {
             break;
         }
@@ -49,7 +49,11 @@ bool WorkerLoop::run() {
         reports_.add(std::move(result), [&](batch::Writer& open, const protocol::Bytes& small) {
             open.addReport(batch::Report::Finished, task.id, runMicros, small);
         });
-        reported();
+        if (reported()) {
+            lock.unlock();
+            sendReports(false);
+            lock.lock();
+        }
     }
     ended_ = true;
     const bool clientGone = clientGone_;
@@ -59,17 +63,28 @@ bool WorkerLoop::run() {
     return !clientGone;
 }
 
-void WorkerLoop::reported() {
-    if (reports_.items() == 1) {
-        oldestReport_ = Clock::now();
+void WorkerLoop::waitForWork(UniqueLock& lock) {
+    const auto spinUntil = Clock::now() + kSpinWindow;
+    while (!leaving_ && queue_.empty() && Clock::now() < spinUntil) {
+        lock.unlock();
+        std::this_thread::yield();
+        lock.lock();
     }
+    work_.wait(lock.native(), [&] { return leaving_ || !queue_.empty(); });
+}
+
+bool WorkerLoop::reported() {
     // Out at once when the worker runs dry (the client waits for nothing
     // else) or the batch is full; else the I/O thread sends it in time.
-    if (queue_.empty() || reports_.items() >= kReportBatchItems ||
-        reports_.bytes() >= kReportBatchBytes) {
-        reportsDue_ = true;
-        waker_.wake();
+    reportsDue_ = reportsDue_ || queue_.empty() || reports_.items() >= kReportBatchItems ||
+                  reports_.bytes() >= kReportBatchBytes;
+    if (reports_.items() == 1) {
+        oldestReport_ = Clock::now();
+        if (!reportsDue_) {
+            waker_.wake(); // the I/O thread sets its timer by the oldest report
+        }
     }
+    return reportsDue_;
 }
 
 std::chrono::microseconds WorkerLoop::sleepLimit() const {
@@ -89,6 +104,7 @@ void WorkerLoop::ioLoop() noexcept {
     std::vector<bool> ready;
     std::vector<FrameMessage> frames;
     bool clientThere = true;
+    Clock::time_point lastActivity = Clock::now();
     try {
         while (true) {
             std::chrono::microseconds limit;
@@ -99,15 +115,23 @@ void WorkerLoop::ioLoop() noexcept {
                 }
                 limit = sleepLimit();
             }
-            if (announced_ > 0 || !outbox_.idle()) {
-                // A message on its way in, or a send that MPI moves only
-                // while it is called: keep at it.
+            bool sending = false;
+            {
+                const LockGuard mpi(mpiMutex_);
+                sending = !outbox_.idle();
+            }
+            // A message on its way in, a send that MPI moves only while it is
+            // called, or work a moment ago: keep at it.
+            if (announced_ > 0 || sending || Clock::now() - lastActivity < kSpinWindow) {
                 limit = std::chrono::microseconds(0);
                 std::this_thread::yield();
             }
             waitReadable(fds, ready, limit);
             if (ready[1]) {
                 waker_.drain();
+            }
+            if (ready[0] || ready[1]) {
+                lastActivity = Clock::now();
             }
             if (ready[0] && clientThere) {
                 frames.clear();
@@ -120,9 +144,11 @@ void WorkerLoop::ioLoop() noexcept {
             }
             receiveAnnounced();
             sendReports(false);
+            const LockGuard mpi(mpiMutex_);
             outbox_.progress();
         }
         sendReports(true);
+        const LockGuard mpi(mpiMutex_);
         while (clientThere && outbox_.progress()) {
             std::this_thread::yield();
         }
@@ -157,6 +183,7 @@ bool WorkerLoop::handleFrames(std::vector<FrameMessage>& frames) {
 }
 
 void WorkerLoop::receiveAnnounced() {
+    const LockGuard mpi(mpiMutex_);
     while (announced_ > 0) {
         const auto status = comm_.iprobe(protocol::kClientRank, boost::mpi::any_tag);
         if (!status) {
@@ -208,7 +235,7 @@ void WorkerLoop::stop(codec::TaskId id) {
         reports_.add({}, [id](batch::Writer& open, const protocol::Bytes&) {
             open.addReport(batch::Report::Skipped, id);
         });
-        reported();
+        static_cast<void>(reported()); // the I/O thread sends it at the end of its turn
     }
     // Else it has finished: its report is on its way.
 }
@@ -225,6 +252,8 @@ void WorkerLoop::leave(bool clientGone) {
 }
 
 void WorkerLoop::sendReports(bool force) {
+    // One sender at a time: the chunks of a message must not mix.
+    const LockGuard mpi(mpiMutex_);
     std::vector<protocol::Message> messages;
     {
         const LockGuard lock(mutex_);

@@ -9,14 +9,20 @@
 //   batches: at once when the queue runs dry, else when kReportDelay has
 //   passed since the oldest one (a long evaluation never holds back the
 //   results before it), or when a batch is full.
-//   the main thread runs the queued evaluations one after another.
+//   the main thread runs the queued evaluations one after another, and sends
+//   the reports itself when they are due as it finishes one (no hand-over
+//   on the way back to the client).
+//
+// Both threads stay awake for kSpinWindow after they last had something to
+// do (back-to-back work skips the wake-ups), then sleep without limit.
 //
 // States: Serving -(kExit, or the client's end of the socket)-> Leaving
 // (queued work is skipped, a running function is asked to stop) -> Ended
 // (the main thread has returned and the reports are out).
 //
 // Threads: run() on the worker's main thread, which starts and joins the
-// I/O thread. `mutex_` guards what the two threads share.
+// I/O thread. `mutex_` guards what the two threads share; `mpiMutex_` the
+// MPI side (taken before `mutex_` when both are).
 
 #include "Batch.hpp"
 #include "Codec.hpp"
@@ -37,6 +43,7 @@ namespace mpipool {
 class WorkerLoop {
 public:
     static constexpr std::chrono::microseconds kReportDelay{500};
+    static constexpr std::chrono::microseconds kSpinWindow{0};
     static constexpr std::size_t kReportBatchItems = 16;
     static constexpr std::size_t kReportBatchBytes = std::size_t{256} << 10;
 
@@ -53,21 +60,24 @@ private:
     // Handles the frames read; false once the client is gone. I/O thread.
     bool handleFrames(std::vector<FrameMessage>& frames) QZ_EXCLUDES(mutex_);
     // Receives the announced MPI messages that have arrived. I/O thread.
-    void receiveAnnounced() QZ_EXCLUDES(mutex_);
+    void receiveAnnounced() QZ_EXCLUDES(mutex_, mpiMutex_);
     void queueTasks(const protocol::Bytes& batch) QZ_EXCLUDES(mutex_);
     void stop(codec::TaskId id) QZ_EXCLUDES(mutex_);
     void leave(bool clientGone) QZ_EXCLUDES(mutex_);
-    // Sends the reports if they are due (or `force`). I/O thread.
-    void sendReports(bool force) QZ_EXCLUDES(mutex_);
+    // Sends the reports if they are due (or `force`). Either thread.
+    void sendReports(bool force) QZ_EXCLUDES(mutex_, mpiMutex_);
     // How long the I/O thread may sleep. Called with `mutex_` held.
     std::chrono::microseconds sleepLimit() const QZ_REQUIRES(mutex_);
-    // After a report was added: wakes the I/O thread when the reports are due.
-    void reported() QZ_REQUIRES(mutex_);
+    // After a report was added: whether the reports are due now.
+    bool reported() QZ_REQUIRES(mutex_);
+    // Waits for work or leaving, awake for kSpinWindow first. Main thread.
+    void waitForWork(foundation::core::sync::UniqueLock& lock) QZ_REQUIRES(mutex_);
 
     const boost::mpi::communicator& comm_;
     ControlSocket& control_;
     Waker waker_;
-    protocol::Outbox outbox_;   // I/O thread
+    foundation::core::sync::Mutex mpiMutex_;
+    protocol::Outbox outbox_ QZ_GUARDED_BY(mpiMutex_);
     std::size_t announced_ = 0; // messages the client announced, not yet received; I/O thread
 
     foundation::core::sync::Mutex mutex_;
