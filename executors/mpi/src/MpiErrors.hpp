@@ -26,6 +26,9 @@ QZHOST_ERROR_TAG("KORVEX:mpipool", ClusterExists)
 QZHOST_ERROR_TAG("KORVEX:mpipool", ServeOnClient)
 // A message from another process could not be read (argument: the reason).
 QZHOST_ERROR_TAG("KORVEX:mpipool", UnreadableMessage)
+// An error whose causes nest deeper than a message carries (argument: the
+// deepest nesting sent).
+QZHOST_ERROR_TAG("KORVEX:mpipool", CausesTooDeep)
 } // namespace KORVEX::mpipool
 
 namespace mpipool::errors {
@@ -41,4 +44,5 @@ using NotClient = Error<::KORVEX::mpipool::NotClient>;
 using ClusterExists = Error<::KORVEX::mpipool::ClusterExists>;
 using ServeOnClient = Error<::KORVEX::mpipool::ServeOnClient>;
 using UnreadableMessage = Error<::KORVEX::mpipool::UnreadableMessage>;
+using CausesTooDeep = Error<::KORVEX::mpipool::CausesTooDeep>;
 } // namespace mpipool::errors

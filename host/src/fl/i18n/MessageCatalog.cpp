@@ -153,6 +153,9 @@ const std::unordered_map<std::string_view, std::u16string_view>& catalogue() {
          u"The client process (rank 0) opens cluster pools; only worker processes serve."},
         {"KORVEX:mpipool:UnreadableMessage",
          u"A message from another process of the cluster could not be read: {0}"},
+        {"KORVEX:mpipool:CausesTooDeep",
+         u"The error cannot be sent to another process of the cluster: its causes nest more "
+         u"than {0} deep."},
         // The class-object system.
         {"KORVEX:kcos:UndefinedClass", u"Unable to find the class '{0}'."},
         {"KORVEX:kcos:NoSuchProperty", u"Unrecognised property '{0}' of class '{1}'."},
