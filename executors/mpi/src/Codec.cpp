@@ -41,12 +41,16 @@ public:
     explicit Writer(protocol::Bytes& bytes) : bytes_(bytes) {}
 
     template <class T>
-    requires std::is_trivially_copyable_v<T>
-    void put(const T& value) { bytes_.append(reinterpret_cast<const char*>(&value), sizeof value); }
+    void put(const T& value) {
+        static_assert(std::is_trivially_copyable_v<T>);
+        bytes_.append(reinterpret_cast<const char*>(&value), sizeof value);
+    }
     void putCount(std::size_t count) { put(static_cast<std::uint64_t>(count)); }
     template <class T>
     void putAll(std::span<const T> values) {
-        bytes_.append(reinterpret_cast<const char*>(values.data()), values.size_bytes());
+        if (!values.empty()) {
+            bytes_.append(reinterpret_cast<const char*>(values.data()), values.size_bytes());
+        }
     }
     // A count, then the characters.
     template <class Char>
@@ -68,7 +72,8 @@ public:
         : next_(bytes.data()), end_(bytes.data() + bytes.size()) {}
 
     template <class T>
-    requires std::is_trivially_copyable_v<T> T get() {
+    T get() {
+        static_assert(std::is_trivially_copyable_v<T>);
         T value;
         std::memcpy(&value, take(sizeof value), sizeof value);
         return value;
@@ -445,10 +450,13 @@ Envelope loadError(Reader& in, std::size_t depth = 0) {
     Envelope error(RemoteError(std::move(errorId), std::move(messageId), std::move(arguments),
                                std::move(message)),
                    std::move(stack), fillStackOnThrow);
+    // Envelopes take causes by copy: added at once, each is copied once.
     const std::size_t numCauses = in.getCount(1);
+    std::vector<Envelope> causes;
     for (std::size_t i = 0; i < numCauses; ++i) {
-        error.AddCause(loadError(in, depth + 1));
+        causes.push_back(loadError(in, depth + 1));
     }
+    error.AddCauses(causes);
     return error;
 }
 
