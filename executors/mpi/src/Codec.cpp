@@ -9,25 +9,20 @@
 #include <cmddistributor/RuntimeException.hpp>
 #include <foundation/core/str/Utf.hpp>
 
-#include <boost/archive/binary_iarchive.hpp>
-#include <boost/archive/binary_oarchive.hpp>
-#include <boost/serialization/array_wrapper.hpp>
-#include <boost/serialization/string.hpp>
-#include <boost/serialization/vector.hpp>
-
+#include <cstring>
 #include <limits>
-#include <sstream>
-#include <streambuf>
+#include <span>
+#include <string_view>
 #include <type_traits>
+#include <utility>
 #include <variant>
+#include <vector>
 
 namespace mpipool::codec {
 
 namespace {
 
 using Envelope = Veldspire::KException::KExceptionEnvelope;
-using Writer = boost::archive::binary_oarchive;
-using Reader = boost::archive::binary_iarchive;
 using foundation::core::except::MessageArgument;
 using foundation::core::except::MessageArguments;
 using foundation::core::except::MessageID;
@@ -35,54 +30,126 @@ using foundation::core::str::toUtf16;
 using matrix::ClassID;
 namespace futureErrors = parallel::language::future::errors;
 
-// Neither side needs archive headers or object tracking: both run one build.
-constexpr unsigned int kArchiveFlags =
-    boost::archive::no_header | boost::archive::no_codecvt | boost::archive::no_tracking;
-
 // The array kinds on the wire. Null is an empty element of a cell or struct.
 enum class Kind : std::uint8_t { Null, Double, Logical, Char, Cell, Struct, FunctionHandle };
 
-// Reads an archive straight out of a received buffer.
-class ReadBuffer : public std::streambuf {
+// --- bytes
+
+// Appends values to a message being written.
+class Writer {
 public:
-    explicit ReadBuffer(const protocol::Bytes& bytes) {
-        char* begin = const_cast<char*>(bytes.data()); // only read: streambuf wants char*
-        setg(begin, begin, begin + bytes.size());
+    explicit Writer(protocol::Bytes& bytes) : bytes_(bytes) {}
+
+    template <class T>
+    void put(const T& value) {
+        static_assert(std::is_trivially_copyable_v<T>);
+        bytes_.append(reinterpret_cast<const char*>(&value), sizeof value);
     }
+    void putCount(std::size_t count) { put(static_cast<std::uint64_t>(count)); }
+    template <class T>
+    void putAll(std::span<const T> values) {
+        if (!values.empty()) {
+            bytes_.append(reinterpret_cast<const char*>(values.data()), values.size_bytes());
+        }
+    }
+    // A count, then the characters.
+    template <class Char>
+    void putText(std::basic_string_view<Char> text) {
+        putCount(text.size());
+        putAll(std::span<const Char>(text.data(), text.size()));
+    }
+
+private:
+    protocol::Bytes& bytes_;
+};
+
+// Takes values off a received message, in the order they were written.
+// Reading past the end, or a count of more items than the bytes left could
+// hold, throws KORVEX:mpipool:UnreadableMessage.
+class Reader {
+public:
+    explicit Reader(const protocol::Bytes& bytes)
+        : next_(bytes.data()), end_(bytes.data() + bytes.size()) {}
+
+    template <class T>
+    T get() {
+        static_assert(std::is_trivially_copyable_v<T>);
+        T value;
+        std::memcpy(&value, take(sizeof value), sizeof value);
+        return value;
+    }
+    // `count` when the bytes left hold that many items of at least
+    // `itemSize` bytes each.
+    std::size_t checked(std::uint64_t count, std::size_t itemSize) const {
+        if (count > left() / itemSize) {
+            throw errors::UnreadableMessage(u"a count exceeds the message");
+        }
+        return static_cast<std::size_t>(count);
+    }
+    std::size_t getCount(std::size_t itemSize) { return checked(get<std::uint64_t>(), itemSize); }
+    template <class T>
+    void getAll(std::span<T> values) {
+        if (!values.empty()) {
+            std::memcpy(values.data(), take(values.size_bytes()), values.size_bytes());
+        }
+    }
+    template <class Char>
+    std::basic_string<Char> getText() {
+        std::basic_string<Char> text(getCount(sizeof(Char)), Char());
+        getAll(std::span<Char>(text.data(), text.size()));
+        return text;
+    }
+    void expectEnd() const {
+        if (left() != 0) {
+            throw errors::UnreadableMessage(u"bytes follow the end of the message");
+        }
+    }
+    std::size_t left() const noexcept { return static_cast<std::size_t>(end_ - next_); }
+
+private:
+    const char* take(std::size_t size) {
+        if (size > left()) {
+            throw errors::UnreadableMessage(u"the message ends early");
+        }
+        const char* at = next_;
+        next_ += size;
+        return at;
+    }
+
+    const char* next_;
+    const char* end_;
 };
 
 template <class Write>
 protocol::Bytes written(Write write) {
-    std::stringbuf buffer(std::ios::out | std::ios::binary);
-    {
-        Writer archive(buffer, kArchiveFlags);
-        write(archive);
-    }
-    return std::move(buffer).str();
+    protocol::Bytes bytes;
+    Writer out(bytes);
+    write(out);
+    return bytes;
 }
 
-// --- text
-
-void saveText(Writer& out, std::u16string_view text) {
-    const std::uint64_t size = text.size();
-    out << size;
-    if (size != 0) {
-        out << boost::serialization::make_array(text.data(), text.size());
+// Runs `read`; a failure that is not already an error of the host becomes
+// KORVEX:mpipool:UnreadableMessage.
+template <class Read>
+auto readOrThrow(Read read) {
+    try {
+        return read();
+    } catch (const foundation::core::except::IUserException&) {
+        throw;
+    } catch (const std::exception& e) {
+        throw errors::UnreadableMessage(toUtf16(e.what()));
     }
-}
-
-std::u16string loadText(Reader& in) {
-    std::uint64_t size = 0;
-    in >> size;
-    std::u16string text;
-    text.resize(size); // a string the archive holds: reading fails past its end
-    if (size != 0) {
-        in >> boost::serialization::make_array(text.data(), text.size());
-    }
-    return text;
 }
 
 // --- arrays
+//
+// An array goes as its kind, then for all but Null its dimensions and what
+// its kind holds: the elements of a double, logical or char array, the field
+// names of a structure, the name of a function handle. The elements of a
+// cell, and the field values of a structure element by element, follow as
+// arrays of their own: the whole is the array tree in pre-order, written and
+// read with a list of the open cells and structures, so that nesting depth
+// costs heap, not stack.
 
 Kind kindOf(const dvArray* array) {
     if (array == nullptr) {
@@ -106,133 +173,180 @@ Kind kindOf(const dvArray* array) {
     }
 }
 
-template <class T>
-void saveElements(Writer& out, std::span<const T> elements) {
-    if (!elements.empty()) {
-        out << boost::serialization::make_array(elements.data(), elements.size());
+// A cell or structure whose elements are being written or read: `next` of
+// `count` (the cell's elements, or the structure's elements times fields).
+template <class Array>
+struct Open {
+    Array array;
+    std::size_t next = 0;
+    std::size_t count = 0;
+};
+
+// Element `i` of an open cell or structure (for a structure, field
+// i % fields of element i / fields).
+const dvArray* elementOf(const dvArray* array, std::size_t i) {
+    if (dvGetClassID(array) == ClassID::Cell) {
+        return dvGetCell(array, i);
     }
+    const std::vector<std::string>& fields = dvGetFieldNames(array);
+    return dvGetField(array, i / fields.size(), fields[i % fields.size()]);
 }
 
-template <class T>
-void loadElements(Reader& in, std::span<T> elements) {
-    if (!elements.empty()) {
-        in >> boost::serialization::make_array(elements.data(), elements.size());
-    }
-}
-
-void saveArray(Writer& out, const dvArray* array) {
-    const Kind kind = kindOf(array);
-    out << static_cast<std::uint8_t>(kind);
-    if (kind == Kind::Null) {
+void setElement(dvArray* array, std::size_t i, matrix::unique_dvArray element) {
+    if (dvGetClassID(array) == ClassID::Cell) {
+        dvSetCell(array, i, std::move(element));
         return;
     }
-    out << dvGetDimensions(array);
-    const std::size_t count = dvGetNumberOfElements(array);
+    const std::vector<std::string>& fields = dvGetFieldNames(array);
+    dvSetField(array, i / fields.size(), fields[i % fields.size()], std::move(element));
+}
+
+// Writes one array without the arrays it holds; returns how many it holds.
+std::size_t saveOne(Writer& out, const dvArray* array) {
+    const Kind kind = kindOf(array);
+    out.put(kind);
+    if (kind == Kind::Null) {
+        return 0;
+    }
+    const matrix::Dimensions& dims = dvGetDimensions(array);
+    out.putCount(dims.size());
+    for (const std::size_t extent : dims) {
+        out.putCount(extent);
+    }
     switch (kind) {
     case Kind::Double:
-        saveElements(out, dvGetDoubles(array));
-        break;
+        out.putAll(dvGetDoubles(array));
+        return 0;
     case Kind::Logical:
-        saveElements(out, dvGetLogicals(array));
-        break;
-    case Kind::Char: {
-        const std::u16string_view chars = dvGetChars(array);
-        saveElements(out, std::span<const char16_t>(chars.data(), chars.size()));
-        break;
-    }
+        out.putAll(dvGetLogicals(array));
+        return 0;
+    case Kind::Char:
+        out.putText(dvGetChars(array));
+        return 0;
     case Kind::Cell:
-        for (std::size_t i = 0; i < count; ++i) {
-            saveArray(out, dvGetCell(array, i));
-        }
-        break;
+        return dvGetNumberOfElements(array);
     case Kind::Struct: {
         const std::vector<std::string>& fields = dvGetFieldNames(array);
-        out << fields;
-        for (std::size_t i = 0; i < count; ++i) {
-            for (const std::string& field : fields) {
-                saveArray(out, dvGetField(array, i, field));
-            }
+        out.putCount(fields.size());
+        for (const std::string& field : fields) {
+            out.putText(std::string_view(field));
         }
-        break;
+        return dvGetNumberOfElements(array) * fields.size();
     }
     case Kind::FunctionHandle: {
         const std::string& name = dvGetFunctionHandleName(array);
         if (!isRegistered(name)) {
             throw errors::UnregisteredFunction(toUtf16(name));
         }
-        out << name;
-        break;
+        out.putText(std::string_view(name));
+        return 0;
     }
     case Kind::Null:
         break;
+    }
+    return 0;
+}
+
+void saveArray(Writer& out, const dvArray* root) {
+    std::vector<Open<const dvArray*>> open;
+    const dvArray* array = root;
+    for (;;) {
+        if (const std::size_t count = saveOne(out, array); count != 0) {
+            open.push_back({array, 0, count});
+        }
+        while (!open.empty() && open.back().next == open.back().count) {
+            open.pop_back();
+        }
+        if (open.empty()) {
+            return;
+        }
+        array = elementOf(open.back().array, open.back().next++);
     }
 }
 
 std::size_t elementCount(const matrix::Dimensions& dims) {
     std::size_t count = 1;
     for (const std::size_t extent : dims) {
-        if (extent != 0 && count > std::numeric_limits<std::size_t>::max() / extent) {
+        if (__builtin_mul_overflow(count, extent, &count)) {
             throw errors::UnreadableMessage(u"array dimensions overflow");
         }
-        count *= extent;
     }
     return count;
 }
 
-matrix::unique_dvArray loadArray(Reader& in) {
-    std::uint8_t kind = 0;
-    in >> kind;
-    if (static_cast<Kind>(kind) == Kind::Null) {
-        return nullptr;
+template <class T>
+matrix::unique_dvArray loadNumeric(Reader& in, const matrix::Dimensions& dims, ClassID classID,
+                                   std::span<T> (*elements)(dvArray*)) {
+    in.checked(elementCount(dims), sizeof(T));
+    matrix::unique_dvArray array = matrix::detail::do_create_uninitnumeric(dims, classID);
+    in.getAll(elements(array.get()));
+    return array;
+}
+
+// Reads one array without the arrays it holds, and how many it holds (each
+// at least one byte, checked against the bytes left).
+std::pair<matrix::unique_dvArray, std::size_t> loadOne(Reader& in) {
+    const auto kind = in.get<Kind>();
+    if (kind == Kind::Null) {
+        return {nullptr, 0};
     }
-    matrix::Dimensions dims;
-    in >> dims;
-    matrix::unique_dvArray array;
-    switch (static_cast<Kind>(kind)) {
+    matrix::Dimensions dims(in.getCount(sizeof(std::uint64_t)));
+    for (std::size_t& extent : dims) {
+        extent = in.get<std::uint64_t>();
+    }
+    switch (kind) {
     case Kind::Double:
-        array = matrix::detail::do_create_uninitnumeric(dims, ClassID::Double);
-        loadElements(in, dvGetMutableDoubles(array.get()));
-        break;
+        return {loadNumeric(in, dims, ClassID::Double, &dvGetMutableDoubles), 0};
     case Kind::Logical:
-        array = matrix::detail::do_create_uninitnumeric(dims, ClassID::Logical);
-        loadElements(in, dvGetMutableLogicals(array.get()));
-        break;
-    case Kind::Char: {
-        std::u16string chars(elementCount(dims), u'\0');
-        loadElements(in, std::span<char16_t>(chars.data(), chars.size()));
-        array = matrix::createChars(dims, std::move(chars));
-        break;
-    }
+        return {loadNumeric(in, dims, ClassID::Logical, &dvGetMutableLogicals), 0};
+    case Kind::Char:
+        return {matrix::createChars(dims, in.getText<char16_t>()), 0};
     case Kind::Cell: {
-        array = matrix::detail::do_create_cell(dims);
-        const std::size_t count = dvGetNumberOfElements(array.get());
-        for (std::size_t i = 0; i < count; ++i) {
-            dvSetCell(array.get(), i, loadArray(in));
-        }
-        break;
+        const std::size_t count = in.checked(elementCount(dims), 1);
+        return {matrix::detail::do_create_cell(dims), count};
     }
     case Kind::Struct: {
+        const std::size_t numFields = in.getCount(sizeof(std::uint64_t));
         std::vector<std::string> fields;
-        in >> fields;
-        array = matrix::detail::do_create_struct(dims, fields);
-        const std::size_t count = dvGetNumberOfElements(array.get());
-        for (std::size_t i = 0; i < count; ++i) {
-            for (const std::string& field : fields) {
-                dvSetField(array.get(), i, field, loadArray(in));
-            }
+        for (std::size_t i = 0; i < numFields; ++i) {
+            fields.push_back(in.getText<char>());
         }
-        break;
+        const std::size_t count = elementCount(dims);
+        if (!fields.empty()) {
+            in.checked(count, fields.size());
+        }
+        return {matrix::detail::do_create_struct(dims, fields), count * fields.size()};
     }
-    case Kind::FunctionHandle: {
-        std::string name;
-        in >> name;
-        array = matrix::from_korvex(functionHandle(name).detach());
-        break;
-    }
+    case Kind::FunctionHandle:
+        return {matrix::from_korvex(functionHandle(in.getText<char>()).detach()), 0};
     default:
         throw errors::UnreadableMessage(u"unknown kind of array");
     }
-    return array;
+}
+
+matrix::unique_dvArray loadArray(Reader& in) {
+    std::vector<Open<matrix::unique_dvArray>> open;
+    for (;;) {
+        auto [array, count] = loadOne(in);
+        if (count != 0) {
+            open.push_back({std::move(array), 0, count});
+            continue;
+        }
+        // `array` is whole: it fills the next element of the innermost open
+        // array, which may be whole then in turn.
+        for (;;) {
+            if (open.empty()) {
+                return std::move(array);
+            }
+            Open<matrix::unique_dvArray>& parent = open.back();
+            setElement(parent.array.get(), parent.next++, std::move(array));
+            if (parent.next != parent.count) {
+                break;
+            }
+            array = std::move(parent.array);
+            open.pop_back();
+        }
+    }
 }
 
 // --- errors
@@ -264,98 +378,90 @@ private:
 };
 
 void saveArgument(Writer& out, const MessageArgument& argument) {
-    out << static_cast<std::uint8_t>(argument.index());
+    out.put(static_cast<std::uint8_t>(argument.index()));
     std::visit(
         [&out](const auto& value) {
             if constexpr (std::is_same_v<std::decay_t<decltype(value)>, std::u16string>) {
-                saveText(out, value);
+                out.putText(std::u16string_view(value));
             } else {
-                out << value;
+                out.put(value);
             }
         },
         argument);
 }
 
 MessageArgument loadArgument(Reader& in) {
-    std::uint8_t index = 0;
-    in >> index;
-    switch (index) {
-    case 0: {
-        std::int64_t value = 0;
-        in >> value;
-        return value;
-    }
-    case 1: {
-        std::uint64_t value = 0;
-        in >> value;
-        return value;
-    }
-    case 2: {
-        double value = 0;
-        in >> value;
-        return value;
-    }
+    switch (in.get<std::uint8_t>()) {
+    case 0:
+        return in.get<std::int64_t>();
+    case 1:
+        return in.get<std::uint64_t>();
+    case 2:
+        return in.get<double>();
     case 3:
-        return loadText(in);
+        return in.getText<char16_t>();
     default:
         throw errors::UnreadableMessage(u"unknown kind of message argument");
     }
 }
 
-void saveError(Writer& out, const Envelope& error) {
-    out << error.GetID() << error.GetMessageID().component << error.GetMessageID().key;
-    const std::uint64_t numArguments = error.GetArguments().size();
-    out << numArguments;
+// Causes nest at most kMaxCauseDepth deep, so these recurse that deep at most
+// (the envelopes themselves copy and compare their causes recursively).
+void saveError(Writer& out, const Envelope& error, std::size_t depth = 0) {
+    if (depth > kMaxCauseDepth) {
+        throw errors::CausesTooDeep(static_cast<std::uint64_t>(kMaxCauseDepth));
+    }
+    out.putText(std::string_view(error.GetID()));
+    out.putText(std::string_view(error.GetMessageID().component));
+    out.putText(std::string_view(error.GetMessageID().key));
+    out.putCount(error.GetArguments().size());
     for (const MessageArgument& argument : error.GetArguments()) {
         saveArgument(out, argument);
     }
-    saveText(out, error.GetMessage());
+    out.putText(std::u16string_view(error.GetMessage()));
     saveArray(out, error.GetStack());
-    const bool fillStackOnThrow = error.GetFillStackOnThrow();
-    out << fillStackOnThrow;
-    const std::uint64_t numCauses = error.GetCauses().size();
-    out << numCauses;
+    out.put(static_cast<std::uint8_t>(error.GetFillStackOnThrow()));
+    out.putCount(error.GetCauses().size());
     for (const Envelope& cause : error.GetCauses()) {
-        saveError(out, cause);
+        saveError(out, cause, depth + 1);
     }
 }
 
-Envelope loadError(Reader& in) {
-    std::string errorId;
+Envelope loadError(Reader& in, std::size_t depth = 0) {
+    if (depth > kMaxCauseDepth) {
+        throw errors::CausesTooDeep(static_cast<std::uint64_t>(kMaxCauseDepth));
+    }
+    std::string errorId = in.getText<char>();
     MessageID messageId;
-    in >> errorId >> messageId.component >> messageId.key;
-    std::uint64_t numArguments = 0;
-    in >> numArguments;
+    messageId.component = in.getText<char>();
+    messageId.key = in.getText<char>();
+    // An argument is a kind byte and at least eight bytes.
+    const std::size_t numArguments = in.getCount(1 + sizeof(std::uint64_t));
     MessageArguments arguments;
-    for (std::uint64_t i = 0; i < numArguments; ++i) {
+    for (std::size_t i = 0; i < numArguments; ++i) {
         arguments.push_back(loadArgument(in));
     }
-    std::u16string message = loadText(in);
+    std::u16string message = in.getText<char16_t>();
     matrix::unique_dvArray stack = loadArray(in);
-    bool fillStackOnThrow = false;
-    in >> fillStackOnThrow;
+    if (stack && dvGetClassID(stack.get()) != ClassID::Struct) {
+        throw errors::UnreadableMessage(u"an error's call stack is not a structure");
+    }
+    const bool fillStackOnThrow = in.get<std::uint8_t>() != 0;
     Envelope error(RemoteError(std::move(errorId), std::move(messageId), std::move(arguments),
                                std::move(message)),
                    std::move(stack), fillStackOnThrow);
-    std::uint64_t numCauses = 0;
-    in >> numCauses;
-    for (std::uint64_t i = 0; i < numCauses; ++i) {
-        error.AddCause(loadError(in));
+    // Envelopes take causes by copy: added at once, each is copied once.
+    const std::size_t numCauses = in.getCount(1);
+    std::vector<Envelope> causes;
+    for (std::size_t i = 0; i < numCauses; ++i) {
+        causes.push_back(loadError(in, depth + 1));
     }
+    error.AddCauses(causes);
     return error;
 }
 
 Envelope envelopeOf(const foundation::core::except::IUserException& error) {
     return Envelope(error, matrix::dvCreateStackStruct(0));
-}
-
-template <class Read>
-auto readHeader(Read read) {
-    try {
-        return read();
-    } catch (const std::exception& e) {
-        throw errors::UnreadableMessage(toUtf16(e.what()));
-    }
 }
 
 } // namespace
@@ -386,8 +492,10 @@ protocol::Bytes encodeTask(TaskId id, const dvArray* function, unsigned int numO
         throw errors::UnregisteredFunction(toUtf16(name));
     }
     return written([&](Writer& out) {
-        const std::uint64_t numInputs = inputs.size();
-        out << id << name << numOutputs << numInputs;
+        out.put(id);
+        out.putText(std::string_view(name));
+        out.putCount(numOutputs);
+        out.putCount(inputs.size());
         for (const auto& input : inputs) {
             saveArray(out, input.get());
         }
@@ -395,19 +503,23 @@ protocol::Bytes encodeTask(TaskId id, const dvArray* function, unsigned int numO
 }
 
 TaskMessage decodeTask(const protocol::Bytes& bytes) {
-    ReadBuffer buffer(bytes);
+    Reader in(bytes);
     TaskMessage task;
-    std::uint64_t numInputs = 0;
-    std::optional<Reader> in;
-    readHeader([&] {
-        in.emplace(buffer, kArchiveFlags);
-        *in >> task.id >> task.function >> task.numOutputs >> numInputs;
-        return 0;
-    });
+    task.id = readOrThrow([&] { return in.get<TaskId>(); });
     try {
-        for (std::uint64_t i = 0; i < numInputs; ++i) {
-            task.inputs.emplace_back(matrix::to_korvex(loadArray(*in)), false);
-        }
+        readOrThrow([&] {
+            task.function = in.getText<char>();
+            const auto numOutputs = in.get<std::uint64_t>();
+            if (numOutputs > std::numeric_limits<unsigned int>::max()) {
+                throw errors::UnreadableMessage(u"too many outputs");
+            }
+            task.numOutputs = static_cast<unsigned int>(numOutputs);
+            const std::size_t numInputs = in.getCount(1); // an input is at least a kind
+            for (std::size_t i = 0; i < numInputs; ++i) {
+                task.inputs.emplace_back(matrix::to_korvex(loadArray(in)), false);
+            }
+            in.expectEnd();
+        });
     } catch (...) {
         task.inputs.clear();
         task.inputError = std::current_exception();
@@ -416,15 +528,14 @@ TaskMessage decodeTask(const protocol::Bytes& bytes) {
 }
 
 protocol::Bytes encodeTaskId(TaskId id) {
-    return written([&](Writer& out) { out << id; });
+    return written([&](Writer& out) { out.put(id); });
 }
 
 TaskId decodeTaskId(const protocol::Bytes& bytes) {
-    return readHeader([&] {
-        ReadBuffer buffer(bytes);
-        Reader in(buffer, kArchiveFlags);
-        TaskId id = 0;
-        in >> id;
+    return readOrThrow([&] {
+        Reader in(bytes);
+        const auto id = in.get<TaskId>();
+        in.expectEnd();
         return id;
     });
 }
@@ -433,16 +544,16 @@ protocol::Bytes encodeResult(TaskId id, Outcome outcome, const OutputsOrError& r
                              const std::u16string& diary) {
     auto write = [&](Outcome kind, const OutputsOrError& payload) {
         return written([&](Writer& out) {
-            out << id << static_cast<std::uint8_t>(kind);
-            saveText(out, diary);
+            out.put(id);
+            out.put(kind);
+            out.putText(std::u16string_view(diary));
             if (kind == Outcome::Outputs) {
                 const DvArrayVector& outputs = payload.value().value();
-                const std::uint64_t numOutputs = outputs.size();
-                out << numOutputs;
+                out.putCount(outputs.size());
                 for (const auto& output : outputs) {
                     saveArray(out, output.get());
                 }
-            } else if (kind == Outcome::Error) {
+            } else {
                 saveError(out, toEnvelope(payload.error()));
             }
         });
@@ -450,35 +561,33 @@ protocol::Bytes encodeResult(TaskId id, Outcome outcome, const OutputsOrError& r
     try {
         return write(outcome, result);
     } catch (...) {
-        // Outputs that cannot be sent: the evaluation fails with the reason.
+        // Outputs or an error that cannot be sent: the evaluation fails with the reason.
         return write(Outcome::Error, OutputsOrError(std::current_exception()));
     }
 }
 
 ResultMessage decodeResult(const protocol::Bytes& bytes) {
-    ReadBuffer buffer(bytes);
+    Reader in(bytes);
     ResultMessage message;
-    std::optional<Reader> in;
-    readHeader([&] {
-        in.emplace(buffer, kArchiveFlags);
-        std::uint8_t outcome = 0;
-        *in >> message.id >> outcome;
-        message.outcome = static_cast<Outcome>(outcome);
-        message.diary = loadText(*in);
-        return 0;
-    });
+    message.id = readOrThrow([&] { return in.get<TaskId>(); });
     try {
-        if (message.outcome == Outcome::Outputs) {
-            std::uint64_t numOutputs = 0;
-            *in >> numOutputs;
-            DvArrayVector outputs;
-            for (std::uint64_t i = 0; i < numOutputs; ++i) {
-                outputs.emplace_back(matrix::to_korvex(loadArray(*in)), false);
+        readOrThrow([&] {
+            message.outcome = in.get<Outcome>();
+            message.diary = in.getText<char16_t>();
+            if (message.outcome == Outcome::Outputs) {
+                const std::size_t numOutputs = in.getCount(1); // an output is at least a kind
+                DvArrayVector outputs;
+                for (std::size_t i = 0; i < numOutputs; ++i) {
+                    outputs.emplace_back(matrix::to_korvex(loadArray(in)), false);
+                }
+                message.result = OutputsOrError(std::optional<DvArrayVector>(std::move(outputs)));
+            } else if (message.outcome == Outcome::Error) {
+                message.result = OutputsOrError(std::make_exception_ptr(loadError(in)));
+            } else {
+                throw errors::UnreadableMessage(u"unknown outcome");
             }
-            message.result = OutputsOrError(std::optional<DvArrayVector>(std::move(outputs)));
-        } else if (message.outcome == Outcome::Error) {
-            message.result = OutputsOrError(std::make_exception_ptr(loadError(*in)));
-        }
+            in.expectEnd();
+        });
     } catch (...) {
         message.outcome = Outcome::Error;
         message.result = OutputsOrError(std::current_exception());

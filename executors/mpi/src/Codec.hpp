@@ -1,12 +1,17 @@
 #pragma once
 
-// Encoding of the messages of Protocol.hpp with Boost.Serialization binary
-// archives. Arrays cross as values: double, logical and char arrays with
-// their elements, cell and struct arrays element by element, function
-// handles by registered name; any dimensions, empty ones included. Errors
-// cross as envelopes: identifiers, message arguments and text, call stack and
-// causes. Every process of a cluster runs the same build on the same kind of
-// machine, so the archives' binary layout is shared.
+// Encoding of the messages of Protocol.hpp as flat byte buffers: fixed-size
+// values in this machine's byte layout, every count and size as 64 bits.
+// Arrays cross as values: double, logical and char arrays with their
+// elements, cell and struct arrays element by element, function handles by
+// registered name; any dimensions, empty ones included, nested to any depth
+// (arrays are walked with a work list, not by recursion). Errors cross as
+// envelopes: identifiers, message arguments and text, call stack and causes,
+// causes nested at most kMaxCauseDepth deep. Every process of a cluster runs
+// the same build on the same kind of machine, so the byte layout is shared.
+// Decoding checks every count against the bytes left before it allocates
+// anything for it: a short or garbled buffer gives
+// KORVEX:mpipool:UnreadableMessage, never a crash.
 //
 // Threads: any thread; the functions share no state.
 
@@ -17,6 +22,7 @@
 #include <Veldspire/KException/KExceptionEnvelope.hpp>
 #include <matrix/dvArray.hpp>
 
+#include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <optional>
@@ -27,6 +33,11 @@ namespace mpipool::codec {
 using parallel::language::future::DvArrayVector;
 using parallel::language::future::OutputsOrError;
 using TaskId = std::uint64_t;
+
+// How deep the causes of an error nest at most in a message (an error whose
+// causes have no causes nests 1 deep). A deeper error is sent as
+// KORVEX:mpipool:CausesTooDeep.
+inline constexpr std::size_t kMaxCauseDepth = 256;
 
 // kTask. Throws KORVEX:mpipool:UnregisteredFunction (the function, or a
 // function handle among the inputs, is not registered) and

@@ -33,6 +33,9 @@ QZHOST_ERROR_TAG("KORVEX:mpipool", WorkerLost)
 QZHOST_ERROR_TAG("KORVEX:mpipool", NoWorkersLeft)
 // A cluster made after the process's cluster ended: MPI starts once.
 QZHOST_ERROR_TAG("KORVEX:mpipool", ClusterEnded)
+// An error whose causes nest deeper than a message carries (argument: the
+// deepest nesting sent).
+QZHOST_ERROR_TAG("KORVEX:mpipool", CausesTooDeep)
 } // namespace KORVEX::mpipool
 
 namespace mpipool::errors {
@@ -51,4 +54,5 @@ using UnreadableMessage = Error<::KORVEX::mpipool::UnreadableMessage>;
 using WorkerLost = Error<::KORVEX::mpipool::WorkerLost>;
 using NoWorkersLeft = Error<::KORVEX::mpipool::NoWorkersLeft>;
 using ClusterEnded = Error<::KORVEX::mpipool::ClusterEnded>;
+using CausesTooDeep = Error<::KORVEX::mpipool::CausesTooDeep>;
 } // namespace mpipool::errors

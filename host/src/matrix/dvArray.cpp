@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 using matrix::ClassID;
 using matrix::Dimensions;
@@ -31,9 +32,40 @@ void intrusive_ptr_add_ref(const dvArray* array) noexcept {
     }
 }
 
+namespace {
+// The arrays whose last reference went while this thread was deleting
+// another array (the elements of a cell or structure being deleted): the
+// outermost release deletes them in turn, so that dropping an array nested
+// any depth takes the stack of dropping a flat one. Null when this thread is
+// deleting nothing.
+thread_local std::vector<const dvArray*>* tDoomed = nullptr;
+
+void destroyNested(const dvArray* array) noexcept {
+    if (tDoomed) {
+        try {
+            tDoomed->push_back(array);
+            return;
+        } catch (...) {
+            // No memory for the list: delete it here, one level deeper.
+        }
+        ArrayAccess::destroy(array);
+        return;
+    }
+    std::vector<const dvArray*> doomed;
+    tDoomed = &doomed;
+    ArrayAccess::destroy(array);
+    while (!doomed.empty()) {
+        const dvArray* next = doomed.back();
+        doomed.pop_back();
+        ArrayAccess::destroy(next);
+    }
+    tDoomed = nullptr;
+}
+} // namespace
+
 void intrusive_ptr_release(const dvArray* array) noexcept {
     if (array && ArrayAccess::refs(array).fetch_sub(1, std::memory_order_acq_rel) == 1) {
-        ArrayAccess::destroy(array);
+        destroyNested(array);
     }
 }
 

@@ -159,6 +159,9 @@ const std::unordered_map<std::string_view, std::u16string_view>& catalogue() {
          u"Every worker process of the cluster pool is gone; it cannot run any more work."},
         {"KORVEX:mpipool:ClusterEnded",
          u"The cluster of this process has ended; MPI cannot start again in one process."},
+        {"KORVEX:mpipool:CausesTooDeep",
+         u"The error cannot be sent to another process of the cluster: its causes nest more "
+         u"than {0} deep."},
         // The class-object system.
         {"KORVEX:kcos:UndefinedClass", u"Unable to find the class '{0}'."},
         {"KORVEX:kcos:NoSuchProperty", u"Unrecognised property '{0}' of class '{1}'."},
