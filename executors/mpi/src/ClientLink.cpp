@@ -201,7 +201,7 @@ void ClientLink::readReports(std::size_t worker, const protocol::Bytes& bytes,
                     std::nullopt, worker};
         if (item->kind == batch::Report::Finished) {
             lastRun_[worker] = item->runMicros;
-            event.result = codec::decodeResult(protocol::Bytes(item->result));
+            event.result = codec::decodeResult(item->result);
         }
         events.push_back(std::move(event));
     }

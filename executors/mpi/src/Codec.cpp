@@ -68,7 +68,7 @@ private:
 // hold, throws KORVEX:mpipool:UnreadableMessage.
 class Reader {
 public:
-    explicit Reader(const protocol::Bytes& bytes)
+    explicit Reader(std::string_view bytes)
         : next_(bytes.data()), end_(bytes.data() + bytes.size()) {}
 
     template <class T>
@@ -502,7 +502,7 @@ protocol::Bytes encodeTask(TaskId id, const dvArray* function, unsigned int numO
     });
 }
 
-TaskMessage decodeTask(const protocol::Bytes& bytes) {
+TaskMessage decodeTask(std::string_view bytes) {
     Reader in(bytes);
     TaskMessage task;
     task.id = readOrThrow([&] { return in.get<TaskId>(); });
@@ -525,19 +525,6 @@ TaskMessage decodeTask(const protocol::Bytes& bytes) {
         task.inputError = std::current_exception();
     }
     return task;
-}
-
-protocol::Bytes encodeTaskId(TaskId id) {
-    return written([&](Writer& out) { out.put(id); });
-}
-
-TaskId decodeTaskId(const protocol::Bytes& bytes) {
-    return readOrThrow([&] {
-        Reader in(bytes);
-        const auto id = in.get<TaskId>();
-        in.expectEnd();
-        return id;
-    });
 }
 
 protocol::Bytes encodeResult(TaskId id, Outcome outcome, const OutputsOrError& result,
@@ -566,7 +553,7 @@ protocol::Bytes encodeResult(TaskId id, Outcome outcome, const OutputsOrError& r
     }
 }
 
-ResultMessage decodeResult(const protocol::Bytes& bytes) {
+ResultMessage decodeResult(std::string_view bytes) {
     Reader in(bytes);
     ResultMessage message;
     message.id = readOrThrow([&] { return in.get<TaskId>(); });

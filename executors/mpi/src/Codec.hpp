@@ -27,6 +27,7 @@
 #include <exception>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace mpipool::codec {
 
@@ -55,11 +56,7 @@ struct TaskMessage {
     std::exception_ptr inputError;
 };
 // Throws KORVEX:mpipool:UnreadableMessage when not even the id can be read.
-TaskMessage decodeTask(const protocol::Bytes& bytes);
-
-// kStop and kStarted carry a task id only.
-protocol::Bytes encodeTaskId(TaskId id);
-TaskId decodeTaskId(const protocol::Bytes& bytes);
+TaskMessage decodeTask(std::string_view bytes);
 
 // What became of an evaluation on its worker.
 enum class Outcome : std::uint8_t { Outputs, Error };
@@ -78,7 +75,7 @@ struct ResultMessage {
 };
 // Outputs that cannot be rebuilt here become the error that says so. Throws
 // KORVEX:mpipool:UnreadableMessage when not even the id can be read.
-ResultMessage decodeResult(const protocol::Bytes& bytes);
+ResultMessage decodeResult(std::string_view bytes);
 
 // The envelope the language would make of `error` (the same conversion the
 // futures library applies to the errors of local work).

@@ -211,7 +211,7 @@ void WorkerLoop::queueTasks(const protocol::Bytes& bytes) {
     batch::Reader reader(bytes);
     std::deque<codec::TaskMessage> tasks;
     while (const auto item = reader.nextTask()) {
-        tasks.push_back(codec::decodeTask(protocol::Bytes(*item)));
+        tasks.push_back(codec::decodeTask(*item));
     }
     {
         const LockGuard lock(mutex_);
