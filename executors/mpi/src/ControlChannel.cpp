@@ -105,14 +105,15 @@ ControlSocket::~ControlSocket() {
     ::close(fd_);
 }
 
-bool ControlSocket::write(protocol::Frame frame, std::uint64_t value) noexcept {
+bool ControlSocket::write(protocol::Frame frame, std::uint64_t value, bool holdBack) noexcept {
     std::array<unsigned char, kFrameSize> bytes{};
     bytes[0] = static_cast<unsigned char>(frame);
     std::memcpy(bytes.data() + 1, &value, sizeof value);
     const foundation::core::sync::LockGuard lock(writeMutex_);
     std::size_t written = 0;
     while (written < bytes.size()) {
-        const ssize_t n = ::send(fd_, bytes.data() + written, bytes.size() - written, MSG_NOSIGNAL);
+        const ssize_t n = ::send(fd_, bytes.data() + written, bytes.size() - written,
+                                 MSG_NOSIGNAL | (holdBack ? MSG_MORE : 0));
         if (n < 0 && errno == EINTR) {
             continue;
         }

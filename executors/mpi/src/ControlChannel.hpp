@@ -42,8 +42,12 @@ public:
     ControlSocket& operator=(const ControlSocket&) = delete;
 
     int fd() const noexcept { return fd_; }
-    // Writes one frame; false when the peer is gone.
-    bool write(protocol::Frame frame, std::uint64_t value = 0) noexcept QZ_EXCLUDES(writeMutex_);
+    // Writes one frame; false when the peer is gone. With `holdBack`, the
+    // kernel may keep it (and the frames after it) until a frame without, or
+    // for up to 200 ms; once written it is the kernel's, so it still reaches
+    // the peer if this process dies.
+    bool write(protocol::Frame frame, std::uint64_t value = 0, bool holdBack = false) noexcept
+        QZ_EXCLUDES(writeMutex_);
     // Reads what has arrived without blocking and appends the whole frames;
     // false once the stream has ended or broken (the frames before the end
     // are still appended).

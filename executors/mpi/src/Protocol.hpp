@@ -15,7 +15,10 @@
 //     worker -> client   kWake     MPI messages follow (value: how many)
 //                        kStarted  the evaluation with this id starts now:
 //                                  sent before it runs, so that the client
-//                                  knows what a lost worker may have run
+//                                  knows what a lost worker may have run;
+//                                  held back (corked) while more tasks are
+//                                  queued behind it
+//                        kPush     nothing: sends the frames held back
 //
 //   MPI, on the cluster's own communicator, carries the data: byte buffers
 //   (MPI_CHAR), each announced by a kWake frame sent just before it, so that
@@ -56,7 +59,7 @@ inline constexpr int kTask = 5;   // one large encoded evaluation
 inline constexpr int kResult = 6; // one large encoded result
 
 // Control frame tags.
-enum class Frame : std::uint8_t { Wake = 1, Stop = 2, Exit = 3, Started = 4 };
+enum class Frame : std::uint8_t { Wake = 1, Stop = 2, Exit = 3, Started = 4, Push = 5 };
 
 inline constexpr int kClientRank = 0;
 

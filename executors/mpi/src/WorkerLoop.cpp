@@ -38,9 +38,18 @@ bool WorkerLoop::run() {
         queue_.pop_front();
         running_ = task.id;
         stop_ = false;
+        // Held back while more tasks follow: the next start, a report or the
+        // I/O thread's timer sends it.
+        const bool holdBack = !queue_.empty();
+        if (holdBack && !startHeldBack_) {
+            startHeldBack_ = true;
+            heldBackSince_ = Clock::now();
+            waker_.wake(); // the I/O thread sets its timer by it
+        }
+        startHeldBack_ = startHeldBack_ && holdBack;
         lock.unlock();
         // Before it runs: a client that loses this worker knows it started.
-        control_.write(protocol::Frame::Started, task.id);
+        control_.write(protocol::Frame::Started, task.id, holdBack);
         const auto start = Clock::now();
         protocol::Bytes result = evaluate(task, stop_);
         const std::uint64_t runMicros = microsSince(start);
@@ -91,12 +100,29 @@ std::chrono::microseconds WorkerLoop::sleepLimit() const {
     if (reportsDue_) {
         return std::chrono::microseconds(0);
     }
+    std::optional<Clock::time_point> due;
     if (!reports_.empty()) {
-        const auto due = oldestReport_ + kReportDelay - Clock::now();
-        return std::max(std::chrono::duration_cast<std::chrono::microseconds>(due),
-                        std::chrono::microseconds(0));
+        due = oldestReport_ + kReportDelay;
     }
-    return std::chrono::microseconds(-1);
+    if (startHeldBack_) {
+        due = std::min(due.value_or(Clock::time_point::max()), heldBackSince_ + kReportDelay);
+    }
+    if (!due) {
+        return std::chrono::microseconds(-1);
+    }
+    return std::max(std::chrono::duration_cast<std::chrono::microseconds>(*due - Clock::now()),
+                    std::chrono::microseconds(0));
+}
+
+void WorkerLoop::pushHeldBack() {
+    {
+        const LockGuard lock(mutex_);
+        if (!startHeldBack_ || Clock::now() - heldBackSince_ < kReportDelay) {
+            return;
+        }
+        startHeldBack_ = false;
+    }
+    control_.write(protocol::Frame::Push);
 }
 
 void WorkerLoop::ioLoop() noexcept {
@@ -144,6 +170,7 @@ void WorkerLoop::ioLoop() noexcept {
             }
             receiveAnnounced();
             sendReports(false);
+            pushHeldBack();
             const LockGuard mpi(mpiMutex_);
             outbox_.progress();
         }
@@ -262,6 +289,7 @@ void WorkerLoop::sendReports(bool force) {
             return;
         }
         reportsDue_ = false;
+        startHeldBack_ = false; // the wake frame sends what was held back
         messages = reports_.take();
     }
     // The frame first: the client must be awake to take a large message.

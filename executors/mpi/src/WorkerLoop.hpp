@@ -66,6 +66,8 @@ private:
     void leave(bool clientGone) QZ_EXCLUDES(mutex_);
     // Sends the reports if they are due (or `force`). Either thread.
     void sendReports(bool force) QZ_EXCLUDES(mutex_, mpiMutex_);
+    // Sends the start frames held back for kReportDelay. I/O thread.
+    void pushHeldBack() QZ_EXCLUDES(mutex_);
     // How long the I/O thread may sleep. Called with `mutex_` held.
     std::chrono::microseconds sleepLimit() const QZ_REQUIRES(mutex_);
     // After a report was added: whether the reports are due now.
@@ -91,6 +93,9 @@ private:
     batch::Outgoing reports_ QZ_GUARDED_BY(mutex_){protocol::kReports, protocol::kResult};
     Clock::time_point oldestReport_ QZ_GUARDED_BY(mutex_);
     bool reportsDue_ QZ_GUARDED_BY(mutex_) = false;
+    // A start frame the kernel may hold back (see ControlSocket::write).
+    bool startHeldBack_ QZ_GUARDED_BY(mutex_) = false;
+    Clock::time_point heldBackSince_ QZ_GUARDED_BY(mutex_);
 };
 
 } // namespace mpipool
