@@ -12,9 +12,11 @@
 //   Sporadic/<pool>         one round trip every 10 ms (the workers idle
 //                           in between); time per round trip.
 //   LargeArray/<pool>       a 64 MiB double array there and back.
-//   StopLatency/Cluster     from cancel on the client to the running
+//   StopLatency/<how>       from cancel on the client to the running
 //                           function seeing stopRequested() on its worker
-//                           (one machine: both read one monotonic clock).
+//                           (one machine: both read one monotonic clock);
+//                           the function polls Busy, or Yielding between
+//                           polls.
 //   IdleWorkerCpu/Cluster   CPU time of a worker process over 2 s with
 //                           nothing to do, as a share of one core.
 //
@@ -92,8 +94,15 @@ double processCpuSeconds() {
 }
 
 void registerFunctions() {
-    mpipool::registerFunction("untilStopped", [](std::size_t, const pf::DvArrayVector&) {
+    // Polls for its stop request as fast as it can: with a yield between
+    // polls (input 1), or busy (the worker's other threads then wait for
+    // the scheduler to take the core from it).
+    mpipool::registerFunction("untilStopped", [](std::size_t, const pf::DvArrayVector& in) {
+        const bool yield = dvGetDoubles(in.at(0).get())[0] != 0;
         while (!mpipool::stopRequested()) {
+            if (yield) {
+                std::this_thread::yield();
+            }
         }
         gStopSeen = steadyNanos();
         return pf::DvArrayVector{};
@@ -197,10 +206,11 @@ void BM_LargeArray(benchmark::State& state, bool cluster) {
     state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(2 * kDoubles * 8));
 }
 
-void BM_StopLatency(benchmark::State& state) {
+void BM_StopLatency(benchmark::State& state, bool yielding) {
     mpipool::MpiPool pool(*gCluster, 1);
     for (auto _ : state) {
-        const auto running = pool.submit(mpipool::functionHandle("untilStopped"), 0, {});
+        const auto running =
+            pool.submit(mpipool::functionHandle("untilStopped"), 0, {scalar(yielding ? 1 : 0)});
         running->getTask()->wait(pf::FutureState::Running,
                                  pf::clock::getCurrentSteadyTime() + pf::Seconds(60));
         const std::int64_t cancelled = steadyNanos();
@@ -242,7 +252,14 @@ BENCHMARK_CAPTURE(BM_Sporadic, Cluster, true)
     ->Unit(benchmark::kMicrosecond);
 BENCHMARK_CAPTURE(BM_LargeArray, Local, false)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(BM_LargeArray, Cluster, true)->UseRealTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_StopLatency)->UseManualTime()->Iterations(50)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_StopLatency, Busy, false)
+    ->UseManualTime()
+    ->Iterations(50)
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(BM_StopLatency, Yielding, true)
+    ->UseManualTime()
+    ->Iterations(50)
+    ->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_IdleWorkerCpu)->Iterations(1)->Unit(benchmark::kSecond);
 BENCHMARK_CAPTURE(BM_RoundTrip, Local, false)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK_CAPTURE(BM_RoundTrip, Cluster, true)->UseRealTime()->Unit(benchmark::kMicrosecond);

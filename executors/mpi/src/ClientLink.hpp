@@ -44,7 +44,7 @@ class ClientLink : public std::enable_shared_from_this<ClientLink> {
 public:
     // At most this many tasks in flight at one worker, while its tasks run
     // shorter than kShortRun and encode to less than kSmallTask bytes.
-    static constexpr std::size_t kMaxInFlight = 64;
+    static constexpr std::size_t kMaxInFlight = 128;
     static constexpr std::uint64_t kShortRunMicros = 1000;
     static constexpr std::size_t kSmallTask = std::size_t{64} << 10;
     // Awake this long after the last activity: back-to-back work skips the

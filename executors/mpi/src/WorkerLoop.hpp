@@ -44,7 +44,7 @@ class WorkerLoop {
 public:
     static constexpr std::chrono::microseconds kReportDelay{500};
     static constexpr std::chrono::microseconds kSpinWindow{0};
-    static constexpr std::size_t kReportBatchItems = 16;
+    static constexpr std::size_t kReportBatchItems = 32;
     static constexpr std::size_t kReportBatchBytes = std::size_t{256} << 10;
 
     WorkerLoop(const boost::mpi::communicator& comm, ControlSocket& control);
