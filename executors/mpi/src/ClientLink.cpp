@@ -15,6 +15,8 @@
 
 namespace mpipool {
 
+using foundation::core::sync::LockGuard;
+
 ClientLink::ClientLink(boost::mpi::communicator comm, std::vector<int> ranks,
                        std::vector<ControlSocket*> control, std::shared_ptr<LostRanks> lost)
     : comm_(std::move(comm)), ranks_(std::move(ranks)), control_(std::move(control)),
@@ -22,7 +24,7 @@ ClientLink::ClientLink(boost::mpi::communicator comm, std::vector<int> ranks,
       announced_(ranks_.size(), 0), gone_(ranks_.size(), false), lastRun_(ranks_.size(), 0),
       lastSize_(ranks_.size(), 0) {
     // Until a worker's first task is back, nothing says its tasks are short.
-    std::ranges::fill(lastRun_, kShortRunMicros);
+    std::fill(lastRun_.begin(), lastRun_.end(), kShortRunMicros);
 }
 
 std::shared_ptr<ClientLink> ClientLink::open(boost::mpi::communicator comm, std::vector<int> ranks,
@@ -80,7 +82,6 @@ void ClientLink::run() noexcept {
         fds.push_back(socket->fd());
     }
     std::vector<bool> ready(fds.size(), false);
-    auto lastActivity = std::chrono::steady_clock::now();
     while (true) {
         try {
             if (ready[0]) {
@@ -88,16 +89,35 @@ void ClientLink::run() noexcept {
             }
             // What the workers said frees them first; their next tasks go out
             // before the notifications run, so that workers and client
-            // overlap.
+            // overlap. The notifications run without the MPI mutex: what
+            // they call may submit.
             std::vector<Event> events;
-            readFrames(ready, events);
-            receiveReports(events);
-            const WorkList::Orders orders = work_->takeOrders(windows());
-            for (const WorkList::Send& batch : orders.sends) {
-                send(batch, events);
-            }
-            for (const WorkList::Stop& stop : orders.stops) {
-                control_[stop.worker]->write(protocol::Frame::Stop, stop.task);
+            WorkList::Orders orders;
+            std::vector<std::size_t> lostNow;
+            bool busy = false;
+            {
+                const LockGuard mpi(mpiMutex_);
+                readFrames(ready, events);
+                receiveReports(events);
+                orders = work_->takeOrders(windows());
+                for (const WorkList::Send& batch : orders.sends) {
+                    send(batch, events);
+                }
+                for (const WorkList::Stop& stop : orders.stops) {
+                    control_[stop.worker]->write(protocol::Frame::Stop, stop.task);
+                }
+                std::ranges::move(stashed_, std::back_inserter(events));
+                stashed_.clear();
+                for (std::size_t worker = 0; worker < gone_.size(); ++worker) {
+                    if (gone_[worker] && !(*lost_)[static_cast<std::size_t>(ranks_[worker] - 1)]) {
+                        (*lost_)[static_cast<std::size_t>(ranks_[worker] - 1)] = true;
+                        outbox_.abandon(ranks_[worker]);
+                        lostNow.push_back(worker);
+                    }
+                }
+                outbox_.progress();
+                busy = !outbox_.idle() ||
+                       std::ranges::any_of(announced_, [](std::size_t n) { return n > 0; });
             }
             for (const auto& task : orders.unrunnable) {
                 const auto pinned = task->getPinnedWorker();
@@ -109,25 +129,16 @@ void ClientLink::run() noexcept {
                 deliver(event);
             }
             // Last, so that what a lost worker reported before it went counts.
-            for (std::size_t worker = 0; worker < gone_.size(); ++worker) {
-                if (gone_[worker] && !(*lost_)[static_cast<std::size_t>(ranks_[worker] - 1)]) {
-                    lose(worker);
-                }
+            for (const std::size_t worker : lostNow) {
+                lose(worker);
             }
-            outbox_.progress();
             if (orders.drained) {
                 return;
             }
-            if (!events.empty() || !orders.sends.empty() || !orders.stops.empty()) {
-                lastActivity = std::chrono::steady_clock::now();
-            }
-            // Asleep until a frame or news, but for a message on its way in,
-            // a send that MPI moves only while it is called, or work a moment
-            // ago.
+            // Asleep until a frame or news, but for a message on its way in
+            // or a send that MPI moves only while it is called.
             std::chrono::microseconds limit(-1);
-            if (!outbox_.idle() ||
-                std::ranges::any_of(announced_, [](std::size_t n) { return n > 0; }) ||
-                std::chrono::steady_clock::now() - lastActivity < kSpinWindow) {
+            if (busy) {
                 limit = std::chrono::microseconds(0);
                 std::this_thread::yield();
             }
@@ -140,6 +151,29 @@ void ClientLink::run() noexcept {
             boost::mpi::environment::abort(1);
         }
     }
+}
+
+void ClientLink::sendNow() {
+    if (isLinkThread()) {
+        work_->news(); // from a notification: the loop goes round again
+        return;
+    }
+    std::vector<Event> failed;
+    {
+        std::unique_lock<foundation::core::sync::Mutex> mpi(mpiMutex_, std::try_to_lock);
+        if (!mpi.owns_lock()) {
+            work_->news(); // the link thread is at it: it sends on its next turn
+            return;
+        }
+        for (const WorkList::Send& batch : work_->takeSends(windows())) {
+            send(batch, failed);
+        }
+        if (failed.empty()) {
+            return;
+        }
+        std::ranges::move(failed, std::back_inserter(stashed_));
+    }
+    work_->news(); // its notifications are the link thread's to run
 }
 
 void ClientLink::readFrames(const std::vector<bool>& ready, std::vector<Event>& events) {
@@ -188,7 +222,7 @@ void ClientLink::receiveReports(std::vector<Event>& events) {
     }
 }
 
-void ClientLink::readReports(std::size_t worker, const protocol::Bytes& bytes,
+void ClientLink::readReports(std::size_t worker, std::string_view bytes,
                              std::vector<Event>& events) {
     batch::Reader reader(bytes);
     while (const auto item = reader.nextReport()) {
@@ -266,8 +300,6 @@ void ClientLink::fail(ClusterTask& task, std::exception_ptr error) {
 
 void ClientLink::lose(std::size_t worker) {
     const int rank = ranks_[worker];
-    (*lost_)[static_cast<std::size_t>(rank - 1)] = true;
-    outbox_.abandon(rank);
     std::cerr << "mpipool: lost worker rank " << rank << std::endl;
     WorkList::Loss loss = work_->lose(worker);
     for (const auto& task : loss.failed) {

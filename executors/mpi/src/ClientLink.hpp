@@ -26,6 +26,8 @@
 #include "ControlChannel.hpp"
 #include "WorkList.hpp"
 
+#include <foundation/core/sync/Mutex.hpp>
+
 #include <boost/mpi/communicator.hpp>
 
 #include <atomic>
@@ -47,9 +49,6 @@ public:
     static constexpr std::size_t kMaxInFlight = 128;
     static constexpr std::uint64_t kShortRunMicros = 1000;
     static constexpr std::size_t kSmallTask = std::size_t{64} << 10;
-    // Awake this long after the last activity: back-to-back work skips the
-    // wake-ups.
-    static constexpr std::chrono::microseconds kSpinWindow{0};
 
     // Starts the link thread for workers `ranks`, reached through `control`
     // (index rank - 1).
@@ -61,6 +60,11 @@ public:
     ClientLink& operator=(const ClientLink&) = delete;
 
     const std::shared_ptr<WorkList>& getWorkList() const noexcept { return work_; }
+
+    // Sends the work list's tasks that can go now on the calling thread (the
+    // submitting one: no hand-over to the link thread), unless the link
+    // thread is at MPI, which then sends them. Any thread.
+    void sendNow() QZ_EXCLUDES(mpiMutex_);
 
     // Refuses further work, cancels the waiting work and asks the workers to
     // stop what they run. Any thread.
@@ -84,30 +88,38 @@ private:
                std::vector<ControlSocket*> control, std::shared_ptr<LostRanks> lost);
     void run() noexcept;
     // Reads the control frames of the ready sockets. Link thread.
-    void readFrames(const std::vector<bool>& ready, std::vector<Event>& events);
+    void readFrames(const std::vector<bool>& ready, std::vector<Event>& events)
+        QZ_REQUIRES(mpiMutex_);
     // Receives the announced reports that have arrived. Link thread.
-    void receiveReports(std::vector<Event>& events);
-    void readReports(std::size_t worker, const protocol::Bytes& bytes, std::vector<Event>& events);
-    void send(const WorkList::Send& send, std::vector<Event>& events);
+    void receiveReports(std::vector<Event>& events) QZ_REQUIRES(mpiMutex_);
+    void readReports(std::size_t worker, std::string_view bytes, std::vector<Event>& events)
+        QZ_REQUIRES(mpiMutex_);
+    // Encodes and sends a worker's tasks; one that cannot be encoded fails
+    // through `events`.
+    void send(const WorkList::Send& send, std::vector<Event>& events) QZ_REQUIRES(mpiMutex_);
     void deliver(Event& event);
     // Finishes `task` with `error`, as if it ran. Link thread.
     static void fail(ClusterTask& task, std::exception_ptr error);
     // Fails the work of `worker`, which is gone. Link thread.
     void lose(std::size_t worker);
-    std::vector<std::size_t> windows() const;
+    std::vector<std::size_t> windows() const QZ_REQUIRES(mpiMutex_);
 
     boost::mpi::communicator comm_;
     std::vector<int> ranks_;              // worker index -> rank
     std::vector<ControlSocket*> control_; // worker index -> its control socket
     std::shared_ptr<LostRanks> lost_;
     std::shared_ptr<WorkList> work_;
-    protocol::Outbox outbox_;
 
-    // Link thread only, per worker.
-    std::vector<std::size_t> announced_; // reports announced, not yet received
-    std::vector<bool> gone_;             // the end of its control stream was read
-    std::vector<std::uint64_t> lastRun_; // run time of its last task, microseconds
-    std::vector<std::size_t> lastSize_;  // encoded size of its last task
+    // The MPI side: held by the link thread while it is at MPI, and by a
+    // submitting thread that sends (sendNow).
+    foundation::core::sync::Mutex mpiMutex_;
+    protocol::Outbox outbox_ QZ_GUARDED_BY(mpiMutex_);
+    std::vector<Event> stashed_ QZ_GUARDED_BY(mpiMutex_); // for the link thread to deliver
+    // Per worker.
+    std::vector<std::size_t> announced_ QZ_GUARDED_BY(mpiMutex_); // reports on their way
+    std::vector<bool> gone_ QZ_GUARDED_BY(mpiMutex_);             // its control stream has ended
+    std::vector<std::uint64_t> lastRun_ QZ_GUARDED_BY(mpiMutex_); // its last task's, in µs
+    std::vector<std::size_t> lastSize_ QZ_GUARDED_BY(mpiMutex_);  // its last task, encoded
 
     std::shared_future<void> finished_;
     std::thread::id threadId_;

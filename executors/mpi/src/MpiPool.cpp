@@ -86,7 +86,7 @@ std::shared_ptr<FevalFuture> MpiPool::submit(boost::intrusive_ptr<dvArray> funct
     impl_->checkWorkersLeft();
     auto future = executor::submitTo(*impl_->link->getWorkList(), std::move(function), numOutputs,
                                      std::move(inputs), parent, impl_->taskMaker());
-    impl_->link->getWorkList()->news();
+    impl_->link->sendNow();
     return future;
 }
 
@@ -98,7 +98,7 @@ std::shared_ptr<FevalOnAllFuture> MpiPool::submitOnAll(boost::intrusive_ptr<dvAr
     auto future =
         executor::submitOnAllTo(*impl_->link->getWorkList(), std::move(function), numOutputs,
                                 std::move(inputs), parent, impl_->taskMaker());
-    impl_->link->getWorkList()->news();
+    impl_->link->sendNow();
     return future;
 }
 

@@ -22,20 +22,35 @@ WorkList::Orders WorkList::takeOrders(const std::vector<std::size_t>& window) {
             }
             continue;
         }
-        Send send{worker, {}};
-        while (flight_[worker].size() < window.at(worker) && hasWorkFor(worker)) {
-            TaskPtr task = takeFor(worker);
-            inHand_[worker] = nullptr; // in flight instead: a worker may hold several
-            flight_[worker].push_back({task});
-            send.tasks.push_back(std::move(task));
-        }
-        if (!send.tasks.empty()) {
-            orders.sends.push_back(std::move(send));
-        }
+        fillWindow(worker, window.at(worker), orders.sends);
     }
     orders.stops.swap(stops_);
     orders.drained = closed_ && !anyInFlight();
     return orders;
+}
+
+void WorkList::fillWindow(std::size_t worker, std::size_t window, std::vector<Send>& sends) {
+    Send send{worker, {}};
+    while (flight_[worker].size() < window && hasWorkFor(worker)) {
+        TaskPtr task = takeFor(worker);
+        inHand_[worker] = nullptr; // in flight instead: a worker may hold several
+        flight_[worker].push_back({task});
+        send.tasks.push_back(std::move(task));
+    }
+    if (!send.tasks.empty()) {
+        sends.push_back(std::move(send));
+    }
+}
+
+std::vector<WorkList::Send> WorkList::takeSends(const std::vector<std::size_t>& window) {
+    std::vector<Send> sends;
+    const LockGuard lock(mutex_);
+    for (std::size_t worker = 0; worker < numWorkers_; ++worker) {
+        if (!lost_[worker]) {
+            fillWindow(worker, window.at(worker), sends);
+        }
+    }
+    return sends;
 }
 
 WorkList::TaskPtr WorkList::started(std::size_t worker, codec::TaskId id) {

@@ -15,7 +15,7 @@
 // others. It gets no more work.
 //
 // Threads: any thread pushes, cancels and closes, then wakes the link thread
-// (news); the link thread takes orders, looks up and finishes tasks in
+// (news) or sends itself (takeSends); the link thread takes orders, looks up and finishes tasks in
 // flight, and loses workers.
 
 #include "ClusterTask.hpp"
@@ -50,6 +50,8 @@ public:
     // Fills every live worker's window (its own pinned tasks first) and takes
     // the pending stop requests. Link thread.
     Orders takeOrders(const std::vector<std::size_t>& window) QZ_EXCLUDES(mutex_);
+    // The sends of takeOrders only. Any thread (with the link's MPI mutex).
+    std::vector<Send> takeSends(const std::vector<std::size_t>& window) QZ_EXCLUDES(mutex_);
     // The task in flight at `worker` with id `id`, marked started; null if
     // it has none such. Link thread.
     TaskPtr started(std::size_t worker, codec::TaskId id) QZ_EXCLUDES(mutex_);
@@ -78,6 +80,8 @@ private:
         bool started = false;
     };
     bool anyInFlight() const QZ_REQUIRES(mutex_);
+    void fillWindow(std::size_t worker, std::size_t window, std::vector<Send>& sends)
+        QZ_REQUIRES(mutex_);
 
     Waker waker_;
     std::vector<std::deque<Flight>> flight_ QZ_GUARDED_BY(mutex_); // per worker, oldest first

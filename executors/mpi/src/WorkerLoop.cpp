@@ -73,12 +73,6 @@ bool WorkerLoop::run() {
 }
 
 void WorkerLoop::waitForWork(UniqueLock& lock) {
-    const auto spinUntil = Clock::now() + kSpinWindow;
-    while (!leaving_ && queue_.empty() && Clock::now() < spinUntil) {
-        lock.unlock();
-        std::this_thread::yield();
-        lock.lock();
-    }
     work_.wait(lock.native(), [&] { return leaving_ || !queue_.empty(); });
 }
 
@@ -130,7 +124,6 @@ void WorkerLoop::ioLoop() noexcept {
     std::vector<bool> ready;
     std::vector<FrameMessage> frames;
     bool clientThere = true;
-    Clock::time_point lastActivity = Clock::now();
     try {
         while (true) {
             std::chrono::microseconds limit;
@@ -146,18 +139,15 @@ void WorkerLoop::ioLoop() noexcept {
                 const LockGuard mpi(mpiMutex_);
                 sending = !outbox_.idle();
             }
-            // A message on its way in, a send that MPI moves only while it is
-            // called, or work a moment ago: keep at it.
-            if (announced_ > 0 || sending || Clock::now() - lastActivity < kSpinWindow) {
+            // A message on its way in, or a send that MPI moves only while it
+            // is called: keep at it.
+            if (announced_ > 0 || sending) {
                 limit = std::chrono::microseconds(0);
                 std::this_thread::yield();
             }
             waitReadable(fds, ready, limit);
             if (ready[1]) {
                 waker_.drain();
-            }
-            if (ready[0] || ready[1]) {
-                lastActivity = Clock::now();
             }
             if (ready[0] && clientThere) {
                 frames.clear();

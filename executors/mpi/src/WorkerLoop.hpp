@@ -13,8 +13,6 @@
 //   the reports itself when they are due as it finishes one (no hand-over
 //   on the way back to the client).
 //
-// Both threads stay awake for kSpinWindow after they last had something to
-// do (back-to-back work skips the wake-ups), then sleep without limit.
 //
 // States: Serving -(kExit, or the client's end of the socket)-> Leaving
 // (queued work is skipped, a running function is asked to stop) -> Ended
@@ -43,7 +41,6 @@ namespace mpipool {
 class WorkerLoop {
 public:
     static constexpr std::chrono::microseconds kReportDelay{500};
-    static constexpr std::chrono::microseconds kSpinWindow{0};
     static constexpr std::size_t kReportBatchItems = 32;
     static constexpr std::size_t kReportBatchBytes = std::size_t{256} << 10;
 
@@ -72,7 +69,7 @@ private:
     std::chrono::microseconds sleepLimit() const QZ_REQUIRES(mutex_);
     // After a report was added: whether the reports are due now.
     bool reported() QZ_REQUIRES(mutex_);
-    // Waits for work or leaving, awake for kSpinWindow first. Main thread.
+    // Waits for work or leaving. Main thread.
     void waitForWork(foundation::core::sync::UniqueLock& lock) QZ_REQUIRES(mutex_);
 
     const boost::mpi::communicator& comm_;
