@@ -6,6 +6,7 @@
 #include <mpipool/FunctionRegistry.hpp>
 
 #include <parallel/language/future/FetchNextState.hpp>
+#include <parallel/language/future/support/ContinuationSupport.hpp>
 #include <parallel/language/future/ScopedTaskFinishedListener.hpp>
 
 #include <localpool/LocalPool.hpp>
@@ -200,8 +201,9 @@ TEST(MpiPool, RefusesWhatCannotBeSentAndLosesNothing) {
 }
 
 // The tests run with 64 KiB chunks (see CMakeLists.txt): an array of a few
-// MiB crosses in dozens of chunks each way and arrives whole.
-TEST(MpiPool, LargeArraysCrossInChunks) {
+// MiB crosses in dozens of chunks each way and arrives whole; a cell nested
+// deeper than any stack crosses as well.
+TEST(MpiPool, LargeAndDeepArraysCrossWhole) {
     MpiPool pool(cluster());
     constexpr std::size_t kDoubles = 300'000;
     matrix::unique_dvArray big =
@@ -217,6 +219,23 @@ TEST(MpiPool, LargeArraysCrossInChunks) {
     const std::span<const double> back = dvGetDoubles(result.value()->at(0).get());
     const std::span<const double> sent = dvGetDoubles(input.get());
     EXPECT_TRUE(std::ranges::equal(back, sent));
+
+    const std::size_t depth = future::testing::underSanitizer() ? 10'000 : 100'000;
+    matrix::unique_dvArray nest = dvCreateDoubleScalar(7);
+    for (std::size_t i = 0; i < depth; ++i) {
+        matrix::unique_dvArray outer = matrix::detail::do_create_cell({1, 1});
+        dvSetCell(outer.get(), 0, std::move(nest));
+        nest = std::move(outer);
+    }
+    const FuturePtr deep =
+        pool.submit(handle("identity"), 1, {Array(matrix::to_korvex(std::move(nest)), false)});
+    ASSERT_EQ(errorOf(deep), "");
+    const dvArray* level = deep->getTask()->getOutputsOrError().value()->at(0).get();
+    for (std::size_t i = 0; i < depth && level != nullptr; ++i) {
+        level = dvGetCell(level, 0);
+    }
+    ASSERT_NE(level, nullptr);
+    EXPECT_EQ(valueOf(level), 7);
 }
 
 // A fetchNext asleep on the interpreter thread wakes as each worker's result arrives.
