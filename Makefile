@@ -3,6 +3,8 @@
 #
 #   make demo       build and run examples/demo; it writes its timeline
 #                   to build/release/demo-timeline.{json,svg}  (build/release)
+#                   It also builds examples/cluster, which runs under
+#                   `scripts/cluster-run -n 3 build/release/examples/cluster`
 #   make test       build and run the unit tests           (build/release)
 #   make sanitize   all tests under ASan+UBSan             (build/asan)
 #                   'concurrency' tests under TSan         (build/tsan)
@@ -51,7 +53,7 @@ bootstrap:
 
 demo: bootstrap
 	$(CMAKE_CONFIGURE) -B build/release $(RELEASE_FLAGS)
-	cmake --build build/release --target demo -j$(JOBS)
+	cmake --build build/release --target demo cluster -j$(JOBS)
 	build/release/examples/demo build/release
 
 test: bootstrap
