@@ -154,26 +154,32 @@ void ClientLink::run() noexcept {
 }
 
 void ClientLink::sendNow() {
-    if (isLinkThread()) {
-        work_->news(); // from a notification: the loop goes round again
+    if (isLinkThread() || !mpiMutex_.try_lock()) {
+        // From a notification, or the link thread is at MPI: it sends on its
+        // next turn.
+        work_->news();
         return;
     }
-    std::vector<Event> failed;
-    {
-        std::unique_lock<foundation::core::sync::Mutex> mpi(mpiMutex_, std::try_to_lock);
-        if (!mpi.owns_lock()) {
-            work_->news(); // the link thread is at it: it sends on its next turn
-            return;
-        }
-        for (const WorkList::Send& batch : work_->takeSends(windows())) {
-            send(batch, failed);
-        }
-        if (failed.empty()) {
-            return;
-        }
-        std::ranges::move(failed, std::back_inserter(stashed_));
+    bool failed = false;
+    try {
+        failed = sendTaken();
+    } catch (...) {
+        mpiMutex_.unlock();
+        throw;
     }
-    work_->news(); // its notifications are the link thread's to run
+    mpiMutex_.unlock();
+    if (failed) {
+        work_->news(); // their notifications are the link thread's to run
+    }
+}
+
+bool ClientLink::sendTaken() {
+    std::vector<Event> failed;
+    for (const WorkList::Send& batch : work_->takeSends(windows())) {
+        send(batch, failed);
+    }
+    std::ranges::move(failed, std::back_inserter(stashed_));
+    return !failed.empty();
 }
 
 void ClientLink::readFrames(const std::vector<bool>& ready, std::vector<Event>& events) {
@@ -206,8 +212,9 @@ void ClientLink::receiveReports(std::vector<Event>& events) {
                 }
                 break;
             }
+            ControlSocket& control = *control_[worker];
             const auto message =
-                protocol::receive(comm_, *status, [this, worker] { return gone_[worker]; });
+                protocol::receive(comm_, *status, [&control] { return control.peerClosed(); });
             --announced_[worker];
             if (message && message->tag == protocol::kReports) {
                 readReports(worker, message->bytes, events);

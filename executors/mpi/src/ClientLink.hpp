@@ -87,6 +87,9 @@ private:
     ClientLink(boost::mpi::communicator comm, std::vector<int> ranks,
                std::vector<ControlSocket*> control, std::shared_ptr<LostRanks> lost);
     void run() noexcept;
+    // sendNow's part with the MPI mutex: true when a task could not be sent
+    // (its failure is stashed for the link thread).
+    bool sendTaken() QZ_REQUIRES(mpiMutex_);
     // Reads the control frames of the ready sockets. Link thread.
     void readFrames(const std::vector<bool>& ready, std::vector<Event>& events)
         QZ_REQUIRES(mpiMutex_);

@@ -125,6 +125,11 @@ bool ControlSocket::write(protocol::Frame frame, std::uint64_t value, bool holdB
     return true;
 }
 
+bool ControlSocket::peerClosed() const noexcept {
+    pollfd polled{fd_, POLLRDHUP, 0};
+    return ::poll(&polled, 1, 0) > 0 && (polled.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
+}
+
 bool ControlSocket::readAvailable(std::vector<FrameMessage>& frames) noexcept {
     std::array<unsigned char, 4096> buffer{};
     while (true) {

@@ -48,6 +48,9 @@ public:
     // the peer if this process dies.
     bool write(protocol::Frame frame, std::uint64_t value = 0, bool holdBack = false) noexcept
         QZ_EXCLUDES(writeMutex_);
+    // Whether the peer has closed its end (frames may still be unread). Any
+    // thread.
+    bool peerClosed() const noexcept;
     // Reads what has arrived without blocking and appends the whole frames;
     // false once the stream has ended or broken (the frames before the end
     // are still appended).

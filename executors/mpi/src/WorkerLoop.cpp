@@ -30,7 +30,9 @@ bool WorkerLoop::run() {
     std::thread io([this] { ioLoop(); });
     UniqueLock lock(mutex_);
     while (true) {
-        waitForWork(lock);
+        while (!leaving_ && queue_.empty()) {
+            work_.wait(lock.native());
+        }
         if (leaving_) {
             break;
         }
@@ -70,10 +72,6 @@ bool WorkerLoop::run() {
     waker_.wake();
     io.join();
     return !clientGone;
-}
-
-void WorkerLoop::waitForWork(UniqueLock& lock) {
-    work_.wait(lock.native(), [&] { return leaving_ || !queue_.empty(); });
 }
 
 bool WorkerLoop::reported() {
@@ -207,7 +205,7 @@ void WorkerLoop::receiveAnnounced() {
             return;
         }
         std::optional<protocol::Message> message =
-            protocol::receive(comm_, *status, [] { return false; });
+            protocol::receive(comm_, *status, [this] { return control_.peerClosed(); });
         --announced_;
         if (message && message->tag == protocol::kTasks) {
             queueTasks(message->bytes);

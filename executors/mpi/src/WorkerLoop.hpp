@@ -69,8 +69,6 @@ private:
     std::chrono::microseconds sleepLimit() const QZ_REQUIRES(mutex_);
     // After a report was added: whether the reports are due now.
     bool reported() QZ_REQUIRES(mutex_);
-    // Waits for work or leaving. Main thread.
-    void waitForWork(foundation::core::sync::UniqueLock& lock) QZ_REQUIRES(mutex_);
 
     const boost::mpi::communicator& comm_;
     ControlSocket& control_;
