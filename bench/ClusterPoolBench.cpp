@@ -17,6 +17,8 @@
 //                           (one machine: both read one monotonic clock);
 //                           the function polls Busy, or Yielding between
 //                           polls.
+//   QueuedLargeInputs       rank 0's memory growth from 20 submissions of one
+//                           64 MiB array queued behind busy workers.
 //   IdleWorkerCpu/Cluster   CPU time of a worker process over 2 s with
 //                           nothing to do, as a share of one core.
 //
@@ -40,9 +42,12 @@
 #include <chrono>
 #include <cstdint>
 #include <ctime>
+#include <fstream>
 #include <memory>
 #include <thread>
 #include <vector>
+
+#include <unistd.h>
 
 namespace {
 
@@ -206,6 +211,46 @@ void BM_LargeArray(benchmark::State& state, bool cluster) {
     state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(2 * kDoubles * 8));
 }
 
+// The resident set size of this process in bytes (Linux: /proc/self/statm).
+double residentBytes() {
+    std::ifstream statm("/proc/self/statm");
+    double totalPages = 0;
+    double residentPages = 0;
+    statm >> totalPages >> residentPages;
+    return residentPages * static_cast<double>(sysconf(_SC_PAGESIZE));
+}
+
+// Rank 0's memory for 20 submissions of one 64 MiB array queued behind
+// busy workers: nothing is encoded until it is sent.
+void BM_QueuedLargeInputs(benchmark::State& state) {
+    mpipool::MpiPool pool(*gCluster, 2);
+    constexpr std::size_t kDoubles = (std::size_t{64} << 20) / sizeof(double);
+    const Array input(matrix::to_korvex(matrix::detail::do_create_numeric({kDoubles, 1},
+                                                                          matrix::ClassID::Double)),
+                      false);
+    double extra = 0;
+    for (auto _ : state) {
+        std::vector<std::shared_ptr<pf::FevalFuture>> blockers;
+        for (int i = 0; i < 2; ++i) {
+            blockers.push_back(
+                pool.submit(mpipool::functionHandle("untilStopped"), 0, {scalar(1)}));
+            blockers.back()->getTask()->wait(pf::FutureState::Running,
+                                             pf::clock::getCurrentSteadyTime() + pf::Seconds(60));
+        }
+        const double before = residentBytes();
+        std::vector<std::shared_ptr<pf::FutureBase>> queued;
+        for (int i = 0; i < 20; ++i) {
+            queued.push_back(pool.submit(mpipool::functionHandle("identity"), 1, {input}));
+        }
+        extra = residentBytes() - before;
+        for (const auto& blocker : blockers) {
+            blocker->cancel();
+        }
+        benchmark::DoNotOptimize(pf::FutureBase::fetchOutputs(std::move(queued), true, 1));
+    }
+    state.counters["queued_extra_MiB"] = extra / (1 << 20);
+}
+
 void BM_StopLatency(benchmark::State& state, bool yielding) {
     mpipool::MpiPool pool(*gCluster, 1);
     for (auto _ : state) {
@@ -260,6 +305,7 @@ BENCHMARK_CAPTURE(BM_StopLatency, Yielding, true)
     ->UseManualTime()
     ->Iterations(50)
     ->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_QueuedLargeInputs)->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_IdleWorkerCpu)->Iterations(1)->Unit(benchmark::kSecond);
 BENCHMARK_CAPTURE(BM_RoundTrip, Local, false)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK_CAPTURE(BM_RoundTrip, Cluster, true)->UseRealTime()->Unit(benchmark::kMicrosecond);
