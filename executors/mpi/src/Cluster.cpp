@@ -85,15 +85,21 @@ Cluster::~Cluster() {
             open->close();
             open->waitUntilFinished();
         }
-        for (const int rank : impl_->liveRanks()) {
-            impl_->control[static_cast<std::size_t>(rank - 1)]->write(protocol::Frame::Exit);
+        // MPI cannot finalize once a process is lost: it would wait for it.
+        const std::vector<int> live = impl_->liveRanks();
+        impl_->skipFinalize = live.size() < impl_->lost->size();
+        for (const int rank : live) {
+            impl_->control[static_cast<std::size_t>(rank - 1)]->write(protocol::Frame::Exit,
+                                                                      impl_->skipFinalize ? 1 : 0);
         }
     }
     impl_->control.clear();
     impl_->comm = boost::mpi::communicator(); // released before MPI is finalized
-    if (impl_->clientLost) {
-        // MPI cannot finalize without rank 0: the process ends without.
-        static_cast<void>(impl_->environment.release());
+    if (impl_->skipFinalize) {
+        // A process of the job is lost: the process ends without finalizing,
+        // its MPI environment kept (never destroyed) until then.
+        static auto* const kept = new std::vector<std::unique_ptr<boost::mpi::environment>>();
+        kept->push_back(std::move(impl_->environment));
     }
     impl_->environment.reset();
     gRank = -1;
@@ -113,9 +119,10 @@ int Cluster::serve() {
         throw errors::ServeOnClient();
     }
     try {
-        if (!WorkerLoop(impl_->comm, *impl_->control.at(0)).run()) {
+        const WorkerLoop::Ending ending = WorkerLoop(impl_->comm, *impl_->control.at(0)).run();
+        impl_->skipFinalize = ending != WorkerLoop::Ending::Finalize;
+        if (ending == WorkerLoop::Ending::ClientGone) {
             std::cerr << "mpipool: worker " << getRank() << " lost its client" << std::endl;
-            impl_->clientLost = true;
             return 1;
         }
     } catch (...) {

@@ -25,7 +25,9 @@ struct Cluster::Impl {
     // Rank 0: one per worker (index rank - 1); a worker: its one to rank 0.
     std::vector<std::unique_ptr<ControlSocket>> control;
     std::shared_ptr<LostRanks> lost; // rank 0
-    bool clientLost = false;         // a worker whose client is gone
+    // A process of the job is lost: MPI cannot finalize (it would wait for
+    // the lost one), so the process ends without.
+    bool skipFinalize = false;
 
     foundation::core::sync::Mutex linkMutex;
     std::weak_ptr<ClientLink> link QZ_GUARDED_BY(linkMutex); // the open pool's, rank 0

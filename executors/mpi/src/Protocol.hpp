@@ -12,6 +12,7 @@
 //                        kStop   stop the evaluation with this id, or skip it
 //                                if it has not started
 //                        kExit   leave serve(): the client ends the cluster
+//                                (value 1: a process is lost, skip MPI_Finalize)
 //     worker -> client   kWake     MPI messages follow (value: how many)
 //                        kStarted  the evaluation with this id starts now:
 //                                  sent before it runs, so that the client

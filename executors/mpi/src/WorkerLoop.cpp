@@ -26,63 +26,110 @@ std::uint64_t microsSince(std::chrono::steady_clock::time_point start) {
 WorkerLoop::WorkerLoop(const boost::mpi::communicator& comm, ControlSocket& control)
     : comm_(comm), control_(control), outbox_(comm) {}
 
-bool WorkerLoop::run() {
-    std::thread io([this] { ioLoop(); });
+WorkerLoop::Ending WorkerLoop::run() {
+    std::thread other([this] { serve(); });
+    serve();
+    other.join();
+    try {
+        sendReports(true);
+        const LockGuard mpi(mpiMutex_);
+        while (!clientGone() && outbox_.progress()) {
+            std::this_thread::yield();
+        }
+    } catch (...) {
+        std::cerr << "mpipool: worker " << comm_.rank() << " could not send its last reports: "
+                  << boost::current_exception_diagnostic_information() << std::endl;
+    }
+    if (clientGone()) {
+        return Ending::ClientGone;
+    }
+    return skipFinalize_ ? Ending::SkipFinalize : Ending::Finalize;
+}
+
+bool WorkerLoop::clientGone() {
+    const LockGuard lock(mutex_);
+    return clientGone_;
+}
+
+void WorkerLoop::serve() noexcept {
     UniqueLock lock(mutex_);
     while (true) {
-        while (!leaving_ && queue_.empty()) {
-            work_.wait(lock.native());
-        }
-        if (leaving_) {
+        if (!runnerTaken_ && !queue_.empty() && !leaving_) {
+            // Run what is queued; the other thread takes the reader's part.
+            runnerTaken_ = true;
+            roles_.notify_all();
+            lock.unlock();
+            runQueued();
+            lock.lock();
+            runnerTaken_ = false;
+            roles_.notify_all();
+        } else if (leaving_) {
             break;
+        } else if (!readerTaken_) {
+            readerTaken_ = true;
+            lock.unlock();
+            readOnce();
+            lock.lock();
+            readerTaken_ = false;
+            roles_.notify_all();
+        } else {
+            roles_.wait(lock.native());
         }
-        const codec::TaskMessage task = std::move(queue_.front());
-        queue_.pop_front();
-        running_ = task.id;
-        stop_ = false;
-        // Held back while more tasks follow: the next start, a report or the
-        // I/O thread's timer sends it.
-        const bool holdBack = !queue_.empty();
-        if (holdBack && !startHeldBack_) {
-            startHeldBack_ = true;
-            heldBackSince_ = Clock::now();
-            waker_.wake(); // the I/O thread sets its timer by it
+    }
+}
+
+void WorkerLoop::runQueued() {
+    while (true) {
+        codec::TaskMessage task;
+        bool holdBack = false;
+        {
+            const LockGuard lock(mutex_);
+            if (queue_.empty() || leaving_) {
+                return;
+            }
+            task = std::move(queue_.front());
+            queue_.pop_front();
+            running_ = task.id;
+            stop_ = false;
+            // Held back while more tasks follow: the next start, a report or
+            // the reader's timer sends it.
+            holdBack = !queue_.empty();
+            if (holdBack && !startHeldBack_) {
+                startHeldBack_ = true;
+                heldBackSince_ = Clock::now();
+                waker_.wake(); // the reader sets its timer by it
+            }
+            startHeldBack_ = startHeldBack_ && holdBack;
         }
-        startHeldBack_ = startHeldBack_ && holdBack;
-        lock.unlock();
         // Before it runs: a client that loses this worker knows it started.
         control_.write(protocol::Frame::Started, task.id, holdBack);
         const auto start = Clock::now();
         protocol::Bytes result = evaluate(task, stop_);
         const std::uint64_t runMicros = microsSince(start);
-        lock.lock();
-        running_.reset();
-        reports_.add(std::move(result), [&](batch::Writer& open, const protocol::Bytes& small) {
-            open.addReport(batch::Report::Finished, task.id, runMicros, small);
-        });
-        if (reported()) {
-            lock.unlock();
+        bool due = false;
+        {
+            const LockGuard lock(mutex_);
+            running_.reset();
+            reports_.add(std::move(result), [&](batch::Writer& open, const protocol::Bytes& small) {
+                open.addReport(batch::Report::Finished, task.id, runMicros, small);
+            });
+            due = reported();
+        }
+        if (due) {
             sendReports(false);
-            lock.lock();
         }
     }
-    ended_ = true;
-    const bool clientGone = clientGone_;
-    lock.unlock();
-    waker_.wake();
-    io.join();
-    return !clientGone;
 }
 
 bool WorkerLoop::reported() {
     // Out at once when the worker runs dry (the client waits for nothing
-    // else) or the batch is full; else the I/O thread sends it in time.
+    // else) or the batch is full; else the reader sends it in time.
     reportsDue_ = reportsDue_ || queue_.empty() || reports_.items() >= kReportBatchItems ||
                   reports_.bytes() >= kReportBatchBytes;
     if (reports_.items() == 1) {
         oldestReport_ = Clock::now();
         if (!reportsDue_) {
-            waker_.wake(); // the I/O thread sets its timer by the oldest report
+            waker_.wake(); // the reader sets its timer by the oldest report
         }
     }
     return reportsDue_;
@@ -117,60 +164,48 @@ void WorkerLoop::pushHeldBack() {
     control_.write(protocol::Frame::Push);
 }
 
-void WorkerLoop::ioLoop() noexcept {
-    const std::vector<int> fds{control_.fd(), waker_.fd()};
-    std::vector<bool> ready;
-    std::vector<FrameMessage> frames;
-    bool clientThere = true;
+void WorkerLoop::readOnce() noexcept {
     try {
-        while (true) {
-            std::chrono::microseconds limit;
-            {
-                const LockGuard lock(mutex_);
-                if (ended_) {
-                    break;
-                }
-                limit = sleepLimit();
-            }
-            bool sending = false;
-            {
-                const LockGuard mpi(mpiMutex_);
-                sending = !outbox_.idle();
-            }
-            // A message on its way in, or a send that MPI moves only while it
-            // is called: keep at it.
-            if (announced_ > 0 || sending) {
-                limit = std::chrono::microseconds(0);
-                std::this_thread::yield();
-            }
-            waitReadable(fds, ready, limit);
-            if (ready[1]) {
-                waker_.drain();
-            }
-            if (ready[0] && clientThere) {
-                frames.clear();
-                clientThere = control_.readAvailable(frames);
-                const bool exit = !handleFrames(frames);
-                if (exit || !clientThere) {
-                    leave(!exit);
-                    clientThere = clientThere && exit;
-                }
-            }
-            receiveAnnounced();
-            sendReports(false);
-            pushHeldBack();
-            const LockGuard mpi(mpiMutex_);
-            outbox_.progress();
+        std::chrono::microseconds limit;
+        {
+            const LockGuard lock(mutex_);
+            limit = sleepLimit();
         }
-        sendReports(true);
-        const LockGuard mpi(mpiMutex_);
-        while (clientThere && outbox_.progress()) {
+        bool sending = false;
+        {
+            const LockGuard mpi(mpiMutex_);
+            sending = !outbox_.idle();
+        }
+        // A message on its way in, or a send that MPI moves only while it is
+        // called: keep at it.
+        if (announced_ > 0 || sending) {
+            limit = std::chrono::microseconds(0);
             std::this_thread::yield();
         }
+        const std::vector<int> fds{control_.fd(), waker_.fd()};
+        std::vector<bool> ready;
+        waitReadable(fds, ready, limit);
+        if (ready[1]) {
+            waker_.drain();
+        }
+        if (ready[0]) {
+            std::vector<FrameMessage> frames;
+            const bool clientThere = control_.readAvailable(frames);
+            const bool exit = !handleFrames(frames);
+            if (exit || !clientThere) {
+                leave(!exit);
+                return;
+            }
+        }
+        receiveAnnounced();
+        sendReports(false);
+        pushHeldBack();
+        const LockGuard mpi(mpiMutex_);
+        outbox_.progress();
     } catch (...) {
         std::cerr << "mpipool: worker " << comm_.rank() << " lost its link to the client: "
                   << boost::current_exception_diagnostic_information() << std::endl;
-        leave(true); // the main thread returns once its function does
+        leave(true); // the runner returns once its function does
     }
 }
 
@@ -188,6 +223,7 @@ bool WorkerLoop::handleFrames(std::vector<FrameMessage>& frames) {
             stop(frame.value);
             break;
         case protocol::Frame::Exit:
+            skipFinalize_ = frame.value != 0;
             return false;
         default:
             std::cerr << "mpipool: worker " << comm_.rank() << " ignored a control frame"
@@ -211,11 +247,8 @@ void WorkerLoop::receiveAnnounced() {
             queueTasks(message->bytes);
         } else if (message && message->tag == protocol::kTask) {
             codec::TaskMessage task = codec::decodeTask(message->bytes);
-            {
-                const LockGuard lock(mutex_);
-                queue_.push_back(std::move(task));
-            }
-            work_.notify_one();
+            const LockGuard lock(mutex_);
+            queue_.push_back(std::move(task));
         } else {
             std::cerr << "mpipool: worker " << comm_.rank() << " ignored a message" << std::endl;
         }
@@ -228,13 +261,10 @@ void WorkerLoop::queueTasks(const protocol::Bytes& bytes) {
     while (const auto item = reader.nextTask()) {
         tasks.push_back(codec::decodeTask(*item));
     }
-    {
-        const LockGuard lock(mutex_);
-        for (auto& task : tasks) {
-            queue_.push_back(std::move(task));
-        }
+    const LockGuard lock(mutex_);
+    for (auto& task : tasks) {
+        queue_.push_back(std::move(task));
     }
-    work_.notify_one();
 }
 
 void WorkerLoop::stop(codec::TaskId id) {
@@ -250,7 +280,7 @@ void WorkerLoop::stop(codec::TaskId id) {
         reports_.add({}, [id](batch::Writer& open, const protocol::Bytes&) {
             open.addReport(batch::Report::Skipped, id);
         });
-        static_cast<void>(reported()); // the I/O thread sends it at the end of its turn
+        static_cast<void>(reported()); // the reader sends it at the end of its turn
     }
     // Else it has finished: its report is on its way.
 }
@@ -263,7 +293,7 @@ void WorkerLoop::leave(bool clientGone) {
         stop_ = true;
         queue_.clear();
     }
-    work_.notify_one();
+    roles_.notify_all();
 }
 
 void WorkerLoop::sendReports(bool force) {

@@ -1,26 +1,30 @@
 #pragma once
 
-// A worker's side of the cluster: two threads.
+// A worker's side of the cluster: two threads that share two parts, each
+// part taken by one thread at a time (leader and follower).
 //
-//   the I/O thread owns the worker's MPI and its control socket. It sleeps
-//   in poll() on both until the client writes a frame or the main thread
-//   has reports to send; it receives the batches of tasks, queues them,
-//   passes stop requests on at once, and sends the main thread's reports in
-//   batches: at once when the queue runs dry, else when kReportDelay has
+//   the reader owns the control socket and receives the MPI messages it
+//   announces. It sleeps in poll() until the client writes a frame or the
+//   runner needs it; it queues the tasks that arrive, passes stop requests on
+//   at once, and sends the reports that are due: when kReportDelay has
 //   passed since the oldest one (a long evaluation never holds back the
-//   results before it), or when a batch is full.
-//   the main thread runs the queued evaluations one after another, and sends
-//   the reports itself when they are due as it finishes one (no hand-over
-//   on the way back to the client).
+//   results before it) or a batch is full.
+//   the runner runs the queued evaluations one after another, and sends the
+//   reports itself when the queue runs dry or the batch is full.
 //
+// The reader that queues a task becomes the runner at once, and the other
+// thread takes over the reading: a task that arrives at an idle worker runs
+// without a hand-over. An idle worker has one thread asleep in poll() and
+// the other on a condition variable.
 //
 // States: Serving -(kExit, or the client's end of the socket)-> Leaving
 // (queued work is skipped, a running function is asked to stop) -> Ended
-// (the main thread has returned and the reports are out).
+// (both threads are out and the reports are sent).
 //
-// Threads: run() on the worker's main thread, which starts and joins the
-// I/O thread. `mutex_` guards what the two threads share; `mpiMutex_` the
-// MPI side (taken before `mutex_` when both are).
+// Threads: run() on the worker's main thread, which is one of the two and
+// starts and joins the other. `mutex_` guards what they share; `mpiMutex_`
+// the MPI side (taken before `mutex_` when both are). What the reader alone
+// touches is marked so.
 
 #include "Batch.hpp"
 #include "Codec.hpp"
@@ -46,26 +50,38 @@ public:
 
     WorkerLoop(const boost::mpi::communicator& comm, ControlSocket& control);
 
-    // Serves until the client ends the cluster (true) or is gone (false).
-    // Main thread.
-    bool run() QZ_EXCLUDES(mutex_);
+    // How serving ended.
+    enum class Ending {
+        Finalize,     // the client ended the cluster
+        SkipFinalize, // the client ended a cluster that lost a process: MPI
+                      // cannot finalize (it would wait for the lost one)
+        ClientGone,   // the client is gone: MPI cannot finalize either
+    };
+    // Serves until the client ends the cluster or is gone. Main thread.
+    Ending run() QZ_EXCLUDES(mutex_, mpiMutex_);
 
 private:
     using Clock = std::chrono::steady_clock;
 
-    void ioLoop() noexcept QZ_EXCLUDES(mutex_);
-    // Handles the frames read; false once the client is gone. I/O thread.
+    // Takes whichever part is free until leaving. Both threads.
+    void serve() noexcept QZ_EXCLUDES(mutex_);
+    // The runner's part: the queued tasks, one after another.
+    void runQueued() QZ_EXCLUDES(mutex_, mpiMutex_);
+    // One turn of the reader's part: a wait, then what arrived.
+    void readOnce() noexcept QZ_EXCLUDES(mutex_, mpiMutex_);
+    bool clientGone() QZ_EXCLUDES(mutex_);
+    // Handles the frames read; false once the client is gone. The reader.
     bool handleFrames(std::vector<FrameMessage>& frames) QZ_EXCLUDES(mutex_);
-    // Receives the announced MPI messages that have arrived. I/O thread.
+    // Receives the announced MPI messages that have arrived. The reader.
     void receiveAnnounced() QZ_EXCLUDES(mutex_, mpiMutex_);
     void queueTasks(const protocol::Bytes& batch) QZ_EXCLUDES(mutex_);
     void stop(codec::TaskId id) QZ_EXCLUDES(mutex_);
     void leave(bool clientGone) QZ_EXCLUDES(mutex_);
     // Sends the reports if they are due (or `force`). Either thread.
     void sendReports(bool force) QZ_EXCLUDES(mutex_, mpiMutex_);
-    // Sends the start frames held back for kReportDelay. I/O thread.
+    // Sends the start frames held back for kReportDelay. The reader.
     void pushHeldBack() QZ_EXCLUDES(mutex_);
-    // How long the I/O thread may sleep. Called with `mutex_` held.
+    // How long the reader may sleep. Called with `mutex_` held.
     std::chrono::microseconds sleepLimit() const QZ_REQUIRES(mutex_);
     // After a report was added: whether the reports are due now.
     bool reported() QZ_REQUIRES(mutex_);
@@ -75,16 +91,18 @@ private:
     Waker waker_;
     foundation::core::sync::Mutex mpiMutex_;
     protocol::Outbox outbox_ QZ_GUARDED_BY(mpiMutex_);
-    std::size_t announced_ = 0; // messages the client announced, not yet received; I/O thread
+    std::size_t announced_ = 0; // announced by the client, not yet received; the reader
 
     foundation::core::sync::Mutex mutex_;
-    std::condition_variable work_; // tasks queued, or leaving
+    std::condition_variable roles_; // a part is free, or leaving
+    bool readerTaken_ QZ_GUARDED_BY(mutex_) = false;
+    bool runnerTaken_ QZ_GUARDED_BY(mutex_) = false;
     std::deque<codec::TaskMessage> queue_ QZ_GUARDED_BY(mutex_);
     std::optional<codec::TaskId> running_ QZ_GUARDED_BY(mutex_);
     std::atomic<bool> stop_{false}; // the running evaluation's stop request
     bool leaving_ QZ_GUARDED_BY(mutex_) = false;
     bool clientGone_ QZ_GUARDED_BY(mutex_) = false;
-    bool ended_ QZ_GUARDED_BY(mutex_) = false; // the main thread has returned
+    bool skipFinalize_ = false; // the reader's, until the threads are joined
     batch::Outgoing reports_ QZ_GUARDED_BY(mutex_){protocol::kReports, protocol::kResult};
     Clock::time_point oldestReport_ QZ_GUARDED_BY(mutex_);
     bool reportsDue_ QZ_GUARDED_BY(mutex_) = false;

@@ -53,8 +53,9 @@ public:
     bool isClient() const noexcept { return getRank() == 0; }
 
     // Runs the client's evaluations until the client ends the cluster, then
-    // returns 0 (a status for main); returns 1 when the client is gone (MPI
-    // is then not finalized: it cannot be without rank 0). Worker ranks only: throws the host
+    // returns 0 (a status for main); returns 1 when the client is gone. MPI
+    // is not finalized once a process of the job is lost: it would wait for
+    // the lost one. Worker ranks only: throws the host
     // error "KORVEX:mpipool:ServeOnClient" on rank 0.
     int serve();
 
