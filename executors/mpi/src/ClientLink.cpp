@@ -270,13 +270,14 @@ void ClientLink::send(const WorkList::Send& send, std::vector<Event>& events) {
         return;
     }
     std::vector<protocol::Message> messages = tasks.take();
-    // The frame first: the worker must be awake to take a large message.
-    if (!control_[send.worker]->write(protocol::Frame::Wake, messages.size())) {
-        gone_[send.worker] = true;
-        return;
-    }
+    // The messages first: a small one is at the worker by the time the frame
+    // wakes it (a large one moves while both sides call MPI).
+    const std::size_t count = messages.size();
     for (protocol::Message& message : messages) {
         outbox_.send(ranks_[send.worker], message.tag, std::move(message.bytes));
+    }
+    if (!control_[send.worker]->write(protocol::Frame::Wake, count)) {
+        gone_[send.worker] = true;
     }
 }
 

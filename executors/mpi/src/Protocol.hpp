@@ -22,8 +22,8 @@
 //                        kPush     nothing: sends the frames held back
 //
 //   MPI, on the cluster's own communicator, carries the data: byte buffers
-//   (MPI_CHAR), each announced by a kWake frame sent just before it, so that
-//   a rendezvous send never waits for a receiver that sleeps.
+//   (MPI_CHAR), sent without blocking and then announced by a kWake frame,
+//   so that a small one has arrived when the frame wakes the receiver.
 //
 //     client -> worker   kTasks    a batch of encoded evaluations (Batch.hpp)
 //                        kTask     one large encoded evaluation

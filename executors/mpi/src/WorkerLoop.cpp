@@ -310,12 +310,13 @@ void WorkerLoop::sendReports(bool force) {
         startHeldBack_ = false; // the wake frame sends what was held back
         messages = reports_.take();
     }
-    // The frame first: the client must be awake to take a large message.
-    if (control_.write(protocol::Frame::Wake, messages.size())) {
-        for (protocol::Message& message : messages) {
-            outbox_.send(protocol::kClientRank, message.tag, std::move(message.bytes));
-        }
+    // The messages first: a small one is at the client by the time the frame
+    // wakes it (a large one moves while both sides call MPI).
+    const std::size_t count = messages.size();
+    for (protocol::Message& message : messages) {
+        outbox_.send(protocol::kClientRank, message.tag, std::move(message.bytes));
     }
+    control_.write(protocol::Frame::Wake, count);
 }
 
 } // namespace mpipool
