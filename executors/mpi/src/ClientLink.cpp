@@ -205,7 +205,7 @@ void ClientLink::readFrames(const std::vector<bool>& ready, std::vector<Event>& 
 void ClientLink::receiveReports(std::vector<Event>& events) {
     for (std::size_t worker = 0; worker < announced_.size(); ++worker) {
         while (announced_[worker] > 0) {
-            const auto status = comm_.iprobe(ranks_[worker], boost::mpi::any_tag);
+            const auto status = protocol::probeAnnounced(comm_, ranks_[worker]);
             if (!status) {
                 if (gone_[worker]) {
                     announced_[worker] = 0; // it died before it sent

@@ -101,6 +101,17 @@ void Outbox::abandon(int rank) {
     });
 }
 
+boost::optional<boost::mpi::status> probeAnnounced(const boost::mpi::communicator& comm,
+                                                   int source) {
+    const auto until = std::chrono::steady_clock::now() + kProbePatience;
+    while (true) {
+        auto status = comm.iprobe(source, boost::mpi::any_tag);
+        if (status || std::chrono::steady_clock::now() >= until) {
+            return status;
+        }
+    }
+}
+
 std::optional<Message> receive(const boost::mpi::communicator& comm,
                                const boost::mpi::status& status,
                                const std::function<bool()>& gone) {

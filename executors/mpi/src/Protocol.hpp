@@ -41,6 +41,7 @@
 #include <boost/mpi/request.hpp>
 #include <boost/mpi/status.hpp>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -103,6 +104,13 @@ private:
     const boost::mpi::communicator& comm_;
     std::list<Pending> pending_;
 };
+
+// Probes for a message from `source` that is known to be on its way: MPI
+// may need a few calls to take in a message just sent, so it keeps at it for
+// up to kProbePatience before it gives up (nothing then).
+inline constexpr std::chrono::microseconds kProbePatience{50};
+boost::optional<boost::mpi::status> probeAnnounced(const boost::mpi::communicator& comm,
+                                                   int source);
 
 struct Message {
     int tag = 0; // kTasks, kTask, kReports or kResult

@@ -236,7 +236,7 @@ bool WorkerLoop::handleFrames(std::vector<FrameMessage>& frames) {
 void WorkerLoop::receiveAnnounced() {
     const LockGuard mpi(mpiMutex_);
     while (announced_ > 0) {
-        const auto status = comm_.iprobe(protocol::kClientRank, boost::mpi::any_tag);
+        const auto status = protocol::probeAnnounced(comm_, protocol::kClientRank);
         if (!status) {
             return;
         }
