@@ -6,6 +6,12 @@
 //
 // The drain should cost the same per call whatever N is: counters
 // ns_per_call (time over the N + 1 calls) and ms_per_drain.
+//
+// BM_RandomOrderBareLoop is no drain: on one thread, the same futures'
+// tasks finished in the same random order, each future's outputs read right
+// after its task finishes. Its ns_per_future is what walking those objects
+// in that order costs; where it grows with N as the drain finishing during
+// does, the growth is the memory's, not the drain's.
 
 #include <parallel/language/future/FetchNextState.hpp>
 #include <parallel/language/future/FutureBase.hpp>
@@ -17,6 +23,8 @@
 #include <benchmark/benchmark.h>
 
 #include <limits>
+#include <numeric>
+#include <random>
 
 namespace {
 
@@ -45,8 +53,37 @@ void BM_FetchNextDrain(benchmark::State& state) {
     });
 }
 
+void BM_RandomOrderBareLoop(benchmark::State& state) {
+    const auto interpreter = kvm::KVM::create();
+    const auto count = static_cast<std::size_t>(state.range(0));
+    double seconds = 0;
+    for (auto _ : state) {
+        const DrainFutures made = makeFutures(count, Finishing::During);
+        std::vector<std::size_t> order(count);
+        std::iota(order.begin(), order.end(), std::size_t{0});
+        // The permutation RandomFinisher applies to the tasks.
+        std::shuffle(order.begin(), order.end(), std::mt19937(kFinishingSeed));
+        const auto start = std::chrono::steady_clock::now();
+        for (const std::size_t index : order) {
+            made.tasks[index]->doNotifyFinished();
+            benchmark::DoNotOptimize(made.futures[index]->getOutputs());
+        }
+        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+        state.SetIterationTime(took.count());
+        seconds += took.count();
+    }
+    state.counters["ns_per_future"] = seconds * 1e9 / double(count * state.iterations());
+}
+
 } // namespace
 
 BENCHMARK(BM_FetchNextDrain)->Apply(drainArguments);
+BENCHMARK(BM_RandomOrderBareLoop)
+    ->ArgName("N")
+    ->Arg(1'000)
+    ->Arg(10'000)
+    ->Arg(100'000)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 
 BENCHMARK_MAIN();
