@@ -187,8 +187,9 @@ private:
 // Event times are ticks: the processor's time-stamp counter where it is
 // invariant and the system clock is built on it (a read costs a third of a
 // steady_clock read), else steady_clock nanoseconds. Chosen by the first
-// recorder, before any event is recorded, and never changed.
-bool gUseTsc = false;
+// recorder, before any event is recorded, and never changed (later recorders
+// store the same answer).
+std::atomic<bool> gUseTsc{false};
 
 void chooseTicks() noexcept {
 #ifdef QZ_TIMELINE_HAS_TSC
@@ -211,13 +212,13 @@ void chooseTicks() noexcept {
             return false;
         }
     }();
-    gUseTsc = useTsc;
+    gUseTsc.store(useTsc, std::memory_order_relaxed);
 #endif
 }
 
 std::uint64_t ticksNow() noexcept {
 #ifdef QZ_TIMELINE_HAS_TSC
-    if (gUseTsc) {
+    if (gUseTsc.load(std::memory_order_relaxed)) {
         return __rdtsc();
     }
 #endif
@@ -267,7 +268,8 @@ constexpr std::uint32_t kNoText = std::numeric_limits<std::uint32_t>::max();
 
 // One event as the notifying thread appended it: 16 bytes, so that a future's
 // four events fill a quarter of a cache line each. `word` is the task's
-// serial (a Lane event: its text) shifted left by kKindBits, then the kind.
+// serial (a Lane event: its text) shifted left by kKindBits, then the kind:
+// serials, counted from 1, never reach 2^61.
 struct Record {
     std::uint64_t ticks;
     std::uint64_t word;
@@ -293,7 +295,9 @@ struct Event {
 
 // The events of one thread during one recording, and the texts they name.
 // Shared by the recording and the thread (which may outlive each other).
-class ThreadLog {
+// Cache-line aligned: the sizes its thread stores on every event share no
+// line with another thread's log.
+class alignas(64) ThreadLog {
 public:
     // Writer thread. Throws std::bad_alloc, appending nothing.
     void append(std::uint64_t ticks, EventKind kind, std::uint64_t value) {
