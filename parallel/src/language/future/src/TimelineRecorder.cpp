@@ -266,8 +266,8 @@ constexpr unsigned kKindBits = 3;
 
 constexpr std::uint32_t kNoText = std::numeric_limits<std::uint32_t>::max();
 
-// One event as the notifying thread appended it: 16 bytes, so that a future's
-// four events fill a quarter of a cache line each. `word` is the task's
+// One event as the notifying thread appended it, in 16 bytes (a future's
+// four events fill one cache line). `word` is the task's
 // serial (a Lane event: its text) shifted left by kKindBits, then the kind:
 // serials, counted from 1, never reach 2^61.
 struct Record {
