@@ -12,6 +12,8 @@
 
 #include "BenchSupport.hpp"
 
+#include <time.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
@@ -51,6 +53,14 @@ inline DrainFutures makeFutures(std::size_t count, Finishing finishing) {
         made.tasks.push_back(std::move(task));
     }
     return made;
+}
+
+// The calling thread's processor time: what it spent working, not waiting for
+// a processor or for another thread.
+inline std::chrono::duration<double> threadCpuTime() {
+    timespec now{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return std::chrono::duration<double>(double(now.tv_sec) + double(now.tv_nsec) * 1e-9);
 }
 
 // The seed of the order in which RandomFinisher finishes the tasks.
@@ -100,7 +110,8 @@ private:
 // Times one drain per iteration, with the arguments of drainArguments. For
 // each, `prepare(made)` (untimed) gets the futures and gives the drain: a
 // callable that answers how many futures it fetched, or none on a wrong
-// answer. Counters: ms_per_drain, ns_per_call over the N + 1 calls and, for
+// answer. Counters: ms_per_drain, ns_per_call over the N + 1 calls,
+// cpu_ns_per_call (the drain thread's processor time, over the same) and, for
 // Finishing::During, finisher_ns: the finishing thread's time over the same.
 template <class Prepare>
 void timeDrains(benchmark::State& state, Prepare prepare) {
@@ -108,6 +119,7 @@ void timeDrains(benchmark::State& state, Prepare prepare) {
     const auto finishing = static_cast<Finishing>(state.range(1));
     double seconds = 0;
     double finishingSeconds = 0;
+    double cpuSeconds = 0;
     std::size_t calls = 0;
     for (auto _ : state) {
         DrainFutures made = makeFutures(count, finishing);
@@ -117,11 +129,13 @@ void timeDrains(benchmark::State& state, Prepare prepare) {
             finisher.emplace(made.tasks);
         }
         const auto start = std::chrono::steady_clock::now();
+        const auto cpuStart = threadCpuTime();
         if (finisher) {
             finisher->start();
         }
         const std::optional<std::size_t> fetched = drain();
         const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+        cpuSeconds += (threadCpuTime() - cpuStart).count();
         state.SetIterationTime(took.count());
         seconds += took.count();
         if (finisher) {
@@ -137,6 +151,7 @@ void timeDrains(benchmark::State& state, Prepare prepare) {
     const auto drains = static_cast<double>(state.iterations());
     state.counters["ms_per_drain"] = seconds * 1e3 / drains;
     state.counters["ns_per_call"] = seconds * 1e9 / double(calls);
+    state.counters["cpu_ns_per_call"] = cpuSeconds * 1e9 / double(calls);
     if (finishing == Finishing::During) {
         // How long the other thread took to finish them all, per future: the
         // drain can't end before.
