@@ -3,6 +3,7 @@
 #include <iqm/Iqm.hpp>
 
 #include <algorithm>
+#include <bit>
 #include <utility>
 
 namespace parallel::language::future::detail {

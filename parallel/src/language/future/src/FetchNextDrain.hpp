@@ -48,7 +48,6 @@
 #include <foundation/core/sync/Mutex.hpp>
 
 #include <atomic>
-#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <exception>
@@ -90,8 +89,8 @@ private:
 };
 
 // A set of the indices 0 .. size-1 that gives its lowest member, as bits in
-// levels of 64-bit words: a bit of level k+1 is set while word of level k it
-// stands for has a bit set. Adding, dropping and finding the lowest cost one
+// levels of 64-bit words: a bit of level k+1 is set while the word of level
+// k it stands for has a bit set. Adding, dropping and finding the lowest cost one
 // word per level (three up to 262,144 indices) and touch N/8 bytes at most,
 // where a heap of the same indices costs log N scattered steps.
 class LowestIndexSet {
