@@ -23,6 +23,7 @@
 #include <stdexcept>
 #include <tuple>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
@@ -128,6 +129,18 @@ public:
             BlockPool::instance().give(chunk);
             chunk = next;
         }
+        if (spare_ != nullptr) {
+            spare_->~Chunk();
+            BlockPool::instance().give(spare_);
+        }
+    }
+
+    // Makes room for one more element: the next append cannot throw. Writer
+    // thread. Throws std::bad_alloc.
+    void reserveOne() {
+        if (size_.load(std::memory_order_relaxed) % kChunkSize == 0 && spare_ == nullptr) {
+            spare_ = ::new (BlockPool::instance().take()) Chunk;
+        }
     }
 
     // Writer thread. Throws std::bad_alloc, appending nothing.
@@ -135,7 +148,8 @@ public:
         const std::size_t size = size_.load(std::memory_order_relaxed);
         const std::size_t slot = size % kChunkSize;
         if (slot == 0) {
-            Chunk* added = ::new (BlockPool::instance().take()) Chunk;
+            Chunk* added = spare_ != nullptr ? std::exchange(spare_, nullptr)
+                                             : ::new (BlockPool::instance().take()) Chunk;
             (tail_ != nullptr ? tail_->next : head_) = added;
             tail_ = added;
         }
@@ -180,7 +194,8 @@ private:
                   alignof(Chunk) <= alignof(std::max_align_t));
 
     Chunk* head_ = nullptr;
-    Chunk* tail_ = nullptr; // writer only
+    Chunk* tail_ = nullptr;  // writer only
+    Chunk* spare_ = nullptr; // writer only: made by reserveOne
     std::atomic<std::size_t> size_{0};
 };
 
@@ -303,8 +318,12 @@ public:
     void append(std::uint64_t ticks, EventKind kind, std::uint64_t value) {
         records_.append({ticks, (value << kKindBits) | static_cast<std::uint64_t>(kind)});
     }
-    // Writer thread. The info first: a reader that sees the record sees it.
+    // Writer thread. The info first, so that a reader that sees the record
+    // sees it; once it is in, the record cannot fail to follow (the k-th
+    // record must meet the k-th info). Throws std::bad_alloc, appending
+    // nothing.
     void appendCreated(std::uint64_t ticks, std::uint64_t task, const CreatedInfo& info) {
+        records_.reserveOne();
         created_.append(info);
         append(ticks, EventKind::Created, task);
     }
@@ -317,9 +336,11 @@ public:
     };
     std::uint32_t textOf(const std::string& text, TextCache& cache) {
         if (cache.index == kNoText || cache.text != text) {
-            cache.text = text;
-            cache.index = static_cast<std::uint32_t>(texts_.size());
+            const auto index = static_cast<std::uint32_t>(texts_.size());
             texts_.append(text);
+            cache.index = kNoText; // until the text is copied
+            cache.text = text;
+            cache.index = index;
         }
         return cache.index;
     }
