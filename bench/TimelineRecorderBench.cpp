@@ -20,8 +20,11 @@
 // With recording off the recorder's hooks are one relaxed load each; the
 // difference from a build without them is within noise (compare TaskLifeBench
 // across the change). While recording, entries pile up: the recorder is made
-// afresh every kEntriesPerRecorder futures, untimed. After the table the
-// overhead per future (recording on minus off) is printed.
+// afresh every kEntriesPerRecorder futures, untimed; the new one's logs reuse
+// the memory the last one's left (the recorder keeps up to 32 MiB of it),
+// whereas BM_FutureLifeThreads records into one recorder throughout and so
+// also pays for touching fresh memory. After the table the overhead per
+// future (recording on minus off) is printed.
 
 #include <parallel/language/future/FevalFuture.hpp>
 #include <parallel/language/future/TimelineRecorder.hpp>

@@ -8,7 +8,9 @@
 #include <iqm/Iqm.hpp>
 
 #include <map>
+#include <numeric>
 #include <random>
+#include <set>
 
 namespace parallel::language::future {
 namespace {
@@ -191,6 +193,34 @@ TEST_F(Drain, EveryCallAnswersAsAWalkFromTheFirstFuture) {
             }
         }
     }
+}
+
+// Thousands of futures finishing in a random order, a few between calls: the
+// drain's record of the finished ones spans many words and levels.
+TEST_F(Drain, AnswersTheLowestFinishedAmongThousands) {
+    random.seed(7);
+    std::vector<TestFuture> many(5000);
+    Futures futures;
+    for (TestFuture& f : many) {
+        futures.push_back(f.running().future);
+    }
+    std::vector<std::size_t> order(many.size());
+    std::iota(order.begin(), order.end(), std::size_t{0});
+    std::ranges::shuffle(order, random);
+    std::set<std::size_t> finished;
+    for (std::size_t next = 0; next < order.size() || !finished.empty();) {
+        for (std::size_t n = below(40); n > 0 && next < order.size(); --n, ++next) {
+            many[order[next]].task->doNotifyFinished();
+            finished.insert(order[next]);
+        }
+        if (!finished.empty()) {
+            const auto [state, index, outputs] = FutureBase::fetchNext(futures, 0, Seconds(0));
+            ASSERT_EQ(kStates[int(state)] + std::to_string(index),
+                      "fetched " + std::to_string(*finished.begin()));
+            finished.erase(finished.begin());
+        }
+    }
+    EXPECT_EQ(std::get<0>(FutureBase::fetchNext(futures, 0, Seconds(0))), State::NoUnreadFutures);
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include <iqm/Iqm.hpp>
 
 #include <algorithm>
+#include <bit>
 #include <utility>
 
 namespace parallel::language::future::detail {
@@ -42,8 +43,48 @@ void FinishedInbox::setWaiter(std::shared_ptr<iqm::Iqm> waiter) {
     waiter_ = std::move(waiter);
 }
 
+LowestIndexSet::LowestIndexSet(std::size_t size) {
+    std::size_t words = size;
+    do {
+        words = std::max<std::size_t>((words + 63) / 64, 1);
+        levels_.emplace_back(words, 0);
+    } while (words > 1);
+}
+
+std::size_t LowestIndexSet::lowest() const noexcept {
+    std::size_t index = 0;
+    for (auto level = levels_.rbegin(); level != levels_.rend(); ++level) {
+        index = index * 64 + static_cast<std::size_t>(std::countr_zero((*level)[index]));
+    }
+    return index;
+}
+
+void LowestIndexSet::insert(std::size_t index) noexcept {
+    for (auto& level : levels_) {
+        std::uint64_t& word = level[index / 64];
+        const bool wasEmpty = word == 0;
+        word |= std::uint64_t{1} << (index % 64);
+        if (!wasEmpty) {
+            return;
+        }
+        index /= 64;
+    }
+}
+
+void LowestIndexSet::erase(std::size_t index) noexcept {
+    for (auto& level : levels_) {
+        std::uint64_t& word = level[index / 64];
+        word &= ~(std::uint64_t{1} << (index % 64));
+        if (word != 0) {
+            return;
+        }
+        index /= 64;
+    }
+}
+
 FetchNextDrain::FetchNextDrain(FutureSpan futures)
-    : stopper_(futures.size()), watches_(futures.size(), Watch::Unwatched) {
+    : stopper_(futures.size()), watches_(futures.size(), Watch::Unwatched),
+      finished_(futures.size()) {
     identities_.reserve(futures.size());
     for (std::size_t i = 0; i < futures.size(); ++i) {
         const FutureBase& future = *futures[i];
@@ -96,7 +137,7 @@ void FetchNextDrain::absorbFinished(FutureSpan futures, bool inWait) {
             finishedInWait_ = std::min(finishedInWait_.value_or(index), index);
         }
         watches_[index] = Watch::Finished;
-        finished_.push(index);
+        finished_.insert(index);
     }
     taken_.clear();
 }
@@ -105,12 +146,13 @@ std::optional<std::size_t> FetchNextDrain::nextFinished(FutureSpan futures) {
     absorbFinished(futures, false);
     std::optional<std::size_t> earliest;
     while (!finished_.empty()) {
-        if (!entry(futures, finished_.top()).getRead()) {
-            earliest = finished_.top();
+        const std::size_t lowest = finished_.lowest();
+        if (!entry(futures, lowest).getRead()) {
+            earliest = lowest;
             break;
         }
         sawRead_ = true;
-        finished_.pop();
+        finished_.erase(lowest);
     }
     const std::size_t limit = std::min(earliest.value_or(futures.size()), stopper_);
     while (frontier_ < limit) {

@@ -23,16 +23,20 @@
 #include <stdexcept>
 #include <tuple>
 #include <unordered_map>
+#include <utility>
 #include <vector>
+
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#include <cpuid.h>
+#include <x86intrin.h>
+#define QZ_TIMELINE_HAS_TSC 1
+#endif
 
 namespace parallel::language::future {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-// The lane name given by nameThisThread; empty for an unnamed thread.
-thread_local std::string tThreadName;
 
 // How many threads of each executor nameThisThreadByDefault has named.
 foundation::core::sync::Mutex gDefaultNamesMutex;
@@ -54,6 +58,52 @@ namespace detail::timeline {
 
 namespace {
 
+// Memory for the logs, in blocks of kBlockBytes. Blocks of logs that are
+// gone are kept, up to kMaxKeptBytes, for the logs of later recordings: a
+// block taken from here costs no page faults, and a recorder made again and
+// again reuses the memory of the last. Any thread; one lock per block.
+class BlockPool {
+public:
+    static constexpr std::size_t kBlockBytes = std::size_t{16} << 10;
+    static constexpr std::size_t kMaxKeptBytes = std::size_t{32} << 20;
+
+    // Never destroyed: threads may give blocks back while the program ends.
+    static BlockPool& instance() {
+        static BlockPool* const pool = new BlockPool;
+        return *pool;
+    }
+
+    // Throws std::bad_alloc.
+    void* take() {
+        {
+            foundation::core::sync::LockGuard lock(mutex_);
+            if (!kept_.empty()) {
+                void* block = kept_.back();
+                kept_.pop_back();
+                return block;
+            }
+        }
+        return ::operator new(kBlockBytes);
+    }
+
+    void give(void* block) noexcept {
+        {
+            foundation::core::sync::LockGuard lock(mutex_);
+            if (kept_.size() < kept_.capacity()) {
+                kept_.push_back(block);
+                return;
+            }
+        }
+        ::operator delete(block);
+    }
+
+private:
+    BlockPool() { kept_.reserve(kMaxKeptBytes / kBlockBytes); }
+
+    foundation::core::sync::Mutex mutex_;
+    std::vector<void*> kept_ QZ_GUARDED_BY(mutex_); // never grows past its capacity
+};
+
 // An append-only sequence with one writer and any number of readers: the
 // writer appends (its thread only); a reader sees every element appended
 // before the size it reads. Elements never move and are never changed once
@@ -68,13 +118,28 @@ public:
     AppendLog& operator=(const AppendLog&) = delete;
     ~AppendLog() {
         const std::size_t count = size_.load(std::memory_order_acquire);
-        std::unique_ptr<Chunk> chunk = std::move(head_);
         // Iteratively: a long chain of chunks must not recurse.
-        for (std::size_t i = 0; chunk; i += kChunkSize) {
+        Chunk* chunk = head_;
+        for (std::size_t i = 0; chunk != nullptr; i += kChunkSize) {
             for (std::size_t k = 0; k < kChunkSize && i + k < count; ++k) {
                 std::destroy_at(chunk->at(k));
             }
-            chunk = std::move(chunk->next);
+            Chunk* next = chunk->next;
+            chunk->~Chunk();
+            BlockPool::instance().give(chunk);
+            chunk = next;
+        }
+        if (spare_ != nullptr) {
+            spare_->~Chunk();
+            BlockPool::instance().give(spare_);
+        }
+    }
+
+    // Makes room for one more element: the next append cannot throw. Writer
+    // thread. Throws std::bad_alloc.
+    void reserveOne() {
+        if (size_.load(std::memory_order_relaxed) % kChunkSize == 0 && spare_ == nullptr) {
+            spare_ = ::new (BlockPool::instance().take()) Chunk;
         }
     }
 
@@ -83,9 +148,9 @@ public:
         const std::size_t size = size_.load(std::memory_order_relaxed);
         const std::size_t slot = size % kChunkSize;
         if (slot == 0) {
-            auto chunk = std::make_unique_for_overwrite<Chunk>();
-            Chunk* added = chunk.get();
-            (tail_ != nullptr ? tail_->next : head_) = std::move(chunk);
+            Chunk* added = spare_ != nullptr ? std::exchange(spare_, nullptr)
+                                             : ::new (BlockPool::instance().take()) Chunk;
+            (tail_ != nullptr ? tail_->next : head_) = added;
             tail_ = added;
         }
         ::new (static_cast<void*>(tail_->storage + slot * sizeof(T))) T(std::move(value));
@@ -98,22 +163,25 @@ public:
     // Calls `visit` on elements 0 .. count-1, count <= an earlier size().
     template <class Visit>
     void forEach(std::size_t count, Visit&& visit) const {
-        const Chunk* chunk = head_.get();
+        const Chunk* chunk = head_;
         for (std::size_t i = 0; i < count; ++i) {
             if (i != 0 && i % kChunkSize == 0) {
-                chunk = chunk->next.get();
+                chunk = chunk->next;
             }
             visit(*chunk->at(i % kChunkSize));
         }
     }
 
 private:
-    static constexpr std::size_t kChunkSize = 1024;
-    // Room for kChunkSize elements, made as they are appended: a new chunk
-    // costs no pass over its memory.
+    // As many elements as fit a block after the link to the next chunk.
+    static constexpr std::size_t kChunkSize =
+        (BlockPool::kBlockBytes - sizeof(void*) - alignof(T)) / sizeof(T);
+
+    // One block: room for kChunkSize elements, made as they are appended (a
+    // new chunk costs no pass over its memory), and the link to the next.
     struct Chunk {
+        Chunk* next = nullptr;
         alignas(T) std::byte storage[sizeof(T) * kChunkSize];
-        std::unique_ptr<Chunk> next;
 
         T* at(std::size_t slot) noexcept {
             return std::launder(reinterpret_cast<T*>(storage + slot * sizeof(T)));
@@ -122,32 +190,143 @@ private:
             return std::launder(reinterpret_cast<const T*>(storage + slot * sizeof(T)));
         }
     };
+    static_assert(sizeof(Chunk) <= BlockPool::kBlockBytes &&
+                  alignof(Chunk) <= alignof(std::max_align_t));
 
-    std::unique_ptr<Chunk> head_;
-    Chunk* tail_ = nullptr; // writer only
+    Chunk* head_ = nullptr;
+    Chunk* tail_ = nullptr;  // writer only
+    Chunk* spare_ = nullptr; // writer only: made by reserveOne
     std::atomic<std::size_t> size_{0};
 };
 
-enum class EventKind : std::uint8_t { Created, Queued, Running, Finished, Failed, Cancelled };
+// Event times are ticks: the processor's time-stamp counter where it is
+// invariant and the system clock is built on it (a read costs a third of a
+// steady_clock read), else steady_clock nanoseconds. Chosen by the first
+// recorder, before any event is recorded, and never changed (later recorders
+// store the same answer).
+std::atomic<bool> gUseTsc{false};
+
+void chooseTicks() noexcept {
+#ifdef QZ_TIMELINE_HAS_TSC
+    static const bool useTsc = [] {
+        unsigned eax = 0;
+        unsigned ebx = 0;
+        unsigned ecx = 0;
+        unsigned edx = 0;
+        if (__get_cpuid(0x80000007u, &eax, &ebx, &ecx, &edx) == 0 || (edx & (1u << 8)) == 0) {
+            return false; // no invariant counter
+        }
+        // The counter agrees between processors when the kernel keeps time
+        // with it; elsewhere (or where that can't be read) it is not trusted.
+        try {
+            std::ifstream source(
+                "/sys/devices/system/clocksource/clocksource0/current_clocksource");
+            std::string name;
+            return static_cast<bool>(source >> name) && name == "tsc";
+        } catch (...) {
+            return false;
+        }
+    }();
+    gUseTsc.store(useTsc, std::memory_order_relaxed);
+#endif
+}
+
+std::uint64_t ticksNow() noexcept {
+#ifdef QZ_TIMELINE_HAS_TSC
+    if (gUseTsc.load(std::memory_order_relaxed)) {
+        return __rdtsc();
+    }
+#endif
+    return static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch())
+            .count());
+}
+
+// A tick count and the steady_clock time read together.
+struct Anchor {
+    std::uint64_t ticks = 0;
+    Clock::time_point at{};
+};
+
+// The closest pair of three: the ticks midway between two reads around the
+// clock read.
+Anchor anchorNow() noexcept {
+    Anchor best;
+    std::uint64_t bestSpread = std::numeric_limits<std::uint64_t>::max();
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        const std::uint64_t before = ticksNow();
+        const Clock::time_point at = Clock::now();
+        const std::uint64_t after = ticksNow();
+        if (after >= before && after - before < bestSpread) {
+            bestSpread = after - before;
+            best = {before + (after - before) / 2, at};
+        }
+    }
+    if (bestSpread == std::numeric_limits<std::uint64_t>::max()) {
+        best = {ticksNow(), Clock::now()};
+    }
+    return best;
+}
+
+enum class EventKind : std::uint8_t {
+    Created,
+    Queued,
+    Running,
+    Finished,
+    Failed,
+    Cancelled,
+    Lane, // the thread's lane from its next Running event on
+};
+constexpr unsigned kKindBits = 3;
 
 constexpr std::uint32_t kNoText = std::numeric_limits<std::uint32_t>::max();
 
-// One event as the notifying thread appended it.
+// One event as the notifying thread appended it, in 16 bytes (a future's
+// four events fill one cache line). `word` is the task's
+// serial (a Lane event: its text) shifted left by kKindBits, then the kind:
+// serials, counted from 1, never reach 2^61.
+struct Record {
+    std::uint64_t ticks;
+    std::uint64_t word;
+};
+
+// What a Created event adds, in a log of its own: the k-th Created record of
+// a thread goes with its k-th CreatedInfo.
+struct CreatedInfo {
+    long long futureId;
+    std::uint32_t kindText; // the future's kind
+    std::uint32_t text;     // the function's name
+};
+
+// One event as replay reads it.
 struct Event {
-    Clock::time_point at{};
+    std::uint64_t ticks = 0;
     std::uint64_t task = 0;           // TaskBase::getSerial()
     long long futureId = -1;          // Created
-    const char* futureKind = nullptr; // Created: a string literal
+    std::uint32_t kindText = kNoText; // Created: the future's kind
     std::uint32_t text = kNoText;     // Created: function name; Running: named lane
     EventKind kind = EventKind::Created;
 };
 
 // The events of one thread during one recording, and the texts they name.
 // Shared by the recording and the thread (which may outlive each other).
-class ThreadLog {
+// Cache-line aligned: the sizes its thread stores on every event share no
+// line with another thread's log.
+class alignas(64) ThreadLog {
 public:
-    // Writer thread.
-    void append(const Event& event) { events_.append(event); }
+    // Writer thread. Throws std::bad_alloc, appending nothing.
+    void append(std::uint64_t ticks, EventKind kind, std::uint64_t value) {
+        records_.append({ticks, (value << kKindBits) | static_cast<std::uint64_t>(kind)});
+    }
+    // Writer thread. The info first, so that a reader that sees the record
+    // sees it; once it is in, the record cannot fail to follow (the k-th
+    // record must meet the k-th info). Throws std::bad_alloc, appending
+    // nothing.
+    void appendCreated(std::uint64_t ticks, std::uint64_t task, const CreatedInfo& info) {
+        records_.reserveOne();
+        created_.append(info);
+        append(ticks, EventKind::Created, task);
+    }
 
     // The index of `text` among the texts, appended unless it is the one
     // `cache` last gave. Writer thread.
@@ -157,37 +336,90 @@ public:
     };
     std::uint32_t textOf(const std::string& text, TextCache& cache) {
         if (cache.index == kNoText || cache.text != text) {
-            cache.text = text;
-            cache.index = static_cast<std::uint32_t>(texts_.size());
+            const auto index = static_cast<std::uint32_t>(texts_.size());
             texts_.append(text);
+            cache.index = kNoText; // until the text is copied
+            cache.text = text;
+            cache.index = index;
         }
         return cache.index;
     }
     TextCache laneCache;
     TextCache functionCache;
+    // The index of the future kind `kind` (a string literal), appended
+    // unless it is the last one asked for. Writer thread.
+    std::uint32_t kindTextOf(const char* kind) {
+        if (kind != lastKind_) {
+            lastKindText_ = static_cast<std::uint32_t>(texts_.size());
+            texts_.append(kind);
+            lastKind_ = kind;
+        }
+        return lastKindText_;
+    }
+    // The version of the thread's name (ThisThread::nameVersion) that the
+    // last Lane record gave; 0, an unnamed thread, before the first.
+    std::uint64_t laneVersion = 0;
 
-    // A reader's copy of what is published now: events, and the texts they
-    // name (read after the events, so that every named text is there).
+    // A reader's copy of what is published now, decoded: events in the order
+    // sent, their ticks made non-decreasing (a thread moved to another
+    // processor may read a counter a little behind), and the texts they name
+    // (read after the records, so that every named text is there).
     void snapshot(std::vector<Event>& events, std::vector<std::string>& texts) const {
-        const std::size_t eventCount = events_.size();
+        const std::size_t recordCount = records_.size();
+        const std::size_t createdCount = created_.size();
         const std::size_t textCount = texts_.size();
-        events.reserve(eventCount);
-        events_.forEach(eventCount, [&](const Event& event) { events.push_back(event); });
+        std::vector<CreatedInfo> created;
+        created.reserve(createdCount);
+        created_.forEach(createdCount, [&](const CreatedInfo& info) { created.push_back(info); });
+        events.reserve(recordCount);
+        std::size_t nextCreated = 0;
+        std::uint32_t lane = kNoText;
+        std::uint64_t latest = 0;
+        records_.forEach(recordCount, [&](const Record& record) {
+            latest = std::max(latest, record.ticks);
+            const auto kind = static_cast<EventKind>(record.word & ((1u << kKindBits) - 1));
+            const std::uint64_t value = record.word >> kKindBits;
+            if (kind == EventKind::Lane) {
+                lane = static_cast<std::uint32_t>(value);
+                return;
+            }
+            Event event;
+            event.ticks = latest;
+            event.task = value;
+            event.kind = kind;
+            if (kind == EventKind::Created) {
+                const CreatedInfo& info = created.at(nextCreated++);
+                event.futureId = info.futureId;
+                event.kindText = info.kindText;
+                event.text = info.text;
+            } else if (kind == EventKind::Running) {
+                event.text = lane;
+            }
+            events.push_back(event);
+        });
         texts.reserve(textCount);
         texts_.forEach(textCount, [&](const std::string& text) { texts.push_back(text); });
     }
 
 private:
-    AppendLog<Event> events_;
+    const char* lastKind_ = nullptr;
+    std::uint32_t lastKindText_ = kNoText;
+    AppendLog<Record> records_;
+    AppendLog<CreatedInfo> created_;
     AppendLog<std::string> texts_;
 };
 
 } // namespace
 
 // What a recorder has recorded: one log per thread that has sent an event.
-// `logs` is guarded by gMutex (below); the logs themselves are not.
+// `logs` and `anchors` are guarded by gMutex (below); the logs themselves
+// are not. The anchors convert ticks to times: the first is taken as the
+// recording starts, one more by each read of the entries, after it has
+// copied the logs; a time is interpolated between the two anchors around its
+// ticks, so that a later read gives the events of an earlier one the same
+// times.
 struct Recording {
-    Clock::time_point start = Clock::now();
+    std::vector<Anchor> anchors;
     std::uint64_t generation = 0;
     std::vector<std::shared_ptr<ThreadLog>> logs;
 };
@@ -204,52 +436,74 @@ std::uint64_t gLastGeneration QZ_GUARDED_BY(gMutex) = 0;
 // gMutex with release, loaded without it with acquire.
 std::atomic<std::uint64_t> gGeneration{0};
 
-// The calling thread's log, and the recording it belongs to.
-struct ThisThreadLog {
-    std::shared_ptr<ThreadLog> log;
+// What every event of the calling thread reads: trivial, so that reaching it
+// costs no check that it was made.
+struct ThisThread {
+    // The thread's log (owned by tOwned.log), and the recording it belongs
+    // to; 0 for none.
+    ThreadLog* log = nullptr;
     std::uint64_t generation = 0;
+    // Counts the names given; 0 while the thread has had none.
+    std::uint64_t nameVersion = 0;
+    // Set once the thread's tOwned is destroyed: its events are lost.
+    bool ended = false;
 };
-thread_local ThisThreadLog tLog;
+thread_local ThisThread tThis;
+
+// What the calling thread owns, touched on its first event of a recording and
+// when it is named.
+struct ThisThreadOwned {
+    ThisThreadOwned() = default;
+    ThisThreadOwned(const ThisThreadOwned&) = delete;
+    ThisThreadOwned& operator=(const ThisThreadOwned&) = delete;
+    ~ThisThreadOwned() {
+        tThis.log = nullptr;
+        tThis.generation = 0;
+        tThis.ended = true;
+    }
+
+    // The lane name given by nameThisThread; empty for an unnamed thread.
+    std::string name;
+    std::shared_ptr<ThreadLog> log;
+};
+thread_local ThisThreadOwned tOwned;
 
 // The calling thread's log for the active recording, registered with it on
 // the thread's first event; null while nothing records.
-ThreadLog* logOfThisThread() QZ_EXCLUDES(gMutex) {
+ThreadLog* logOfThisThread(ThisThread& self) QZ_EXCLUDES(gMutex) {
     const std::uint64_t generation = gGeneration.load(std::memory_order_acquire);
     if (generation == 0) {
         return nullptr;
     }
-    if (tLog.generation == generation) {
-        return tLog.log.get();
+    if (self.generation == generation) {
+        return self.log;
     }
+    if (self.ended) {
+        return nullptr;
+    }
+    ThisThreadOwned& owned = tOwned;
     foundation::core::sync::LockGuard lock(gMutex);
     if (gActive == nullptr) {
         return nullptr;
     }
     auto log = std::make_shared<ThreadLog>();
     gActive->logs.push_back(log);
-    tLog = {std::move(log), gActive->generation};
-    return tLog.log.get();
+    owned.log = std::move(log);
+    self.log = owned.log.get();
+    self.generation = gActive->generation;
+    return self.log;
 }
 
-// Appends `event`, stamped now, to the calling thread's log. An exception
-// (out of memory) loses the event, never the caller's notification.
-template <class Complete>
-void record(EventKind kind, std::uint64_t task, Complete complete) noexcept {
+// Appends an event of `task`, stamped now, to the calling thread's log. An
+// exception (out of memory) loses the event, never the caller's
+// notification.
+void record(EventKind kind, const TaskBase* task) noexcept {
     try {
-        Event event;
-        event.at = Clock::now();
-        event.kind = kind;
-        event.task = task;
-        if (ThreadLog* log = logOfThisThread()) {
-            complete(event, *log);
-            log->append(event);
+        if (ThreadLog* log = logOfThisThread(tThis)) {
+            log->append(ticksNow(), kind, task->getSerial());
         }
     } catch (...) {
     }
-}
-
-void record(EventKind kind, const TaskBase* task) noexcept {
-    record(kind, task->getSerial(), [](Event&, ThreadLog&) {});
 }
 
 std::string functionNameOf(const FutureBase& future) {
@@ -264,42 +518,64 @@ std::string functionNameOf(const FutureBase& future) {
 // read once.
 void recordTasksOfFuture(std::span<const TaskBase* const> tasks, const FutureBase& future,
                          const char* kind) noexcept {
-    std::string function;
     try {
-        function = functionNameOf(future);
-    } catch (...) {
-    }
-    for (const TaskBase* task : tasks) {
-        record(EventKind::Created, task->getSerial(), [&](Event& event, ThreadLog& log) {
-            event.futureId = future.getID();
-            event.futureKind = kind;
+        ThreadLog* log = logOfThisThread(tThis);
+        if (log == nullptr) {
+            return;
+        }
+        CreatedInfo info{future.getID(), log->kindTextOf(kind), kNoText};
+        try {
+            const std::string function = functionNameOf(future);
             if (!function.empty()) {
-                event.text = log.textOf(function, log.functionCache);
+                info.text = log->textOf(function, log->functionCache);
             }
-        });
+        } catch (...) {
+        }
+        for (const TaskBase* task : tasks) {
+            log->appendCreated(ticksNow(), task->getSerial(), info);
+        }
+    } catch (...) {
     }
 }
 
-// The entries that `logs` describe: their events replayed in time order (a
-// thread's own events in the order it sent them).
-std::vector<TimelineEntry> replay(const std::vector<std::shared_ptr<ThreadLog>>& logs,
-                                  Clock::time_point start) {
+// Microseconds from the first anchor to `ticks`, interpolated between the
+// anchors around it (extrapolated from the first or last two). `anchors` has
+// two or more, in order.
+double microsecondsAt(std::uint64_t ticks, std::span<const Anchor> anchors) {
+    auto after = std::upper_bound(anchors.begin(), anchors.end(), ticks,
+                                  [](std::uint64_t t, const Anchor& a) { return t < a.ticks; });
+    after = std::clamp(after, anchors.begin() + 1, anchors.end() - 1);
+    const Anchor& low = *(after - 1);
+    const Anchor& high = *after;
+    using Micro = std::chrono::duration<double, std::micro>;
+    const double base = Micro(low.at - anchors.front().at).count();
+    if (high.ticks == low.ticks) {
+        return base;
+    }
+    const double fraction = static_cast<double>(static_cast<std::int64_t>(ticks - low.ticks)) /
+                            static_cast<double>(high.ticks - low.ticks);
+    return base + fraction * Micro(high.at - low.at).count();
+}
+
+// The entries that `events` (of one log each) describe, replayed in time
+// order (a thread's own events in the order it sent them).
+std::vector<TimelineEntry> replay(const std::vector<std::vector<Event>>& events,
+                                  const std::vector<std::vector<std::string>>& texts,
+                                  std::span<const Anchor> anchors) {
     struct Sent {
         const Event* event;
         std::size_t log;
         std::size_t sequence;
     };
-    std::vector<std::vector<Event>> events(logs.size());
-    std::vector<std::vector<std::string>> texts(logs.size());
     std::vector<Sent> order;
-    for (std::size_t i = 0; i < logs.size(); ++i) {
-        logs[i]->snapshot(events[i], texts[i]);
+    for (std::size_t i = 0; i < events.size(); ++i) {
         for (std::size_t k = 0; k < events[i].size(); ++k) {
             order.push_back({&events[i][k], i, k});
         }
     }
     std::sort(order.begin(), order.end(), [](const Sent& a, const Sent& b) {
-        return std::tie(a.event->at, a.log, a.sequence) < std::tie(b.event->at, b.log, b.sequence);
+        return std::tie(a.event->ticks, a.log, a.sequence) <
+               std::tie(b.event->ticks, b.log, b.sequence);
     });
 
     std::vector<TimelineEntry> entries;
@@ -312,11 +588,11 @@ std::vector<TimelineEntry> replay(const std::vector<std::shared_ptr<ThreadLog>>&
             entries.emplace_back();
         }
         TimelineEntry& entry = entries[found->second];
-        const double now = std::chrono::duration<double, std::micro>(event.at - start).count();
+        const double now = microsecondsAt(event.ticks, anchors);
         switch (event.kind) {
         case EventKind::Created:
             entry.futureId = event.futureId;
-            entry.futureKind = event.futureKind;
+            entry.futureKind = texts[sent.log][event.kindText];
             entry.function = event.text != kNoText ? texts[sent.log][event.text] : std::string();
             entry.createdUs = now;
             break;
@@ -354,6 +630,8 @@ std::vector<TimelineEntry> replay(const std::vector<std::shared_ptr<ThreadLog>>&
                 entry.outcome = TimelineEntry::Outcome::Cancelled;
             }
             break;
+        case EventKind::Lane: // taken in by ThreadLog::snapshot
+            break;
         }
     }
     return entries;
@@ -386,11 +664,22 @@ void recordQueued(const TaskBase* task) noexcept {
 }
 
 void recordRunning(const TaskBase* task) noexcept {
-    record(EventKind::Running, task->getSerial(), [](Event& event, ThreadLog& log) {
-        if (!tThreadName.empty()) {
-            event.text = log.textOf(tThreadName, log.laneCache);
+    try {
+        ThisThread& self = tThis;
+        if (ThreadLog* log = logOfThisThread(self)) {
+            const std::uint64_t ticks = ticksNow();
+            if (log->laneVersion != self.nameVersion) {
+                // Named (or renamed) since its last run: a Lane record first.
+                const std::string& name = tOwned.name;
+                const std::uint32_t text =
+                    name.empty() ? kNoText : log->textOf(name, log->laneCache);
+                log->append(ticks, EventKind::Lane, text);
+                log->laneVersion = self.nameVersion;
+            }
+            log->append(ticks, EventKind::Running, task->getSerial());
         }
-    });
+    } catch (...) {
+    }
 }
 
 void recordFinished(const TaskBase* task) noexcept {
@@ -417,6 +706,9 @@ TimelineRecorder::TimelineRecorder() : impl_(std::make_unique<Impl>()) {
     if (gActive != nullptr) {
         throw std::logic_error("Another timeline recorder is recording.");
     }
+    chooseTicks();
+    impl_->recording.anchors.reserve(2);
+    impl_->recording.anchors.push_back(anchorNow());
     impl_->recording.generation = ++gLastGeneration;
     gActive = &impl_->recording;
     gGeneration.store(impl_->recording.generation, std::memory_order_release);
@@ -434,13 +726,23 @@ TimelineRecorder::~TimelineRecorder() {
 std::vector<TimelineEntry> TimelineRecorder::entries() const {
     using namespace detail::timeline;
     std::vector<std::shared_ptr<ThreadLog>> logs;
-    Clock::time_point start;
     {
         foundation::core::sync::LockGuard lock(gMutex);
         logs = impl_->recording.logs;
-        start = impl_->recording.start;
     }
-    return replay(logs, start);
+    std::vector<std::vector<Event>> events(logs.size());
+    std::vector<std::vector<std::string>> texts(logs.size());
+    for (std::size_t i = 0; i < logs.size(); ++i) {
+        logs[i]->snapshot(events[i], texts[i]);
+    }
+    // After the copies, so that every event copied is before the last anchor.
+    std::vector<Anchor> anchors;
+    {
+        foundation::core::sync::LockGuard lock(gMutex);
+        impl_->recording.anchors.push_back(anchorNow());
+        anchors = impl_->recording.anchors;
+    }
+    return replay(events, texts, anchors);
 }
 
 void TimelineRecorder::writeTraceEvents(const std::filesystem::path& file) const {
@@ -456,11 +758,13 @@ void TimelineRecorder::recordFailure(const TaskBase& task) noexcept {
 }
 
 void TimelineRecorder::nameThisThread(std::string name) {
-    tThreadName = std::move(name);
+    detail::timeline::tOwned.name = std::move(name);
+    ++detail::timeline::tThis.nameVersion;
 }
 
 void TimelineRecorder::nameThisThreadByDefault(std::string_view executorName) noexcept {
-    if (!tThreadName.empty()) {
+    std::string& name = detail::timeline::tOwned.name;
+    if (!name.empty()) {
         return;
     }
     try {
@@ -473,7 +777,8 @@ void TimelineRecorder::nameThisThreadByDefault(std::string_view executorName) no
             }
             number = ++found->second;
         }
-        tThreadName = std::string(executorName) + " worker " + std::to_string(number);
+        name = std::string(executorName) + " worker " + std::to_string(number);
+        ++detail::timeline::tThis.nameVersion;
     } catch (...) {
         // Out of memory: the lane stays "thread N".
     }

@@ -40,12 +40,15 @@ struct TimelineEntry {
 // outputs, which some tasks hand out once only.
 //
 // Cost: with no recorder, each task notification and each new future pays one
-// relaxed atomic load. While recording, each event costs a clock read and an
-// append to the notifying thread's own log: no lock is taken and no memory is
-// shared with other threads but for the log's first event (which registers
-// the thread's log under the recorder's mutex) and a new chunk of the log
-// every 1,024 events. The logs are merged, in time order, when the entries
-// are read.
+// relaxed atomic load. While recording, each event costs a read of the
+// processor's time-stamp counter (of steady_clock where that counter can't be
+// trusted) and a 16-byte append to the notifying thread's own log (a new
+// future 16 bytes more): no lock is taken and no memory is shared with other
+// threads but for the log's first event (which registers the thread's log
+// under the recorder's mutex) and a new 16 KiB block of the log every 1,000
+// or so events, taken from the blocks that earlier recordings left (up to
+// 32 MiB are kept) or newly allocated. The logs are merged, in time order,
+// and the counts turned into times when the entries are read.
 //
 // A task's events are matched by TaskBase::getSerial(), never reused, so a
 // task made after another one died at the same address gets an entry of its
