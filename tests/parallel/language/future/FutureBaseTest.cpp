@@ -65,14 +65,6 @@ TEST(FutureBase, ErrorsAreReturnedNeverThrown) {
     EXPECT_EQ(dvGetNumberOfElements(f.future->getOutputsAs(1, OutputFormat::Cell)[0].get()), 0u);
 }
 
-// Reading them back is checked through the properties (FuturePropertiesTest.cpp).
-TEST(FutureBase, TheFunctionAndTheInputCellAreOwned) {
-    const auto function = boost::intrusive_ptr<dvArray>(
-        matrix::to_korvex(matrix::createFunctionHandle("plus", {})), false);
-    FevalFuture f(nullptr, function, 1, {scalar(3.0), scalar(4.0)}, TestTask::make());
-    EXPECT_EQ(f.getOwnedResources().size(), 2u); // nothing is cached yet
-}
-
 TEST(FutureBase, TimesComeFromTheWork) {
     auto task = TestTask::make();
     task->doNotifyRunning();

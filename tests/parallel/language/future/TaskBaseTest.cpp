@@ -255,38 +255,5 @@ TEST(TaskBase, DestroyingAnUnfinishedTaskRunsItsCallbacks) {
     EXPECT_THROW(waitable.get(), boost::broken_promise);
 }
 
-TEST(TaskBase, ManyTasksFinishingConcurrentlyWakeTheirWaiters) {
-    constexpr int kTasks = 64;
-    std::vector<std::shared_ptr<TestTask>> tasks;
-    for (int i = 0; i < kTasks; ++i) {
-        tasks.push_back(TestTask::make());
-        tasks.back()->doNotifyPending();
-    }
-    std::latch start(3);
-    auto finisher = [&](int parity) {
-        start.arrive_and_wait();
-        for (int i = parity; i < kTasks; i += 2) {
-            tasks[i]->doNotifyQueued();
-            tasks[i]->doNotifyRunning();
-            if (i % 3 == 0) {
-                tasks[i]->cancel();
-            } else {
-                tasks[i]->doNotifyFinished();
-            }
-        }
-    };
-    std::thread even(finisher, 0);
-    std::thread odd(finisher, 1);
-    start.arrive_and_wait();
-    for (auto& task : tasks) {
-        EXPECT_TRUE(task->wait(FutureState::Finished, secondsFromNow(60.0)));
-    }
-    even.join();
-    odd.join();
-    for (auto& task : tasks) {
-        EXPECT_EQ(task->getState(), FutureState::Finished);
-    }
-}
-
 } // namespace
 } // namespace parallel::language::future
