@@ -1,22 +1,16 @@
 // qz-test-label: concurrency
 #include <localpool/LocalPool.hpp>
 
-#include <parallel/language/future/ScopedTaskFinishedListener.hpp>
+#include <parallel/language/future/support/FutureTestSupport.hpp>
 
 #include <kcos/Language.hpp>
-#include <kvm/KVM.hpp>
 #include <matrix/Errors.hpp>
 #include <support/ErrorIds.hpp>
 
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <chrono>
-#include <functional>
 #include <future>
 #include <latch>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -25,24 +19,20 @@ namespace localpool {
 namespace {
 
 namespace future = parallel::language::future;
+using namespace future::testing;
 using future::FutureState;
 using Array = boost::intrusive_ptr<dvArray>;
 using testsupport::idOf;
 using FuturePtr = std::shared_ptr<FevalFuture>;
 using OnAllPtr = std::shared_ptr<FevalOnAllFuture>;
 
-Array scalar(double value) {
-    return Array(matrix::to_korvex(dvCreateDoubleScalar(value)), false);
-}
-
 // Prints and runs `during`, then gives x + 1 (1 without inputs).
 Array plusOne(std::function<void()> during = [] {}) {
-    auto body = [during](std::size_t, const DvArrayVector& in) {
+    return functionHandle("f", [during](std::size_t, const DvArrayVector& in) {
         kvm::print(u"adding one\n");
         during();
-        return DvArrayVector{scalar((in.empty() ? 0 : dvGetDoubles(in[0].get())[0]) + 1)};
-    };
-    return Array(matrix::to_korvex(matrix::createFunctionHandle("f", body)), false);
+        return DvArrayVector{scalar((in.empty() ? 0 : valueOf(in[0].get())) + 1)};
+    });
 }
 
 // Counts `started` down, then waits until the task is asked to stop.
@@ -53,12 +43,10 @@ void untilStopped(std::latch& started) {
     }
 }
 
-// The first output, once the task has finished; at most 60 s, so that a fault
-// fails the test rather than hanging it.
+// The first output, once the task has finished.
 double outputOf(const FuturePtr& f) {
-    EXPECT_TRUE(f->getTask()->wait(FutureState::Finished,
-                                   future::clock::getCurrentSteadyTime() + future::Seconds(60)));
-    return dvGetDoubles(f->getTask()->getOutputsOrError().value().value().at(0).get())[0];
+    EXPECT_TRUE(f->getTask()->wait(FutureState::Finished, secondsFromNow(kGenerous.count())));
+    return valueOf(f->getTask()->getOutputsOrError().value().value().at(0).get());
 }
 
 std::string errorOf(const FuturePtr& f) {
@@ -79,15 +67,6 @@ std::vector<std::string> taskErrorsOf(const OnAllPtr& f) {
 
 constexpr const char* kCancelled = "KORVEX:parallel:future:ExecutionCancelled";
 
-struct ThrowingListener : future::TaskFinishedListener {
-    void onTaskFinished() override { throw std::runtime_error("listener failed"); }
-};
-
-struct CountingListener : future::TaskFinishedListener {
-    std::atomic<int> calls{0};
-    void onTaskFinished() override { ++calls; }
-};
-
 TEST(LocalPool, RunsOnItsOwnInputsAndKeepsOutputsTimesAndDiary) {
     LocalPool pool(2);
     std::latch mutated(1);
@@ -103,7 +82,9 @@ TEST(LocalPool, RunsOnItsOwnInputsAndKeepsOutputsTimesAndDiary) {
 }
 
 TEST(LocalPool, ErrorsBecomeTheTaskErrorAndWorkersSurviveFailingNotifications) {
-    future::ScopedTaskFinishedListener listener(std::make_shared<ThrowingListener>());
+    const auto failing = std::make_shared<CountingListener>();
+    failing->action = [] { throw std::runtime_error("listener failed"); };
+    const future::ScopedTaskFinishedListener listener(failing);
     LocalPool pool(1);
     // Refused before a worker sizes anything by the count.
     using TooManyOutputs = foundation::core::except::Exception<KORVEX::maxlhs>;
@@ -122,13 +103,12 @@ TEST(LocalPool, SubmitOnAllRunsTaskIOnWorkerI) {
     std::mutex mutex;
     std::map<double, std::thread::id> threadOf; // by output, which is unique
     std::atomic<int> tickets{0};
-    auto body = [&](std::size_t, const DvArrayVector&) {
+    const Array ticket = functionHandle("ticket", [&](std::size_t, const DvArrayVector&) {
         const int ticket = tickets++;
         const std::lock_guard lock(mutex);
         threadOf[ticket] = std::this_thread::get_id();
         return DvArrayVector{scalar(ticket)};
-    };
-    const Array ticket(matrix::to_korvex(matrix::createFunctionHandle("ticket", body)), false);
+    });
 
     std::vector<std::vector<double>> outputs;
     for (int round = 0; round < 2; ++round) {
