@@ -3,10 +3,7 @@
 
 #include "support/ErrorIds.hpp"
 
-#include <parallel/language/future/ScopedTaskFinishedListener.hpp>
-
 #include <algorithm>
-#include <atomic>
 #include <future>
 #include <latch>
 #include <stdexcept>
@@ -27,12 +24,6 @@ static_assert(std::is_sorted(std::begin(kAllStates), std::end(kAllStates)));
 double seconds(const WallClockTimePoint& t) {
     return t.time_since_epoch().count();
 }
-
-// Counts task-finished notifications while registered.
-struct CountingListener : TaskFinishedListener {
-    std::atomic<int> calls{0};
-    void onTaskFinished() override { ++calls; }
-};
 
 void expectCancelledError(const OutputsOrError& outputs) {
     ASSERT_TRUE(outputs.hasError());

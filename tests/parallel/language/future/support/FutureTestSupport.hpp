@@ -6,6 +6,7 @@
 
 #include <parallel/language/future/FevalFuture.hpp>
 #include <parallel/language/future/FevalOnAllFuture.hpp>
+#include <parallel/language/future/ScopedTaskFinishedListener.hpp>
 #include <parallel/language/future/VectorMultiTask.hpp>
 
 #include <Veldspire/KException/KExceptionEnvelope.hpp>
@@ -14,6 +15,8 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <functional>
 #include <limits>
 
 namespace parallel::language::future::testing {
@@ -122,6 +125,18 @@ struct TestOnAllFuture {
         future = std::make_shared<FevalOnAllFuture>(
             nullptr, nullptr, 1, std::move(inputs),
             std::make_shared<VectorMultiTask>(std::move(collection)));
+    }
+};
+
+// Counts task-finished notifications while registered, running `action` on each.
+struct CountingListener : TaskFinishedListener {
+    std::atomic<int> calls{0};
+    std::function<void()> action;
+    void onTaskFinished() override {
+        ++calls;
+        if (action) {
+            action();
+        }
     }
 };
 
