@@ -10,9 +10,6 @@
 #include <chrono>
 #include <future>
 #include <latch>
-#include <map>
-#include <mutex>
-#include <set>
 #include <thread>
 
 namespace localpool {
@@ -95,37 +92,6 @@ TEST(LocalPool, ErrorsBecomeTheTaskErrorAndWorkersSurviveFailingNotifications) {
     EXPECT_EQ(outputOf(fine), 3); // one worker, oldest first: the others are done too
     EXPECT_EQ(errorOf(throwing), "boom");
     EXPECT_EQ(errorOf(tooManyOutputs), "KORVEX:maxlhs");
-}
-
-TEST(LocalPool, SubmitOnAllRunsTaskIOnWorkerI) {
-    const auto interpreter = kvm::KVM::create(); // fetchOutputs needs one
-    LocalPool pool(4);
-    std::mutex mutex;
-    std::map<double, std::thread::id> threadOf; // by output, which is unique
-    std::atomic<int> tickets{0};
-    const Array ticket = functionHandle("ticket", [&](std::size_t, const DvArrayVector&) {
-        const int ticket = tickets++;
-        const std::lock_guard lock(mutex);
-        threadOf[ticket] = std::this_thread::get_id();
-        return DvArrayVector{scalar(ticket)};
-    });
-
-    std::vector<std::vector<double>> outputs;
-    for (int round = 0; round < 2; ++round) {
-        const OnAllPtr f = pool.submitOnAll(ticket, 1, {});
-        const auto all = future::FutureBase::fetchOutputs({f}, true, 1);
-        ASSERT_EQ(dvGetDimensions(all.at(0).get()), (matrix::Dimensions{4, 1}));
-        const auto values = dvGetDoubles(all[0].get());
-        outputs.emplace_back(values.begin(), values.end());
-    }
-    // Task i ran on worker i both times, and the four workers are distinct threads.
-    const std::lock_guard lock(mutex);
-    std::set<std::thread::id> workers;
-    for (std::size_t i = 0; i < 4; ++i) {
-        EXPECT_EQ(threadOf.at(outputs[0][i]), threadOf.at(outputs[1][i])) << "task " << i;
-        workers.insert(threadOf.at(outputs[0][i]));
-    }
-    EXPECT_EQ(workers.size(), 4u);
 }
 
 // Every task a cancel or the shutdown ends, shared or pinned, waiting or
