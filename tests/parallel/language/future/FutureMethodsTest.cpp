@@ -4,15 +4,11 @@
 // errors the language sees for bad arguments.
 #include "support/ContinuationSupport.hpp"
 
-#include <executor/LanguageClasses.hpp>
-#include <localpool/LocalPool.hpp>
-
 #include <Veldspire/String/String.hpp>
 
 #include <cmath>
 #include <latch>
 #include <limits>
-#include <map>
 #include <thread>
 
 namespace parallel::language::future {
@@ -66,11 +62,6 @@ bool truth(const matrix::unique_dvArray& answer) {
 std::vector<double> doublesOf(const matrix::unique_dvArray& array) {
     const auto values = dvGetDoubles(array.get());
     return {values.begin(), values.end()};
-}
-
-// Runs on pool workers: touches nothing shared.
-DvArrayVector squareOf(std::size_t, const DvArrayVector& in) {
-    return {scalar(valueOf(in.at(0).get()) * valueOf(in.at(0).get()))};
 }
 
 class FutureMethods : public LanguageTest {
@@ -442,40 +433,6 @@ TEST_F(FutureMethods, ContinuationsRunOnTheInterpreterThreadAndAreFetched) {
     const dvArray* given = count.calls->at(0).at(0).get();
     EXPECT_EQ(std::string(dvGetClassName(given)), "parallel.Future");
     EXPECT_TRUE(FutureBase::isEqual(FutureBase::fromKorvexArray(given), {a.future, b.future}));
-}
-
-TEST_F(FutureMethods, EvaluationsOnAPoolDrainedFollowedAndWaitedFor) {
-    executor::registerLanguageClasses();
-    struct LanguagePool {
-        std::shared_ptr<localpool::LocalPool> pool = std::make_shared<localpool::LocalPool>(3);
-        LanguagePool() { executor::setLanguagePool(pool); }
-        ~LanguagePool() { executor::setLanguagePool(nullptr); }
-    } languagePool;
-    const Array square = functionHandle("square", squareOf);
-    std::vector<matrix::unique_dvArray> constructed;
-    std::vector<std::shared_ptr<FutureBase>> started;
-    for (double x : {1.0, 2.0, 3.0}) {
-        constructed.push_back(construct("parallel.FevalFuture", {square, one, scalar(x)}));
-        started.push_back(futureOf(constructed.back().get()));
-    }
-    const auto futures = objects(started);
-
-    std::map<double, double> fetched; // index -> output
-    Raised stop;
-    for (std::size_t round = 0; round <= started.size() && stop.id == Raised{}.id; ++round) {
-        stop = raisedBy([&] {
-            const auto out = call("fetchNext", 2, {futures.get(), generous.get()});
-            ASSERT_FALSE(isEmptyOfClass(out.at(0).get(), "double")) << "timed out";
-            fetched[valueOf(out[0].get())] = valueOf(out.at(1).get());
-        });
-    }
-    EXPECT_EQ(stop.id, kFuture + "NoUnreadFutures");
-    EXPECT_EQ(fetched, (std::map<double, double>{{1, 1}, {2, 4}, {3, 9}}));
-
-    TestFuture stuck; // stays queued
-    stuck.submitted();
-    const auto withStuck = objects({started[0], stuck.future});
-    EXPECT_FALSE(truth(call("wait", 1, {withStuck.get(), finished.get(), zero.get()})[0]));
 }
 
 } // namespace
