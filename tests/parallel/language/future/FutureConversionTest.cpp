@@ -8,28 +8,6 @@ namespace {
 
 using namespace testing;
 
-// A finished future that runs after others, as continuation futures do.
-class AfterFuture : public FutureBase {
-public:
-    AfterFuture(boost::intrusive_ptr<dvArray> function,
-                const std::vector<std::shared_ptr<FutureBase>>& predecessors)
-        : FutureBase(nullptr, std::move(function), 1, predecessors, std::nullopt) {}
-
-private:
-    void doCancel() override {}
-    boost::shared_future<void> doGetWaitableFuture() override { return {}; }
-    bool doWait(FutureState, SteadyTimePoint) override { return true; }
-    void doAfterFinishThen(boost::launch, std::function<void()>) override {}
-    PerTaskVariant<std::u16string> doGetDiary() const override { return std::u16string(); }
-    WallClockTimePoint doGetFinishTime() const override { return {}; }
-    PerTaskVariant<OutputsOrError> doGetOutputsOrError() const override {
-        return OutputsOrError(std::optional<DvArrayVector>(DvArrayVector{}));
-    }
-    WallClockTimePoint doGetStartTime() const override { return {}; }
-    FutureState doGetState() const override { return FutureState::Finished; }
-    const char* doGetCosAliasName() const override { return "parallel.AfterAllFuture"; }
-};
-
 using FutureConversion = LanguageTest;
 
 TEST_F(FutureConversion, AFutureKeepsOneLanguageObject) {
@@ -113,12 +91,9 @@ TEST_F(FutureConversion, OwnedArraysAreAccountedToTheObject) {
 TEST_F(FutureConversion, ContinuationFuturesKeepTheirPredecessorsAsObjects) {
     TestFuture a;
     TestFuture b;
-    const auto function = boost::intrusive_ptr<dvArray>(
-        matrix::to_korvex(matrix::createFunctionHandle(
-            "f", [](std::size_t, const auto&) { return DvArrayVector{}; })),
-        false);
-    const auto after = std::make_shared<AfterFuture>(
-        function, std::vector<std::shared_ptr<FutureBase>>{a.future, b.future});
+    const auto function =
+        functionHandle("f", [](std::size_t, const DvArrayVector&) { return DvArrayVector{}; });
+    const auto after = std::make_shared<ChainLink>(Futures{a.future, b.future}, function);
 
     const auto predecessors = after->getPredecessors();
     ASSERT_EQ(predecessors.size(), 2u);

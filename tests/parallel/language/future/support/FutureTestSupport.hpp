@@ -140,6 +140,29 @@ struct CountingListener : TaskFinishedListener {
     }
 };
 
+// The least a future with predecessors needs: it holds their language objects,
+// as every continuation future does, and is finished.
+class ChainLink final : public FutureBase {
+public:
+    explicit ChainLink(const Futures& predecessors,
+                       boost::intrusive_ptr<dvArray> function = nullptr)
+        : FutureBase(nullptr, std::move(function), 0, predecessors, std::nullopt) {}
+
+private:
+    void doCancel() override {}
+    boost::shared_future<void> doGetWaitableFuture() override { return {}; }
+    bool doWait(FutureState, SteadyTimePoint) override { return true; }
+    void doAfterFinishThen(boost::launch, std::function<void()>) override {}
+    PerTaskVariant<std::u16string> doGetDiary() const override { return std::u16string(); }
+    WallClockTimePoint doGetFinishTime() const override { return {}; }
+    PerTaskVariant<OutputsOrError> doGetOutputsOrError() const override {
+        return OutputsOrError(std::optional<DvArrayVector>());
+    }
+    WallClockTimePoint doGetStartTime() const override { return {}; }
+    FutureState doGetState() const override { return FutureState::Finished; }
+    const char* doGetCosAliasName() const override { return "parallel.AfterAllFuture"; }
+};
+
 // Makes the test's thread an interpreter thread for the test's duration.
 class InterpreterTest : public ::testing::Test {
 protected:
