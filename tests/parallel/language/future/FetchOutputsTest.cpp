@@ -85,9 +85,8 @@ TEST_F(FetchOutputs, FailuresAreTheCausesEqualOnesFoldedAndEveryFutureIsRead) {
 }
 
 TEST_F(FetchOutputs, ConcatenationFailureCarriesItsCause) {
-    TestFuture number;
+    TestFuture number, word;
     number.finishedWith({scalar(1.0)});
-    TestFuture word;
     word.finishedWith({testing::text("abc")});
     const KExceptionEnvelope error = errorOf({number.future, word.future});
     EXPECT_EQ(error.GetID(), "KORVEX:parallel:future:FetchOutputsConcatenationFailed");

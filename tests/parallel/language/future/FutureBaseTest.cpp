@@ -9,8 +9,7 @@ namespace {
 using namespace testing;
 
 TEST(FutureBase, IdsCountUpAndAnExplicitIdDrawsNone) {
-    TestFuture first;
-    TestFuture second;
+    TestFuture first, second;
     EXPECT_EQ(second.future->getID(), first.future->getID() + 1);
     FevalFuture chosen(nullptr, nullptr, 0, {}, TestTask::make(), 1000);
     EXPECT_EQ(chosen.getID(), 1000);

@@ -128,8 +128,7 @@ TEST_F(FutureClass, SavingWarnsForEveryObjectAndLoadsAsUnavailable) {
                                             warned.push_back(textOf(in.at(0).get()));
                                             return DvArrayVector{};
                                         });
-    TestFuture a;
-    TestFuture b;
+    TestFuture a, b;
     const auto array = objects({a.future, b.future});
 
     const kcos::SavedArray saved = omSaveObjects(array.get());

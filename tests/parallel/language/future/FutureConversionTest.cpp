@@ -11,8 +11,7 @@ using namespace testing;
 using FutureConversion = LanguageTest;
 
 TEST_F(FutureConversion, AFutureKeepsOneLanguageObject) {
-    TestFuture a;
-    TestFuture b;
+    TestFuture a, b;
     const auto first = objects({a.future, b.future});
     const auto second = FutureBase::toKorvexArray({b.future, a.future}, {2, 1});
 
@@ -41,8 +40,7 @@ TEST_F(FutureConversion, TheObjectKeepsItsFutureAlive) {
 }
 
 TEST_F(FutureConversion, DeletedAndMissingObjectsBecomeUnavailableFutures) {
-    TestFuture a;
-    TestFuture b;
+    TestFuture a, b;
     const auto array = objects({a.future, b.future});
     const matrix::unique_dvArray first(omCreateKCOSScalar(omGetArrayElement(array.get(), 0)));
     omDeleteObjects(first.get());
@@ -89,8 +87,7 @@ TEST_F(FutureConversion, OwnedArraysAreAccountedToTheObject) {
 }
 
 TEST_F(FutureConversion, ContinuationFuturesKeepTheirPredecessorsAsObjects) {
-    TestFuture a;
-    TestFuture b;
+    TestFuture a, b;
     const auto function =
         functionHandle("f", [](std::size_t, const DvArrayVector&) { return DvArrayVector{}; });
     const auto after = std::make_shared<ChainLink>(Futures{a.future, b.future}, function);
