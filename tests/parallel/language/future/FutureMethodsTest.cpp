@@ -260,9 +260,8 @@ TEST_F(FutureMethods, WaitTellsWhetherTheFuturesReachedTheStateAndRefusesOthers)
 // string array of two, or text outside ASCII is no name at all.
 TEST_F(FutureMethods, StringScalarsAreTextWhereOptionsAndStatesAreRead) {
     namespace str = Veldspire::String;
-    TestFuture done;
-    done.finishedWith({scalar(1)});
-    const auto f = objects({done.future});
+    const auto done = TestFuture().finishedWith({scalar(1)}).future;
+    const auto f = objects({done});
     const Array uni = own(str::createScalar(u"uni"));
     const Array running = own(str::createScalar(u"Running"));
     const Array missing = own(str::createScalar(std::nullopt));
@@ -356,9 +355,8 @@ TEST_F(FutureMethods, IsequalComparesClassDimensionsAndIDs) {
 }
 
 TEST_F(FutureMethods, ContinuationsRefuseBadArguments) {
-    TestFuture done;
-    done.finishedWith({scalar(1)});
-    const auto f = objects({done.future});
+    const auto done = TestFuture().finishedWith({scalar(1)}).future;
+    const auto f = objects({done});
     const RecordingFunction fn;
     const Array h = fn.handle, pass = text("PassFuture"), bogus = text("bogus");
     const Array fraction = scalar(1.5), negative = scalar(-1), letter = text("1");
