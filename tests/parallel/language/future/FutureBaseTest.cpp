@@ -25,19 +25,16 @@ TEST(FutureBase, VectorsOfOtherLengthsDifferAndUnavailableFuturesAreEqual) {
                                     {std::make_shared<UnavailableFuture>("parallel.FevalFuture")}));
 }
 
-TEST(FutureBase, NothingIsReadOrCachedBeforeTheWorkFinishes) {
-    TestFuture f;
-    f.running();
+TEST(FutureBase, OutputsAreCachedOnceFinishedAndReadBackAsIndependentValues) {
+    TestFuture f(2);
+    f.running(); // nothing is read or cached before the work finishes
     EXPECT_FALSE(f.future->hasError());
     EXPECT_FALSE(f.future->getOutputs().getAsSingle().has_value());
     EXPECT_EQ(f.future->getError().getAsSingle(), nullptr);
     EXPECT_EQ(f.future->getOutputsAsDvArray(), nullptr);
     EXPECT_EQ(f.task->outputsCalls, 0);
-}
-
-TEST(FutureBase, OutputsAreCachedOnceAndReadBackAsIndependentValues) {
-    TestFuture f(2);
-    f.finishedWith({scalar(1.0), scalar(2.0)});
+    f.task->result = OutputsOrError(DvArrayVector{scalar(1.0), scalar(2.0)});
+    f.task->doNotifyFinished();
     const DvArrayVector outputs = f.future->getOutputs().getAsSingle().value();
     ASSERT_EQ(outputs.size(), 2u);
     EXPECT_EQ(valueOf(outputs[1].get()), 2.0);
