@@ -16,7 +16,7 @@ using namespace testing;
 
 class FutureWait : public InterpreterTest {};
 
-TEST_F(FutureWait, RefusesFuturesThatCannotBeWaitedOn) {
+TEST_F(FutureWait, RefusesFuturesThatCannotBeWaitedOnAndNeedsNoneToReturn) {
     TestFuture finished;
     finished.finishedWith({});
     TestFuture pending;

@@ -1,4 +1,3 @@
-#include <parallel/language/future/FutureErrors.hpp>
 #include <parallel/language/future/UnavailableFuture.hpp>
 
 #include <gtest/gtest.h>
