@@ -20,9 +20,10 @@ namespace {
 // Any is ready at the first event, All at the last; none expected is ready at
 // once. Later events change nothing, and the future is handed out once.
 TEST(MultiEventPromise, ReadyAtTheFirstOrLastEventOnceAndForAll) {
-    for (auto [policy, expected, readyAfter] :
-         {std::tuple{MultiEventPromise::Any, 5, 1}, {MultiEventPromise::All, 3, 3},
-          {MultiEventPromise::Any, 0, 0}, {MultiEventPromise::All, 0, 0}}) {
+    for (auto [policy, expected, readyAfter] : {std::tuple{MultiEventPromise::Any, 5, 1},
+                                                {MultiEventPromise::All, 3, 3},
+                                                {MultiEventPromise::Any, 0, 0},
+                                                {MultiEventPromise::All, 0, 0}}) {
         MultiEventPromise promise(policy, expected);
         boost::shared_future<void> future = promise.getFuture().share();
         int continuations = 0;
