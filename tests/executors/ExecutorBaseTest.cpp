@@ -9,9 +9,8 @@
 #include <executor/WorkerTask.hpp>
 
 #include <kcos/Language.hpp>
+#include <parallel/language/future/support/FutureTestSupport.hpp>
 #include <support/ErrorIds.hpp>
-
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <stdexcept>
@@ -25,16 +24,12 @@ using future::FutureState;
 using Array = boost::intrusive_ptr<dvArray>;
 using Queue = PinnedQueue<WorkerTask>;
 using TaskPtr = Queue::TaskPtr;
+using future::testing::scalar;
 using testsupport::thrownBy;
 
-Array scalar(double value) {
-    return Array(matrix::to_korvex(dvCreateDoubleScalar(value)), false);
-}
-
 Array identity() {
-    return Array(matrix::to_korvex(matrix::createFunctionHandle(
-                     "identity", [](std::size_t, const DvArrayVector& in) { return in; })),
-                 false);
+    return future::testing::functionHandle("identity",
+                                           [](std::size_t, const DvArrayVector& in) { return in; });
 }
 
 // A queue of `numWorkers` and the tasks it makes, for any worker or pinned.

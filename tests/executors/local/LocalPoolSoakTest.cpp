@@ -5,10 +5,8 @@
 // number of batches (fewer by default in sanitizer and debug builds).
 #include <localpool/LocalPool.hpp>
 
-#include <Veldspire/KException/KExceptionEnvelope.hpp>
-#include <foundation/core/except/Exception.hpp>
-
-#include <gtest/gtest.h>
+#include <parallel/language/future/support/FutureTestSupport.hpp>
+#include <support/ErrorIds.hpp>
 
 #include <algorithm>
 #include <cstdlib>
@@ -23,6 +21,7 @@ namespace localpool {
 namespace {
 
 namespace future = parallel::language::future;
+using namespace future::testing;
 using future::FutureState;
 using Array = boost::intrusive_ptr<dvArray>;
 
@@ -38,45 +37,33 @@ constexpr std::size_t kWorkers = 4;
 // (only ever given to futures that are cancelled).
 enum class Mode { Answer, Fail, UntilStopped };
 
-Array scalar(double value) {
-    return Array(matrix::to_korvex(dvCreateDoubleScalar(value)), false);
-}
-
 Array functionFor(Mode mode) {
-    auto body = [mode](std::size_t, const DvArrayVector& in) -> DvArrayVector {
+    return functionHandle("soaked", [mode](std::size_t, const DvArrayVector& in) {
         if (mode == Mode::Fail) {
-            throw Veldspire::KException::KExceptionEnvelope("soak:Failed", u"Failed on purpose.");
+            throw KExceptionEnvelope("soak:Failed", u"Failed on purpose.");
         }
         while (mode == Mode::UntilStopped && !stopRequested()) {
             std::this_thread::yield();
         }
-        return {scalar(dvGetDoubles(in.at(0).get())[0] + 1)};
-    };
-    return Array(matrix::to_korvex(matrix::createFunctionHandle("soaked", body)), false);
+        return DvArrayVector{scalar(valueOf(in.at(0).get()) + 1)};
+    });
 }
 
 // "answered", "failed" or "cancelled", or what went wrong.
 std::string outcomeOf(const std::shared_ptr<FevalFuture>& f, double input) {
     const auto task = f->getTask();
-    if (!task->wait(FutureState::Finished,
-                    future::clock::getCurrentSteadyTime() + future::Seconds(60))) {
+    if (!task->wait(FutureState::Finished, secondsFromNow(kGenerous.count()))) {
         return "not finished";
     }
     const auto result = task->getOutputsOrError();
     if (!result.hasError()) {
-        const double output = dvGetDoubles(result.value().value().at(0).get())[0];
-        return output == input + 1 ? "answered" : "wrong output";
+        return valueOf(result.value().value().at(0).get()) == input + 1 ? "answered"
+                                                                        : "wrong output";
     }
-    try {
-        std::rethrow_exception(result.error());
-    } catch (const foundation::core::except::IMsgIDException& e) {
-        const std::string id = e.get_message_id().str();
-        return id == "KORVEX:parallel:future:ExecutionCancelled" ? "cancelled" : id;
-    } catch (const Veldspire::KException::KExceptionEnvelope& e) {
-        return e.GetID() == "soak:Failed" ? "failed" : e.GetID();
-    } catch (...) {
-        return "unknown error";
-    }
+    const std::string id = testsupport::idOf(result.error());
+    return id == "KORVEX:parallel:future:ExecutionCancelled" ? "cancelled"
+           : id == "soak:Failed"                             ? "failed"
+                                                             : id;
 }
 
 TEST(LocalPoolSoak, EveryFutureEndsOneWayAndThePoolKeepsNothingOfEndedWork) {
@@ -134,8 +121,7 @@ TEST(LocalPoolSoak, EveryFutureEndsOneWayAndThePoolKeepsNothingOfEndedWork) {
         // Every worker takes its pinned task only after it has let go of the
         // one before: then nothing of this batch is held by the pool.
         const auto barrier = pool.submitOnAll(nothing, 1, {scalar(0)});
-        ASSERT_TRUE(
-            future::FutureBase::wait({barrier}, FutureState::Finished, future::Seconds(60)));
+        ASSERT_TRUE(future::FutureBase::wait({barrier}, FutureState::Finished, kGenerous));
         std::vector<std::weak_ptr<void>> ended;
         for (const auto& f : futures) {
             ended.push_back(f);

@@ -1,48 +1,35 @@
 // qz-test-label: concurrency
 #include <localpool/LocalPool.hpp>
 
-#include <parallel/language/future/ScopedTaskFinishedListener.hpp>
+#include <parallel/language/future/support/FutureTestSupport.hpp>
 
 #include <kcos/Language.hpp>
-#include <kvm/KVM.hpp>
 #include <matrix/Errors.hpp>
 #include <support/ErrorIds.hpp>
 
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <chrono>
-#include <functional>
 #include <future>
 #include <latch>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <set>
 #include <thread>
 
 namespace localpool {
 namespace {
 
 namespace future = parallel::language::future;
+using namespace future::testing;
 using future::FutureState;
 using Array = boost::intrusive_ptr<dvArray>;
 using testsupport::idOf;
 using FuturePtr = std::shared_ptr<FevalFuture>;
 using OnAllPtr = std::shared_ptr<FevalOnAllFuture>;
 
-Array scalar(double value) {
-    return Array(matrix::to_korvex(dvCreateDoubleScalar(value)), false);
-}
-
 // Prints and runs `during`, then gives x + 1 (1 without inputs).
 Array plusOne(std::function<void()> during = [] {}) {
-    auto body = [during](std::size_t, const DvArrayVector& in) {
+    return functionHandle("f", [during](std::size_t, const DvArrayVector& in) {
         kvm::print(u"adding one\n");
         during();
-        return DvArrayVector{scalar((in.empty() ? 0 : dvGetDoubles(in[0].get())[0]) + 1)};
-    };
-    return Array(matrix::to_korvex(matrix::createFunctionHandle("f", body)), false);
+        return DvArrayVector{scalar((in.empty() ? 0 : valueOf(in[0].get())) + 1)};
+    });
 }
 
 // Counts `started` down, then waits until the task is asked to stop.
@@ -53,12 +40,10 @@ void untilStopped(std::latch& started) {
     }
 }
 
-// The first output, once the task has finished; at most 60 s, so that a fault
-// fails the test rather than hanging it.
+// The first output, once the task has finished.
 double outputOf(const FuturePtr& f) {
-    EXPECT_TRUE(f->getTask()->wait(FutureState::Finished,
-                                   future::clock::getCurrentSteadyTime() + future::Seconds(60)));
-    return dvGetDoubles(f->getTask()->getOutputsOrError().value().value().at(0).get())[0];
+    EXPECT_TRUE(f->getTask()->wait(FutureState::Finished, secondsFromNow(kGenerous.count())));
+    return valueOf(f->getTask()->getOutputsOrError().value().value().at(0).get());
 }
 
 std::string errorOf(const FuturePtr& f) {
@@ -79,15 +64,6 @@ std::vector<std::string> taskErrorsOf(const OnAllPtr& f) {
 
 constexpr const char* kCancelled = "KORVEX:parallel:future:ExecutionCancelled";
 
-struct ThrowingListener : future::TaskFinishedListener {
-    void onTaskFinished() override { throw std::runtime_error("listener failed"); }
-};
-
-struct CountingListener : future::TaskFinishedListener {
-    std::atomic<int> calls{0};
-    void onTaskFinished() override { ++calls; }
-};
-
 TEST(LocalPool, RunsOnItsOwnInputsAndKeepsOutputsTimesAndDiary) {
     LocalPool pool(2);
     std::latch mutated(1);
@@ -103,7 +79,9 @@ TEST(LocalPool, RunsOnItsOwnInputsAndKeepsOutputsTimesAndDiary) {
 }
 
 TEST(LocalPool, ErrorsBecomeTheTaskErrorAndWorkersSurviveFailingNotifications) {
-    future::ScopedTaskFinishedListener listener(std::make_shared<ThrowingListener>());
+    const auto failing = std::make_shared<CountingListener>();
+    failing->action = [] { throw std::runtime_error("listener failed"); };
+    const future::ScopedTaskFinishedListener listener(failing);
     LocalPool pool(1);
     // Refused before a worker sizes anything by the count.
     using TooManyOutputs = foundation::core::except::Exception<KORVEX::maxlhs>;
@@ -114,38 +92,6 @@ TEST(LocalPool, ErrorsBecomeTheTaskErrorAndWorkersSurviveFailingNotifications) {
     EXPECT_EQ(outputOf(fine), 3); // one worker, oldest first: the others are done too
     EXPECT_EQ(errorOf(throwing), "boom");
     EXPECT_EQ(errorOf(tooManyOutputs), "KORVEX:maxlhs");
-}
-
-TEST(LocalPool, SubmitOnAllRunsTaskIOnWorkerI) {
-    const auto interpreter = kvm::KVM::create(); // fetchOutputs needs one
-    LocalPool pool(4);
-    std::mutex mutex;
-    std::map<double, std::thread::id> threadOf; // by output, which is unique
-    std::atomic<int> tickets{0};
-    auto body = [&](std::size_t, const DvArrayVector&) {
-        const int ticket = tickets++;
-        const std::lock_guard lock(mutex);
-        threadOf[ticket] = std::this_thread::get_id();
-        return DvArrayVector{scalar(ticket)};
-    };
-    const Array ticket(matrix::to_korvex(matrix::createFunctionHandle("ticket", body)), false);
-
-    std::vector<std::vector<double>> outputs;
-    for (int round = 0; round < 2; ++round) {
-        const OnAllPtr f = pool.submitOnAll(ticket, 1, {});
-        const auto all = future::FutureBase::fetchOutputs({f}, true, 1);
-        ASSERT_EQ(dvGetDimensions(all.at(0).get()), (matrix::Dimensions{4, 1}));
-        const auto values = dvGetDoubles(all[0].get());
-        outputs.emplace_back(values.begin(), values.end());
-    }
-    // Task i ran on worker i both times, and the four workers are distinct threads.
-    const std::lock_guard lock(mutex);
-    std::set<std::thread::id> workers;
-    for (std::size_t i = 0; i < 4; ++i) {
-        EXPECT_EQ(threadOf.at(outputs[0][i]), threadOf.at(outputs[1][i])) << "task " << i;
-        workers.insert(threadOf.at(outputs[0][i]));
-    }
-    EXPECT_EQ(workers.size(), 4u);
 }
 
 // Every task a cancel or the shutdown ends, shared or pinned, waiting or

@@ -264,19 +264,7 @@ TEST_F(ClassObjectSystem, MethodCallsAreCheckedAgainstTheirSignature) {
             omCallMethod(className, makeInterned("make"), client, absurd, made, 0, nullptr, true),
             Exception<KORVEX::maxlhs>);
     }
-
-    // The constructor needs an object under construction: as a method, under
-    // any name of the class, it is refused.
-    for (const char* name : {"test.Counter", "test.Tally"}) {
-        for (const auto& [isStatic, numInputs] : {std::pair{true, 0}, {true, 1}, {false, 1}}) {
-            EXPECT_THROW(omCallMethod(makeInterned(name), makeInterned("Counter"), client, 1,
-                                      &result, numInputs, inputs, isStatic),
-                         Exception<KORVEX::kcos::MethodProhibited>)
-                << name << isStatic << numInputs;
-        }
-    }
-    EXPECT_THROW(omInvokeMethod("Counter", 1, {counter.get(), five.get()}, client),
-                 Exception<KORVEX::kcos::MethodProhibited>);
+    // Constructors called as methods: FutureMethodsTest.cpp and MethodFuzzTest.cpp.
 }
 
 TEST_F(ClassObjectSystem, ObjectArraysShareObjectsAndCopyOnWrite) {

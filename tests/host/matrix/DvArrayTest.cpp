@@ -4,6 +4,7 @@
 #include <kcos/COSInterface.hpp>
 #include <matrix/Errors.hpp>
 #include <matrix/dvArray.hpp>
+#include <support/ErrorIds.hpp>
 
 #include <gtest/gtest.h>
 
@@ -18,16 +19,7 @@ using foundation::core::except::Exception;
 using namespace matrix::detail;
 using Ref = boost::intrusive_ptr<dvArray>;
 
-namespace {
-std::string messageOf(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "no exception";
-}
-} // namespace
+using testsupport::thrownBy;
 
 TEST(DvArray, CopiesAreIndependentValuesThatCompareEqual) {
     auto original = dvCreateDoubleScalar(1.0);
@@ -66,7 +58,7 @@ TEST(DvArray, AccessErrorsAndIndexChecks) {
         {[&] { dvGetDoubles(cell.get()); }, "Array is not double array."},
     };
     for (const auto& [call, message] : cases) {
-        EXPECT_EQ(messageOf(call), message);
+        EXPECT_EQ(thrownBy(call), message);
     }
     EXPECT_EQ(dvCheckIndex(42.0), 42u);
     for (double bad : {-1.0, 1.5, std::nan(""), 1e30}) {
@@ -83,7 +75,7 @@ TEST(DvArray, FunctionHandleCallPassesOutputsAndErrors) {
     dvArray* out[2] = {};
     dvInvokeFunctionHandle(same.get(), 1, out, 1, in);
     EXPECT_EQ(matrix::from_korvex(out[0]).get(), input.get());
-    EXPECT_EQ(messageOf([&] { dvInvokeFunctionHandle(same.get(), 0, nullptr, 0, nullptr); }),
+    EXPECT_EQ(thrownBy([&] { dvInvokeFunctionHandle(same.get(), 0, nullptr, 0, nullptr); }),
               "no input");
     out[0] = nullptr;
     EXPECT_THROW(dvInvokeFunctionHandle(same.get(), 2, out, 1, in), Exception<KORVEX::maxlhs>);

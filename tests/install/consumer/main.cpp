@@ -10,8 +10,6 @@
 
 #include <iostream>
 #include <memory>
-#include <mutex>
-#include <optional>
 #include <string>
 #include <thread>
 
@@ -28,10 +26,11 @@ double valueOf(const boost::intrusive_ptr<dvArray>& array) {
     return dvGetDoubles(array.get())[0];
 }
 
-// Adds two numbers when run, reporting every step to TaskBase.
+// Adds two numbers; its executor reports every step to TaskBase. The sum and
+// the diary are set before the task is shared.
 class AddTask final : public pf::TaskBase {
 public:
-    AddTask(double a, double b) : a_(a), b_(b) {
+    AddTask(double a, double b) : result_(DvArrayVector{scalar(a + b)}) {
         doNotifyPending();
         doNotifyQueued();
     }
@@ -39,29 +38,15 @@ public:
     // Executor thread, once.
     void run() {
         doNotifyRunning();
-        {
-            std::lock_guard lock(mutex_);
-            result_ = pf::OutputsOrError(DvArrayVector{scalar(a_ + b_)});
-            diary_ = u"added\n";
-        }
         doNotifyFinished();
     }
 
 private:
     void doCancel() override {}
-    pf::OutputsOrError doGetOutputsOrError() override {
-        std::lock_guard lock(mutex_);
-        return result_;
-    }
-    std::u16string doGetDiary() override {
-        std::lock_guard lock(mutex_);
-        return diary_;
-    }
+    pf::OutputsOrError doGetOutputsOrError() override { return result_; }
+    std::u16string doGetDiary() override { return u"added\n"; }
 
-    const double a_, b_;
-    std::mutex mutex_;
-    pf::OutputsOrError result_{std::optional<DvArrayVector>()};
-    std::u16string diary_;
+    const pf::OutputsOrError result_;
 };
 
 // A task of this program's own executor, seen through its future, and one

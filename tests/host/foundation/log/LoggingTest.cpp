@@ -78,6 +78,7 @@ TEST(Logging, CaptureAndConsoleSeeChannelSeverityTextAndIndent) {
                                                "[x]   < back"}));
 }
 
+// Subjects and indents are each thread's own.
 TEST(Logging, RecordsNameTheInnermostSubjectOfTheirThread) {
     diagnostic_logger about("about");
     RecordCapture records("about");
@@ -88,32 +89,22 @@ TEST(Logging, RecordsNameTheInnermostSubjectOfTheirThread) {
         write(about, severity::info, "outer");
         {
             SubjectScope task("task", 3);
+            about.indent().increase();
             write(about, severity::info, "inner");
             std::thread([&] { write(about, severity::info, "elsewhere"); }).join();
+            about.indent().decrease();
         }
         write(about, severity::info, "outer again");
     }
     write(about, severity::info, "none");
-    std::vector<std::string> subjects;
+    std::vector<std::tuple<std::string, int>> seen;
     for (const auto& record : records.records()) {
-        subjects.push_back(record.subject);
+        seen.emplace_back(record.subject, record.indent);
     }
-    EXPECT_EQ(subjects, (std::vector<std::string>{"future 12", "task 3", "", "future 12", ""}));
-    EXPECT_NE(console.str().find("] inner (task 3)\n"), std::string::npos) << console.str();
-}
-
-TEST(Logging, EachThreadIndentsOnItsOwn) {
-    diagnostic_logger shared("shared");
-    RecordCapture records("shared");
-    shared.indent().increase(); // this thread's nesting only
-    std::thread([&] { write(shared, severity::info, "worker"); }).join();
-    write(shared, severity::info, "here");
-    shared.indent().decrease();
-    const auto seen = records.records();
-    ASSERT_EQ(seen.size(), 2u);
-    EXPECT_EQ(seen[0].indent, 0);
-    EXPECT_EQ(seen[1].indent, 1);
-    EXPECT_NE(seen[0].thread, seen[1].thread);
+    ASSERT_EQ(seen, (decltype(seen){
+                        {"future 12", 0}, {"task 3", 1}, {"", 0}, {"future 12", 0}, {"", 0}}));
+    EXPECT_NE(records.records()[1].thread, records.records()[2].thread);
+    EXPECT_NE(console.str().find("]   inner (task 3)\n"), std::string::npos) << console.str();
 }
 
 TEST(Logging, SwitchesApplyByChannelToLiveAndLaterLoggers) {

@@ -19,30 +19,6 @@ using namespace testing;
 constexpr int kDroppedLinks = underSanitizer() ? 100'000 : 1'000'000;
 constexpr int kDroppedContinuations = underSanitizer() ? 2'000 : 50'000;
 
-// The least a future with a predecessor needs: it holds the predecessor's
-// language object, as every continuation future does, and is finished.
-class ChainLink final : public FutureBase {
-public:
-    explicit ChainLink(const Futures& predecessor)
-        : FutureBase(nullptr, nullptr, 0, predecessor, std::nullopt) {}
-
-private:
-    void doCancel() override {}
-    boost::shared_future<void> doGetWaitableFuture() override { return {}; }
-    bool doWait(FutureState, SteadyTimePoint) override { return true; }
-    void doAfterFinishThen(boost::launch, std::function<void()>) override {}
-    PerTaskVariant<std::u16string> doGetDiary() const override {
-        return PerTaskVariant<std::u16string>(std::u16string());
-    }
-    WallClockTimePoint doGetFinishTime() const override { return {}; }
-    PerTaskVariant<OutputsOrError> doGetOutputsOrError() const override {
-        return PerTaskVariant<OutputsOrError>(OutputsOrError(std::optional<DvArrayVector>()));
-    }
-    WallClockTimePoint doGetStartTime() const override { return {}; }
-    FutureState doGetState() const override { return FutureState::Finished; }
-    const char* doGetCosAliasName() const override { return "parallel.AfterAllFuture"; }
-};
-
 // The fixture takes the name of the class under test; `future::AfterAllFuture`
 // names the class.
 class AfterAllFuture : public ContinuationTest {

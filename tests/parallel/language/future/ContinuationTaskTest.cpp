@@ -56,9 +56,8 @@ TEST_F(ContinuationTaskTest, RunsAfterTheLastPredecessorOnTheInterpreterThread) 
 }
 
 TEST_F(ContinuationTaskTest, IsReleasedInsideBuildWhenAllHadFinishedAndHandsItsInputsOutOnce) {
-    TestFuture done;
-    done.finishedWith({scalar(5)});
-    auto task = after({done.future});
+    const auto done = TestFuture().finishedWith({scalar(5)}).future;
+    auto task = after({done});
     EXPECT_EQ(iqm::Iqm::getCurrent()->pending(u"parallel"), 1u);
     EXPECT_TRUE(task->takeInputs().empty());
     EXPECT_TRUE(runParallelQueue());
@@ -99,9 +98,8 @@ TEST_F(ContinuationTaskTest, FailedPredecessorsAreNamedAndTheFunctionNeverRuns) 
         task->runToFinish();
         return future;
     };
-    TestFuture fine;
-    fine.finishedWith({scalar(1)});
-    auto task = after({failedTask(7), fine.future, failedTask(12)});
+    const auto fine = TestFuture().finishedWith({scalar(1)}).future;
+    auto task = after({failedTask(7), fine, failedTask(12)});
     runParallelQueue();
     EXPECT_TRUE(function.calls->empty());
     EXPECT_EQ(task->getState(), FutureState::Finished);
@@ -147,11 +145,10 @@ TEST_F(ContinuationTaskTest, FunctionErrorIsTheTaskErrorAndAHugeCountAllocatesNo
     RecordingFunction failing([](std::size_t, const DvArrayVector&) -> DvArrayVector {
         throw KExceptionEnvelope("user:failure", u"it failed");
     });
-    TestFuture done;
-    done.finishedWith({scalar(1)});
-    auto task = ContinuationTask::build(failing.handle, 1, {done.future}, {}, false);
+    const auto done = TestFuture().finishedWith({scalar(1)}).future;
+    auto task = ContinuationTask::build(failing.handle, 1, {done}, {}, false);
     // More outputs than any function gives: the function's answer decides.
-    auto huge = after({done.future}, std::numeric_limits<unsigned int>::max());
+    auto huge = after({done}, std::numeric_limits<unsigned int>::max());
     runParallelQueue();
     EXPECT_GT(task->getStartTime().time_since_epoch().count(), 0.0);
     EXPECT_EQ(errorOf(*task).GetID(), "user:failure");
@@ -255,9 +252,8 @@ TEST(ContinuationTaskWithoutDistributor, FinishesAtOnceWithTheDistributorError) 
     auto interpreter = kvm::KVM::create(kvm::CmdDistributorMode::Disabled);
     KVInitialize_libqzparallellanguagefuture();
     RecordingFunction function;
-    TestFuture done;
-    done.finishedWith({scalar(1)});
-    auto task = ContinuationTask::build(function.handle, 1, {done.future}, {}, false);
+    const auto done = TestFuture().finishedWith({scalar(1)}).future;
+    auto task = ContinuationTask::build(function.handle, 1, {done}, {}, false);
     EXPECT_EQ(task->getState(), FutureState::Finished);
     const OutputsOrError result = task->getOutputsOrError();
     ASSERT_TRUE(result.hasError());

@@ -68,14 +68,7 @@ TEST_F(FetchNext, SeesAVectorRefilledInPlaceAfresh) {
 TEST_F(FetchNext, RefusesTooManyOutputsAndOffersTheFutureAgain) {
     TestFuture f(1);
     f.finishedWith({scalar(5.0)});
-    try {
-        FutureBase::fetchNext({f.future}, 2, kForever);
-        FAIL() << "two outputs fetched from a one-output future";
-    } catch (const errors::TooManyOutputsRequested& error) {
-        ASSERT_EQ(error.get_arguments().size(), 2u);
-        EXPECT_EQ(std::get<std::uint64_t>(error.get_arguments()[0]), 1u);
-        EXPECT_EQ(std::get<std::uint64_t>(error.get_arguments()[1]), 2u);
-    }
+    EXPECT_THROW(FutureBase::fetchNext({f.future}, 2, kForever), errors::TooManyOutputsRequested);
     EXPECT_FALSE(f.future->getRead());
     EXPECT_EQ(stateOf(FutureBase::fetchNext({f.future}, 1, kForever)), FetchNextState::Fetched);
 }

@@ -122,8 +122,9 @@ TEST(FevalOnAllFuture, AfterFinishRunsOnceAfterTheLastTask) {
     EXPECT_EQ(immediately, 1);
 }
 
-// Diaries per task are read through the Diary property (FuturePropertiesTest.cpp).
-TEST(FevalOnAllFuture, GathersOutputsPerTaskAndRefusesFetchNext) {
+// Diaries per task are read through the Diary property (FuturePropertiesTest.cpp),
+// and fetchNext refuses it (FetchNextDrainTest.cpp).
+TEST(FevalOnAllFuture, GathersOutputsPerTask) {
     OnAll f(2);
     for (auto& task : f.tasks) {
         task->result = OutputsOrError(std::optional<DvArrayVector>(DvArrayVector{scalar(1)}));
@@ -131,8 +132,6 @@ TEST(FevalOnAllFuture, GathersOutputsPerTaskAndRefusesFetchNext) {
     }
     const DvArrayVector cells = f.future->getOutputsAs(1, OutputFormat::Cell);
     EXPECT_EQ(dvGetDimensions(cells.at(0).get()), (matrix::Dimensions{2, 1}));
-    EXPECT_EQ(std::get<0>(FutureBase::fetchNext({f.future}, 1, Seconds(0.0))),
-              FetchNextState::UnsupportedFutureType);
 }
 
 } // namespace

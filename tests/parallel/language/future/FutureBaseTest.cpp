@@ -9,8 +9,7 @@ namespace {
 using namespace testing;
 
 TEST(FutureBase, IdsCountUpAndAnExplicitIdDrawsNone) {
-    TestFuture first;
-    TestFuture second;
+    TestFuture first, second;
     EXPECT_EQ(second.future->getID(), first.future->getID() + 1);
     FevalFuture chosen(nullptr, nullptr, 0, {}, TestTask::make(), 1000);
     EXPECT_EQ(chosen.getID(), 1000);
@@ -26,19 +25,16 @@ TEST(FutureBase, VectorsOfOtherLengthsDifferAndUnavailableFuturesAreEqual) {
                                     {std::make_shared<UnavailableFuture>("parallel.FevalFuture")}));
 }
 
-TEST(FutureBase, NothingIsReadOrCachedBeforeTheWorkFinishes) {
-    TestFuture f;
-    f.running();
+TEST(FutureBase, OutputsAreCachedOnceFinishedAndReadBackAsIndependentValues) {
+    TestFuture f(2);
+    f.running(); // nothing is read or cached before the work finishes
     EXPECT_FALSE(f.future->hasError());
     EXPECT_FALSE(f.future->getOutputs().getAsSingle().has_value());
     EXPECT_EQ(f.future->getError().getAsSingle(), nullptr);
     EXPECT_EQ(f.future->getOutputsAsDvArray(), nullptr);
     EXPECT_EQ(f.task->outputsCalls, 0);
-}
-
-TEST(FutureBase, OutputsAreCachedOnceAndReadBackAsIndependentValues) {
-    TestFuture f(2);
-    f.finishedWith({scalar(1.0), scalar(2.0)});
+    f.task->result = OutputsOrError(DvArrayVector{scalar(1.0), scalar(2.0)});
+    f.task->doNotifyFinished();
     const DvArrayVector outputs = f.future->getOutputs().getAsSingle().value();
     ASSERT_EQ(outputs.size(), 2u);
     EXPECT_EQ(valueOf(outputs[1].get()), 2.0);
@@ -63,14 +59,6 @@ TEST(FutureBase, ErrorsAreReturnedNeverThrown) {
     // Outputs of failed work are left out of both forms.
     EXPECT_EQ(f.future->getOutputsAs(1, OutputFormat::Concatenated)[0], nullptr);
     EXPECT_EQ(dvGetNumberOfElements(f.future->getOutputsAs(1, OutputFormat::Cell)[0].get()), 0u);
-}
-
-// Reading them back is checked through the properties (FuturePropertiesTest.cpp).
-TEST(FutureBase, TheFunctionAndTheInputCellAreOwned) {
-    const auto function = boost::intrusive_ptr<dvArray>(
-        matrix::to_korvex(matrix::createFunctionHandle("plus", {})), false);
-    FevalFuture f(nullptr, function, 1, {scalar(3.0), scalar(4.0)}, TestTask::make());
-    EXPECT_EQ(f.getOwnedResources().size(), 2u); // nothing is cached yet
 }
 
 TEST(FutureBase, TimesComeFromTheWork) {

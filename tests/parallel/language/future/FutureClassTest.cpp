@@ -128,8 +128,7 @@ TEST_F(FutureClass, SavingWarnsForEveryObjectAndLoadsAsUnavailable) {
                                             warned.push_back(textOf(in.at(0).get()));
                                             return DvArrayVector{};
                                         });
-    TestFuture a;
-    TestFuture b;
+    TestFuture a, b;
     const auto array = objects({a.future, b.future});
 
     const kcos::SavedArray saved = omSaveObjects(array.get());
@@ -175,16 +174,15 @@ TEST_F(FutureClass, ClassAndIsaAnswerFromTheAliasNames) {
 }
 
 TEST_F(FutureClass, DispShowsTheFuturesThroughTheDisplayer) {
-    TestFuture a;
-    a.finishedWith({scalar(1)});
-    const auto array = objects({a.future});
+    const auto a = TestFuture().finishedWith({scalar(1)}).future;
+    const auto array = objects({a});
     std::u16string shown;
     {
         kvm::DiarySink sink(shown);
         call("disp", 0, {array.get()});
     }
     const std::string text = foundation::core::str::toUtf8(shown);
-    EXPECT_NE(text.find(std::to_string(a.future->getID())), std::string::npos) << text;
+    EXPECT_NE(text.find(std::to_string(a->getID())), std::string::npos) << text;
     EXPECT_NE(text.find("finished"), std::string::npos) << text;
 }
 

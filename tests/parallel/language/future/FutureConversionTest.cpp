@@ -8,33 +8,10 @@ namespace {
 
 using namespace testing;
 
-// A finished future that runs after others, as continuation futures do.
-class AfterFuture : public FutureBase {
-public:
-    AfterFuture(boost::intrusive_ptr<dvArray> function,
-                const std::vector<std::shared_ptr<FutureBase>>& predecessors)
-        : FutureBase(nullptr, std::move(function), 1, predecessors, std::nullopt) {}
-
-private:
-    void doCancel() override {}
-    boost::shared_future<void> doGetWaitableFuture() override { return {}; }
-    bool doWait(FutureState, SteadyTimePoint) override { return true; }
-    void doAfterFinishThen(boost::launch, std::function<void()>) override {}
-    PerTaskVariant<std::u16string> doGetDiary() const override { return std::u16string(); }
-    WallClockTimePoint doGetFinishTime() const override { return {}; }
-    PerTaskVariant<OutputsOrError> doGetOutputsOrError() const override {
-        return OutputsOrError(std::optional<DvArrayVector>(DvArrayVector{}));
-    }
-    WallClockTimePoint doGetStartTime() const override { return {}; }
-    FutureState doGetState() const override { return FutureState::Finished; }
-    const char* doGetCosAliasName() const override { return "parallel.AfterAllFuture"; }
-};
-
 using FutureConversion = LanguageTest;
 
 TEST_F(FutureConversion, AFutureKeepsOneLanguageObject) {
-    TestFuture a;
-    TestFuture b;
+    TestFuture a, b;
     const auto first = objects({a.future, b.future});
     const auto second = FutureBase::toKorvexArray({b.future, a.future}, {2, 1});
 
@@ -63,8 +40,7 @@ TEST_F(FutureConversion, TheObjectKeepsItsFutureAlive) {
 }
 
 TEST_F(FutureConversion, DeletedAndMissingObjectsBecomeUnavailableFutures) {
-    TestFuture a;
-    TestFuture b;
+    TestFuture a, b;
     const auto array = objects({a.future, b.future});
     const matrix::unique_dvArray first(omCreateKCOSScalar(omGetArrayElement(array.get(), 0)));
     omDeleteObjects(first.get());
@@ -111,14 +87,10 @@ TEST_F(FutureConversion, OwnedArraysAreAccountedToTheObject) {
 }
 
 TEST_F(FutureConversion, ContinuationFuturesKeepTheirPredecessorsAsObjects) {
-    TestFuture a;
-    TestFuture b;
-    const auto function = boost::intrusive_ptr<dvArray>(
-        matrix::to_korvex(matrix::createFunctionHandle(
-            "f", [](std::size_t, const auto&) { return DvArrayVector{}; })),
-        false);
-    const auto after = std::make_shared<AfterFuture>(
-        function, std::vector<std::shared_ptr<FutureBase>>{a.future, b.future});
+    TestFuture a, b;
+    const auto function =
+        functionHandle("f", [](std::size_t, const DvArrayVector&) { return DvArrayVector{}; });
+    const auto after = std::make_shared<ChainLink>(Futures{a.future, b.future}, function);
 
     const auto predecessors = after->getPredecessors();
     ASSERT_EQ(predecessors.size(), 2u);

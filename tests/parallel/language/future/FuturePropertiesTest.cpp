@@ -15,12 +15,17 @@ std::string errorIdOf(const dvArray* error) {
 
 using FutureProperties = LanguageTest;
 
-TEST_F(FutureProperties, AFutureThatHasNotStarted) {
+TEST_F(FutureProperties, StateWordsDatesAndResultsFollowTheWork) {
     TestFuture f(1, {scalar(5)});
-    f.submitted();
     const auto object = objects({f.future});
+    const auto state = [&] { return propertyText(object.get(), "State"); };
+    EXPECT_EQ(state(), "unavailable");
+    f.task->doNotifyPending();
+    EXPECT_EQ(state(), "pending");
+    f.task->doNotifyQueued();
+    EXPECT_EQ(state(), "queued");
 
-    EXPECT_EQ(propertyText(object.get(), "State"), "queued");
+    // Not started yet.
     EXPECT_TRUE(isEmptyOfClass(property(object.get(), "StartDateTime").get(), "datetime"));
     EXPECT_TRUE(isEmptyOfClass(property(object.get(), "FinishDateTime").get(), "datetime"));
     EXPECT_EQ(secondsOf(property(object.get(), "RunningDuration").get()), 0.0);
@@ -40,17 +45,7 @@ TEST_F(FutureProperties, AFutureThatHasNotStarted) {
     EXPECT_EQ(dvGetDimensions(property(object.get(), "Predecessors").get()),
               (matrix::Dimensions{1, 0}));
     EXPECT_EQ(textOf(property(object.get(), "Diary").get()), "");
-}
 
-TEST_F(FutureProperties, StateWordsDatesAndResultsFollowTheWork) {
-    TestFuture f(1);
-    const auto object = objects({f.future});
-    const auto state = [&] { return propertyText(object.get(), "State"); };
-    EXPECT_EQ(state(), "unavailable");
-    f.task->doNotifyPending();
-    EXPECT_EQ(state(), "pending");
-    f.task->doNotifyQueued();
-    EXPECT_EQ(state(), "queued");
     f.task->doNotifyRunning();
     EXPECT_EQ(state(), "running");
     f.task->diary = u"said hello\n";

@@ -30,14 +30,10 @@ KExceptionEnvelope convert(std::exception_ptr error) {
     return KExceptionEnvelope(converted.get());
 }
 
-TEST(OutputsOrErrorPropertyDvArray, NothingYetStaysEmpty) {
-    OutputsOrErrorPropertyDvArray empty{OutputsOrError(std::optional<DvArrayVector>())};
-    EXPECT_EQ(empty.get(), nullptr);
-    EXPECT_EQ(empty.getIfOutputs(), nullptr);
-    EXPECT_FALSE(empty.isError());
-}
-
-TEST(OutputsOrErrorPropertyDvArray, OutputsBecomeARowCellOfIndependentCopies) {
+TEST(OutputsOrErrorPropertyDvArray, OutputsBecomeARowCellOfIndependentCopiesAndNothingYetNothing) {
+    OutputsOrErrorPropertyDvArray nothingYet{OutputsOrError(std::optional<DvArrayVector>())};
+    EXPECT_EQ(nothingYet.get(), nullptr);
+    EXPECT_FALSE(nothingYet.isError());
     OutputsOrErrorPropertyDvArray none{outputs({})};
     ASSERT_NE(none.getIfOutputs(), nullptr);
     EXPECT_EQ(dvGetDimensions(none.get()), (matrix::Dimensions{0, 0}));

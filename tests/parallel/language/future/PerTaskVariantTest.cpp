@@ -25,16 +25,5 @@ TEST(PerTaskVariant, OneValueAnswersEveryIndexAndAVectorStaysMultiWhateverItsLen
     }
 }
 
-TEST(PerTaskVariant, MoveOnlyValuesMove) {
-    std::vector<PropertyDvArray> arrays;
-    arrays.emplace_back(matrix::to_korvex(dvCreateDoubleScalar(1.0)));
-    arrays.emplace_back();
-    PerTaskVariant<PropertyDvArray> owner(std::move(arrays));
-    dvArray* first = owner[0].get();
-    PerTaskVariant<PropertyDvArray> moved(std::move(owner));
-    EXPECT_EQ(moved[0].get(), first);
-    EXPECT_EQ(moved[1], nullptr);
-}
-
 } // namespace
 } // namespace parallel::language::future

@@ -1,13 +1,10 @@
 // qz-test-label: concurrency
-#include "support/TestTask.hpp"
-
-#include <parallel/language/future/ScopedTaskFinishedListener.hpp>
+#include "support/FutureTestSupport.hpp"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <barrier>
-#include <functional>
 #include <optional>
 #include <stdexcept>
 #include <thread>
@@ -18,23 +15,12 @@ namespace {
 
 using namespace testing;
 
-struct Listener : TaskFinishedListener {
-    std::atomic<int> calls{0};
-    std::function<void()> action;
-    void onTaskFinished() override {
-        ++calls;
-        if (action) {
-            action();
-        }
-    }
-};
-
 void finishOneTask() {
     TestTask::make()->runToFinish();
 }
 
 TEST(ScopedTaskFinishedListener, HearsEveryFinishWhileItLivesOncePerRegistration) {
-    auto listener = std::make_shared<Listener>();
+    auto listener = std::make_shared<CountingListener>();
     {
         ScopedTaskFinishedListener registration(listener);
         finishOneTask();
@@ -53,8 +39,8 @@ TEST(ScopedTaskFinishedListener, HearsEveryFinishWhileItLivesOncePerRegistration
 }
 
 TEST(ScopedTaskFinishedListener, ListenerRemovedDuringAPassIsStillCalledInIt) {
-    auto first = std::make_shared<Listener>();
-    auto second = std::make_shared<Listener>();
+    auto first = std::make_shared<CountingListener>();
+    auto second = std::make_shared<CountingListener>();
     ScopedTaskFinishedListener firstRegistration(first);
     std::optional<ScopedTaskFinishedListener> secondRegistration;
     secondRegistration.emplace(second);
@@ -70,8 +56,8 @@ TEST(ScopedTaskFinishedListener, ListenerRemovedDuringAPassIsStillCalledInIt) {
 }
 
 TEST(ScopedTaskFinishedListener, ListenerFailureReachesTheNotifyingExecutor) {
-    auto failing = std::make_shared<Listener>();
-    auto later = std::make_shared<Listener>();
+    auto failing = std::make_shared<CountingListener>();
+    auto later = std::make_shared<CountingListener>();
     failing->action = [] { throw std::runtime_error("listener failed"); };
     ScopedTaskFinishedListener failingRegistration(failing);
     ScopedTaskFinishedListener laterRegistration(later);
@@ -85,7 +71,7 @@ TEST(ScopedTaskFinishedListener, ListenerFailureReachesTheNotifyingExecutor) {
 TEST(ScopedTaskFinishedListener, ConcurrentFinishesAndRegistrationsAreAllCounted) {
     constexpr int kFinishers = 3;
     constexpr int kTasksEach = 200;
-    auto steady = std::make_shared<Listener>();
+    auto steady = std::make_shared<CountingListener>();
     ScopedTaskFinishedListener steadyRegistration(steady);
     std::barrier start(kFinishers + 1);
     std::atomic<bool> done{false};
@@ -101,7 +87,7 @@ TEST(ScopedTaskFinishedListener, ConcurrentFinishesAndRegistrationsAreAllCounted
     std::thread churn([&] {
         start.arrive_and_wait();
         while (!done) {
-            auto transient = std::make_shared<Listener>();
+            auto transient = std::make_shared<CountingListener>();
             ScopedTaskFinishedListener registration(transient);
         }
     });

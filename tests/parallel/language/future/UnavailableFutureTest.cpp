@@ -1,4 +1,3 @@
-#include <parallel/language/future/FutureErrors.hpp>
 #include <parallel/language/future/UnavailableFuture.hpp>
 
 #include <gtest/gtest.h>
@@ -6,20 +5,14 @@
 namespace parallel::language::future {
 namespace {
 
-// Its ID, state and class names are read through the language (FutureClassTest.cpp).
-TEST(UnavailableFuture, KnowsNothingAndRefusesWhatNeedsWork) {
+// Its ID, state and class names are read through the language (FutureClassTest.cpp),
+// and continuations on it are refused (AfterEachFutureTest.cpp).
+TEST(UnavailableFuture, KnowsNothingAndRefusesNothing) {
     auto lost = std::make_shared<UnavailableFuture>();
-    EXPECT_EQ(lost->getDiary().getAsSingle(), u"");
-    EXPECT_EQ(lost->getCreateTime(), WallClockTimePoint());
-    EXPECT_EQ(lost->getRunningDuration().count(), 0.0);
     EXPECT_NO_THROW(lost->cancel());
     EXPECT_FALSE(lost->hasError());
     EXPECT_FALSE(lost->getOutputs().getAsSingle().has_value());
     EXPECT_TRUE(lost->getInputs().getAsSingle().value().empty());
-    bool ran = false;
-    EXPECT_THROW(lost->afterFinishThen(boost::launch::sync, [&] { ran = true; }),
-                 errors::ContinuationOnPending);
-    EXPECT_FALSE(ran);
 }
 
 } // namespace

@@ -35,14 +35,6 @@ TEST(Exception, CarriesIdentifiersArgumentsAndCatalogueText) {
     EXPECT_EQ(cancelled.get_message_id().str(), "KORVEX:parallel:future:ExecutionCancelled");
 }
 
-TEST(Exception, IsCaughtThroughEachOfItsInterfaces) {
-    EXPECT_THROW(throw Cancelled(), IUserException);
-    EXPECT_THROW(throw Cancelled(), IMsgIDException);
-    EXPECT_THROW(throw Cancelled(), IException);
-    EXPECT_THROW(throw Cancelled(), boost::exception);
-    EXPECT_THROW(throw Cancelled(), std::exception);
-}
-
 TEST(Exception, RethrowAndCloneKeepTheMostDerivedType) {
     const TooMany original(std::uint64_t{2}, std::uint64_t{4});
     const IException& base = original;

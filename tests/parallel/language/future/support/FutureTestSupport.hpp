@@ -6,6 +6,7 @@
 
 #include <parallel/language/future/FevalFuture.hpp>
 #include <parallel/language/future/FevalOnAllFuture.hpp>
+#include <parallel/language/future/ScopedTaskFinishedListener.hpp>
 #include <parallel/language/future/VectorMultiTask.hpp>
 
 #include <Veldspire/KException/KExceptionEnvelope.hpp>
@@ -14,6 +15,8 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <functional>
 #include <limits>
 
 namespace parallel::language::future::testing {
@@ -123,6 +126,41 @@ struct TestOnAllFuture {
             nullptr, nullptr, 1, std::move(inputs),
             std::make_shared<VectorMultiTask>(std::move(collection)));
     }
+};
+
+// Counts task-finished notifications while registered, running `action` on each.
+struct CountingListener : TaskFinishedListener {
+    std::atomic<int> calls{0};
+    std::function<void()> action;
+    void onTaskFinished() override {
+        ++calls;
+        if (action) {
+            action();
+        }
+    }
+};
+
+// The least a future with predecessors needs: it holds their language objects,
+// as every continuation future does, and is finished.
+class ChainLink final : public FutureBase {
+public:
+    explicit ChainLink(const Futures& predecessors,
+                       boost::intrusive_ptr<dvArray> function = nullptr)
+        : FutureBase(nullptr, std::move(function), 0, predecessors, std::nullopt) {}
+
+private:
+    void doCancel() override {}
+    boost::shared_future<void> doGetWaitableFuture() override { return {}; }
+    bool doWait(FutureState, SteadyTimePoint) override { return true; }
+    void doAfterFinishThen(boost::launch, std::function<void()>) override {}
+    PerTaskVariant<std::u16string> doGetDiary() const override { return std::u16string(); }
+    WallClockTimePoint doGetFinishTime() const override { return {}; }
+    PerTaskVariant<OutputsOrError> doGetOutputsOrError() const override {
+        return OutputsOrError(std::optional<DvArrayVector>());
+    }
+    WallClockTimePoint doGetStartTime() const override { return {}; }
+    FutureState doGetState() const override { return FutureState::Finished; }
+    const char* doGetCosAliasName() const override { return "parallel.AfterAllFuture"; }
 };
 
 // Makes the test's thread an interpreter thread for the test's duration.

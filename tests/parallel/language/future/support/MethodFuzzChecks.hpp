@@ -176,19 +176,9 @@ const T& pick(Rng& rng, const std::vector<T>& from) {
 
 // Mostly 0 or 1, at times a few, and now and then a count no call may ask for.
 inline int pickNumOutputs(Rng& rng) {
-    switch (rng() % 24) {
-    case 0:
-        return -1;
-    case 1:
-        return static_cast<int>(kcos::kMaxNumOutputs) + 1;
-    case 2:
-        return INT_MAX;
-    case 3:
-    case 4:
-        return 2 + static_cast<int>(rng() % 2);
-    default:
-        return static_cast<int>(rng() % 2);
-    }
+    const auto draw = rng() % 24;
+    const int absurd[] = {-1, static_cast<int>(kcos::kMaxNumOutputs) + 1, INT_MAX};
+    return draw < 3 ? absurd[draw] : (draw < 5 ? 2 : 0) + static_cast<int>(rng() % 2);
 }
 
 // Finished, failed, never submitted, deleted and unavailable futures; fresh each round.
