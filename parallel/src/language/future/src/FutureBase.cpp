@@ -284,10 +284,17 @@ FutureBase::FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray>
                        unsigned int numOutputs,
                        const std::vector<std::shared_ptr<FutureBase>>& predecessors,
                        std::optional<long long> id)
+    : FutureBase(
+          parent, std::move(function), numOutputs,
+          boost::intrusive_ptr<dvArray>(matrix::to_korvex(toKorvexArray(predecessors, {})), false),
+          id) {}
+
+FutureBase::FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
+                       unsigned int numOutputs, boost::intrusive_ptr<dvArray> predecessorArray,
+                       std::optional<long long> id)
     : createTime_(getCurrentTime()), id_(id ? *id : getNextID()), numOutputs_(numOutputs),
       parent_(parent, kcos::COSReferenceType::Weak),
-      predecessors_(
-          omPrepareArrayForPropertyContainment(matrix::to_korvex(toKorvexArray(predecessors, {})))),
+      predecessors_(omPrepareArrayForPropertyContainment(predecessorArray.detach())),
       inputs_(PropertyDvArray()) {
     keepFunction(std::move(function));
 }

@@ -64,6 +64,15 @@ public:
     build(boost::intrusive_ptr<dvArray> function, std::size_t numOutputs,
           const std::vector<std::shared_ptr<FutureBase>>& predecessors,
           std::vector<std::size_t> predecessorSize, bool passFuture);
+    // The same, given `predecessorArray`, the object array of the
+    // predecessors that FutureBase::toKorvexArray(predecessors, {}) makes:
+    // the task holds it (a reference, not a copy), so that a future may share
+    // it. Nothing may change the array afterwards. Interpreter thread.
+    static std::shared_ptr<ContinuationTask>
+    build(boost::intrusive_ptr<dvArray> function, std::size_t numOutputs,
+          const std::vector<std::shared_ptr<FutureBase>>& predecessors,
+          boost::intrusive_ptr<dvArray> predecessorArray, std::vector<std::size_t> predecessorSize,
+          bool passFuture);
 
     explicit ContinuationTask(Token);
     ~ContinuationTask() override;
