@@ -17,6 +17,7 @@
 // state, and one condition variable (`news_`) wakes whoever waits for work.
 
 #include <executor/ExecutorErrors.hpp>
+#include <executor/TaskFifo.hpp>
 #include <executor/WorkerTask.hpp>
 
 #include <foundation/core/sync/Mutex.hpp>
@@ -25,7 +26,6 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <iterator>
 #include <memory>
 #include <utility>
@@ -58,7 +58,7 @@ public:
             if (closed_) {
                 return false;
             }
-            waiting_.push_back(std::move(task));
+            waiting_.push(std::move(task));
         }
         news_.notify_one();
         return true;
@@ -77,7 +77,7 @@ public:
                 return false;
             }
             for (std::size_t i = 0; i < tasks.size(); ++i) {
-                pinned_[i].push_back(std::move(tasks[i]));
+                pinned_[i].push(std::move(tasks[i]));
             }
         }
         // One condition for every waiter: only waking them all reaches the
@@ -107,8 +107,7 @@ public:
             const LockGuard lock(mutex_);
             const auto worker = task.getPinnedWorker();
             auto& queue = worker && *worker < numWorkers_ ? pinned_[*worker] : waiting_;
-            if (std::erase_if(queue,
-                              [&](const TaskPtr& queued) { return queued.get() == &task; })) {
+            if (queue.eraseIf([&](const TaskPtr& queued) { return queued.get() == &task; })) {
                 return true;
             }
             const auto holder = std::ranges::find_if(
@@ -130,13 +129,9 @@ public:
         {
             const LockGuard lock(mutex_);
             closed_ = true;
-            abandoned.assign(std::make_move_iterator(waiting_.begin()),
-                             std::make_move_iterator(waiting_.end()));
-            waiting_.clear();
+            waiting_.takeAllInto(abandoned);
             for (auto& queue : pinned_) {
-                abandoned.insert(abandoned.end(), std::make_move_iterator(queue.begin()),
-                                 std::make_move_iterator(queue.end()));
-                queue.clear();
+                queue.takeAllInto(abandoned);
             }
             for (std::size_t worker = 0; worker < numWorkers_; ++worker) {
                 if (inHand_[worker]) {
@@ -170,12 +165,11 @@ protected:
     // Puts the next task for `worker` (its own pinned ones first) in its
     // hand; null when none waits.
     TaskPtr takeFor(std::size_t worker) QZ_REQUIRES(mutex_) {
-        std::deque<TaskPtr>& from = pinned_.at(worker).empty() ? waiting_ : pinned_[worker];
+        TaskFifo<TaskPtr>& from = pinned_.at(worker).empty() ? waiting_ : pinned_[worker];
         if (from.empty()) {
             return nullptr;
         }
-        inHand_[worker] = std::move(from.front());
-        from.pop_front();
+        inHand_[worker] = from.take();
         return inHand_[worker];
     }
 
@@ -190,8 +184,8 @@ protected:
     bool closed_ QZ_GUARDED_BY(mutex_) = false;
 
 private:
-    std::deque<TaskPtr> waiting_ QZ_GUARDED_BY(mutex_);
-    std::vector<std::deque<TaskPtr>> pinned_ QZ_GUARDED_BY(mutex_); // one per worker
+    TaskFifo<TaskPtr> waiting_ QZ_GUARDED_BY(mutex_);
+    std::vector<TaskFifo<TaskPtr>> pinned_ QZ_GUARDED_BY(mutex_); // one per worker
 };
 
 } // namespace executor
