@@ -273,9 +273,19 @@ struct ContinuationWork {
     }
 
 private:
+    // The futures the task follows, as fromKorvexArray gives them.
+    std::vector<std::shared_ptr<FutureBase>> predecessors() const {
+        if (!task->predecessorIndex_) {
+            return FutureBase::fromKorvexArray(task->predecessors_.get());
+        }
+        // The array holds its objects for the whole call: no handle is needed.
+        const auto elements = dvGetObjects(task->predecessors_.get());
+        return {
+            FutureBase::fromKorvexCosi(omLiveObjectOf(elements[*task->predecessorIndex_].get()))};
+    }
+
     ContinuationTask::RequestResult run() const {
-        const std::vector<std::shared_ptr<FutureBase>> futures =
-            FutureBase::fromKorvexArray(task->predecessors_.get());
+        const std::vector<std::shared_ptr<FutureBase>> futures = predecessors();
         DvArrayVector arguments = task->passFuture_
                                       ? argumentOfFutures(futures, task->predecessorSize_)
                                       : argumentsFromOutputs(futures);
@@ -365,7 +375,8 @@ std::shared_ptr<ContinuationTask>
 ContinuationTask::build(boost::intrusive_ptr<dvArray> function, std::size_t numOutputs,
                         const std::vector<std::shared_ptr<FutureBase>>& predecessors,
                         boost::intrusive_ptr<dvArray> predecessorArray,
-                        std::vector<std::size_t> predecessorSize, bool passFuture) {
+                        std::vector<std::size_t> predecessorSize, bool passFuture,
+                        std::optional<std::size_t> predecessorIndex) {
     checkBuildArguments(function, predecessors);
     const std::shared_ptr<kvm::KVM> interpreter = kvm::Factory::getCurrentLocalKVM();
     const kvutil::contextmgr::KcrID kcrID =
@@ -376,6 +387,7 @@ ContinuationTask::build(boost::intrusive_ptr<dvArray> function, std::size_t numO
                                             InterpreterArrayRelease{kcrID});
     task->predecessors_ =
         InterpreterOwnedArray(predecessorArray.detach(), InterpreterArrayRelease{kcrID});
+    task->predecessorIndex_ = predecessorIndex;
     task->numOutputs_ = numOutputs;
     task->predecessorSize_ = std::move(predecessorSize);
     task->passFuture_ = passFuture;
