@@ -410,6 +410,17 @@ bool FutureBase::hasError() {
 
 DvArrayVector FutureBase::getOutputsAs(unsigned int numOutputs, OutputFormat format) {
     initOutputsOrErrorIfNeeded();
+    if (format == OutputFormat::Concatenated && !outputsOrError_.isMulti()) {
+        // What concatenateEach makes of one source or none, without the
+        // vector of sources (fetchOutputs comes here once per future).
+        std::optional<DvArrayVector> outputs =
+            detail::readCell(outputsOrError_.getAsSingle().getIfOutputs());
+        if (!outputs) {
+            return DvArrayVector(numOutputs);
+        }
+        outputs->resize(numOutputs);
+        return std::move(*outputs);
+    }
     std::vector<DvArrayVector> collected;
     for (std::size_t i = 0; i < outputsOrError_.size(); ++i) {
         if (std::optional<DvArrayVector> outputs =
