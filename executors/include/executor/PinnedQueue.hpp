@@ -17,7 +17,6 @@
 // state, and one condition variable (`news_`) wakes whoever waits for work.
 
 #include <executor/ExecutorErrors.hpp>
-#include <executor/TaskFifo.hpp>
 #include <executor/WorkerTask.hpp>
 
 #include <foundation/core/sync/Mutex.hpp>
@@ -26,6 +25,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <iterator>
 #include <memory>
 #include <utility>
@@ -58,7 +58,7 @@ public:
             if (closed_) {
                 return false;
             }
-            waiting_.push(std::move(task));
+            waiting_.push_back(std::move(task));
         }
         news_.notify_one();
         return true;
@@ -77,7 +77,7 @@ public:
                 return false;
             }
             for (std::size_t i = 0; i < tasks.size(); ++i) {
-                pinned_[i].push(std::move(tasks[i]));
+                pinned_[i].push_back(std::move(tasks[i]));
             }
         }
         // One condition for every waiter: only waking them all reaches the
@@ -107,7 +107,8 @@ public:
             const LockGuard lock(mutex_);
             const auto worker = task.getPinnedWorker();
             auto& queue = worker && *worker < numWorkers_ ? pinned_[*worker] : waiting_;
-            if (queue.eraseIf([&](const TaskPtr& queued) { return queued.get() == &task; })) {
+            if (std::erase_if(queue,
+                              [&](const TaskPtr& queued) { return queued.get() == &task; })) {
                 return true;
             }
             const auto holder = std::ranges::find_if(
@@ -129,9 +130,13 @@ public:
         {
             const LockGuard lock(mutex_);
             closed_ = true;
-            waiting_.takeAllInto(abandoned);
+            abandoned.assign(std::make_move_iterator(waiting_.begin()),
+                             std::make_move_iterator(waiting_.end()));
+            waiting_.clear();
             for (auto& queue : pinned_) {
-                queue.takeAllInto(abandoned);
+                abandoned.insert(abandoned.end(), std::make_move_iterator(queue.begin()),
+                                 std::make_move_iterator(queue.end()));
+                queue.clear();
             }
             for (std::size_t worker = 0; worker < numWorkers_; ++worker) {
                 if (inHand_[worker]) {
@@ -165,11 +170,12 @@ protected:
     // Puts the next task for `worker` (its own pinned ones first) in its
     // hand; null when none waits.
     TaskPtr takeFor(std::size_t worker) QZ_REQUIRES(mutex_) {
-        TaskFifo<TaskPtr>& from = pinned_.at(worker).empty() ? waiting_ : pinned_[worker];
+        std::deque<TaskPtr>& from = pinned_.at(worker).empty() ? waiting_ : pinned_[worker];
         if (from.empty()) {
             return nullptr;
         }
-        inHand_[worker] = from.take();
+        inHand_[worker] = std::move(from.front());
+        from.pop_front();
         return inHand_[worker];
     }
 
@@ -184,8 +190,8 @@ protected:
     bool closed_ QZ_GUARDED_BY(mutex_) = false;
 
 private:
-    TaskFifo<TaskPtr> waiting_ QZ_GUARDED_BY(mutex_);
-    std::vector<TaskFifo<TaskPtr>> pinned_ QZ_GUARDED_BY(mutex_); // one per worker
+    std::deque<TaskPtr> waiting_ QZ_GUARDED_BY(mutex_);
+    std::vector<std::deque<TaskPtr>> pinned_ QZ_GUARDED_BY(mutex_); // one per worker
 };
 
 } // namespace executor
