@@ -284,7 +284,9 @@ void BM_AfterEachBuild(benchmark::State& state, pf::FutureState predecessorState
         for (auto& task : tasks) {
             predecessors.push_back(benchFuture(predecessorState, &task));
         }
-        pf::FutureBase::toKorvexArray(predecessors, {}); // their language objects
+        // Their language objects, held as the language holds the futures it
+        // passes (a future's object lives only while something holds it).
+        const matrix::unique_dvArray objects = pf::FutureBase::toKorvexArray(predecessors, {});
         const long long start = nowNanoseconds();
         auto future = pf::AfterEachFuture::build(nullptr, identity, 1, predecessors, {}, false);
         const long long took = nowNanoseconds() - start;
@@ -379,7 +381,8 @@ void BM_ContinuationMemory(benchmark::State& state) {
     for (long long i = 0; i < kPredecessors; ++i) {
         predecessors.push_back(benchFuture(pf::FutureState::Finished));
     }
-    pf::FutureBase::toKorvexArray(predecessors, {}); // their language objects
+    // Their language objects, held for the whole run (see BM_AfterEachBuild).
+    const matrix::unique_dvArray objects = pf::FutureBase::toKorvexArray(predecessors, {});
     const auto buildAll = [&] {
         for (const auto& predecessor : predecessors) {
             continuations.push_back(

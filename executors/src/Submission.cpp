@@ -17,7 +17,7 @@ void checkSubmission(const boost::intrusive_ptr<dvArray>& function, unsigned int
     }
 }
 
-void markSubmitted(const std::vector<std::shared_ptr<WorkerTask>>& tasks) {
+void markSubmitted(std::span<const std::shared_ptr<WorkerTask>> tasks) {
     for (const auto& task : tasks) {
         task->markPending();
     }
@@ -26,7 +26,7 @@ void markSubmitted(const std::vector<std::shared_ptr<WorkerTask>>& tasks) {
     }
 }
 
-void refuseAfterShutdown(const std::vector<std::shared_ptr<WorkerTask>>& tasks) {
+void refuseAfterShutdown(std::span<const std::shared_ptr<WorkerTask>> tasks) {
     for (const auto& task : tasks) {
         task->cancel();
     }

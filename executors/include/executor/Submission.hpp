@@ -23,6 +23,7 @@
 
 #include <memory>
 #include <optional>
+#include <span>
 #include <vector>
 
 namespace executor {
@@ -38,11 +39,11 @@ void checkSubmission(const boost::intrusive_ptr<dvArray>& function, unsigned int
 // Brings every task to Pending, then every one to Queued. Before any worker
 // can see them: a task still Unavailable would make a future of many tasks
 // Unavailable while another one runs, and Running must never come first.
-void markSubmitted(const std::vector<std::shared_ptr<WorkerTask>>& tasks);
+void markSubmitted(std::span<const std::shared_ptr<WorkerTask>> tasks);
 
 // Cancels the tasks that a closed queue refused, then throws
 // KORVEX:executor:PoolShutDown.
-[[noreturn]] void refuseAfterShutdown(const std::vector<std::shared_ptr<WorkerTask>>& tasks);
+[[noreturn]] void refuseAfterShutdown(std::span<const std::shared_ptr<WorkerTask>> tasks);
 
 // Executor::submit: one task, for any worker.
 template <class Task, class MakeTask>
@@ -53,9 +54,10 @@ submitTo(PinnedQueue<Task>& queue, boost::intrusive_ptr<dvArray> function, unsig
     std::shared_ptr<Task> task = makeTask(function, numOutputs, inputs, std::nullopt);
     auto future = std::make_shared<parallel::language::future::FevalFuture>(
         parent, std::move(function), numOutputs, std::move(inputs), task);
-    markSubmitted({task});
+    const std::shared_ptr<WorkerTask> asWorkerTask = task; // one task: no vector to allocate
+    markSubmitted({&asWorkerTask, 1});
     if (!queue.push(task)) {
-        refuseAfterShutdown({task});
+        refuseAfterShutdown({&asWorkerTask, 1});
     }
     return future;
 }

@@ -10,10 +10,18 @@ AfterAllFuture::build(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> 
                       unsigned int numOutputs,
                       std::vector<std::shared_ptr<FutureBase>> predecessors,
                       std::vector<std::size_t> predecessorSize, bool passFuture) {
-    std::shared_ptr<ContinuationTask> task = ContinuationTask::build(
-        function, numOutputs, predecessors, std::move(predecessorSize), passFuture);
+    // One object array of the predecessors, held by the task and the future
+    // (made once the task's build would get that far: its errors come first).
+    boost::intrusive_ptr<dvArray> predecessorArray;
+    if (function && !predecessors.empty()) {
+        predecessorArray.reset(matrix::to_korvex(FutureBase::toKorvexArray(predecessors, {})),
+                               false);
+    }
+    std::shared_ptr<ContinuationTask> task =
+        ContinuationTask::build(function, numOutputs, predecessors, predecessorArray,
+                                std::move(predecessorSize), passFuture);
     auto future = std::make_shared<AfterAllFuture>(Token{}, parent, std::move(function), numOutputs,
-                                                   predecessors, task);
+                                                   std::move(predecessorArray), task);
     detail::attachCacheCallbacks(
         task, std::weak_ptr<AfterAllFuture>(future), detail::kAfterAllFutureSource,
         [](AfterAllFuture& self, DvArrayVector inputs) {
@@ -27,9 +35,10 @@ AfterAllFuture::build(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> 
 
 AfterAllFuture::AfterAllFuture(Token, kcos::COSInterface* parent,
                                boost::intrusive_ptr<dvArray> function, unsigned int numOutputs,
-                               const std::vector<std::shared_ptr<FutureBase>>& predecessors,
+                               boost::intrusive_ptr<dvArray> predecessorArray,
                                std::shared_ptr<ContinuationTask> task)
-    : FutureBase(parent, std::move(function), numOutputs, predecessors, std::nullopt),
+    : FutureBase(parent, std::move(function), numOutputs, std::move(predecessorArray),
+                 std::nullopt),
       task_(std::move(task)) {
     detail::timeline::onFutureCreated(task_.get(), *this, "AfterAllFuture");
 }

@@ -22,10 +22,19 @@ AfterEachFuture::build(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray>
     const auto shapeOfOne = [passFuture] {
         return passFuture ? std::vector<std::size_t>{1, 1} : std::vector<std::size_t>{};
     };
+    // One object array of all predecessors, held by the future and by each
+    // continuation, which follows its own element (made once the
+    // continuations' build would get that far: its errors come first).
+    boost::intrusive_ptr<dvArray> predecessorArray;
+    if (function && !predecessors.empty()) {
+        predecessorArray.reset(matrix::to_korvex(FutureBase::toKorvexArray(predecessors, {})),
+                               false);
+    }
     try {
-        for (const auto& predecessor : predecessors) {
-            continuations.push_back(ContinuationTask::build(function, numOutputs, {predecessor},
-                                                            shapeOfOne(), passFuture));
+        for (std::size_t i = 0; i < predecessors.size(); ++i) {
+            continuations.push_back(ContinuationTask::build(function, numOutputs, {predecessors[i]},
+                                                            predecessorArray, shapeOfOne(),
+                                                            passFuture, i));
         }
     } catch (...) {
         // A predecessor refused its continuation: the call fails as a whole,
@@ -35,8 +44,12 @@ AfterEachFuture::build(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray>
         }
         throw;
     }
+    if (!predecessorArray) {
+        predecessorArray.reset(matrix::to_korvex(FutureBase::toKorvexArray(predecessors, {})),
+                               false);
+    }
     auto future = std::make_shared<AfterEachFuture>(
-        Token{}, parent, std::move(function), numOutputs, predecessors,
+        Token{}, parent, std::move(function), numOutputs, std::move(predecessorArray),
         std::make_shared<VectorMultiTask>(
             std::vector<std::shared_ptr<TaskBase>>(continuations.begin(), continuations.end())));
     const std::weak_ptr<AfterEachFuture> weakFuture = future;
@@ -53,9 +66,10 @@ AfterEachFuture::build(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray>
 
 AfterEachFuture::AfterEachFuture(Token, kcos::COSInterface* parent,
                                  boost::intrusive_ptr<dvArray> function, unsigned int numOutputs,
-                                 const std::vector<std::shared_ptr<FutureBase>>& predecessors,
+                                 boost::intrusive_ptr<dvArray> predecessorArray,
                                  std::shared_ptr<MultiTask> tasks)
-    : FutureBase(parent, std::move(function), numOutputs, predecessors, std::nullopt),
+    : FutureBase(parent, std::move(function), numOutputs, std::move(predecessorArray),
+                 std::nullopt),
       tasks_(std::move(tasks)) {
     const unsigned long long count = tasks_->maybeResizeAndGetNumTasks();
     initMultiTaskInputs(count);

@@ -126,6 +126,17 @@ dvArray* referenceForWork(boost::intrusive_ptr<dvArray> function) {
     return matrix::to_korvex(matrix::detail::do_shared_copy(function.get()));
 }
 
+// Refuses a null function or no predecessors (std::invalid_argument).
+void checkBuildArguments(const boost::intrusive_ptr<dvArray>& function,
+                         const std::vector<std::shared_ptr<FutureBase>>& predecessors) {
+    if (!function) {
+        throw std::invalid_argument("A continuation needs a function.");
+    }
+    if (predecessors.empty()) {
+        throw std::invalid_argument("A continuation needs at least one predecessor.");
+    }
+}
+
 // The IDs of the failed predecessors, joined by "," (no spaces).
 std::u16string joinIDs(const std::vector<long long>& ids) {
     std::string joined;
@@ -262,9 +273,19 @@ struct ContinuationWork {
     }
 
 private:
+    // The futures the task follows, as fromKorvexArray gives them.
+    std::vector<std::shared_ptr<FutureBase>> predecessors() const {
+        if (!task->predecessorIndex_) {
+            return FutureBase::fromKorvexArray(task->predecessors_.get());
+        }
+        // The array holds its objects for the whole call: no handle is needed.
+        const auto elements = dvGetObjects(task->predecessors_.get());
+        return {
+            FutureBase::fromKorvexCosi(omLiveObjectOf(elements[*task->predecessorIndex_].get()))};
+    }
+
     ContinuationTask::RequestResult run() const {
-        const std::vector<std::shared_ptr<FutureBase>> futures =
-            FutureBase::fromKorvexArray(task->predecessors_.get());
+        const std::vector<std::shared_ptr<FutureBase>> futures = predecessors();
         DvArrayVector arguments = task->passFuture_
                                       ? argumentOfFutures(futures, task->predecessorSize_)
                                       : argumentsFromOutputs(futures);
@@ -343,12 +364,20 @@ std::shared_ptr<ContinuationTask>
 ContinuationTask::build(boost::intrusive_ptr<dvArray> function, std::size_t numOutputs,
                         const std::vector<std::shared_ptr<FutureBase>>& predecessors,
                         std::vector<std::size_t> predecessorSize, bool passFuture) {
-    if (!function) {
-        throw std::invalid_argument("A continuation needs a function.");
-    }
-    if (predecessors.empty()) {
-        throw std::invalid_argument("A continuation needs at least one predecessor.");
-    }
+    checkBuildArguments(function, predecessors);
+    boost::intrusive_ptr<dvArray> predecessorArray(
+        matrix::to_korvex(FutureBase::toKorvexArray(predecessors, {})), false);
+    return build(std::move(function), numOutputs, predecessors, std::move(predecessorArray),
+                 std::move(predecessorSize), passFuture);
+}
+
+std::shared_ptr<ContinuationTask>
+ContinuationTask::build(boost::intrusive_ptr<dvArray> function, std::size_t numOutputs,
+                        const std::vector<std::shared_ptr<FutureBase>>& predecessors,
+                        boost::intrusive_ptr<dvArray> predecessorArray,
+                        std::vector<std::size_t> predecessorSize, bool passFuture,
+                        std::optional<std::size_t> predecessorIndex) {
+    checkBuildArguments(function, predecessors);
     const std::shared_ptr<kvm::KVM> interpreter = kvm::Factory::getCurrentLocalKVM();
     const kvutil::contextmgr::KcrID kcrID =
         interpreter ? interpreter->getID() : kvutil::contextmgr::UndefinedKcrID;
@@ -357,8 +386,8 @@ ContinuationTask::build(boost::intrusive_ptr<dvArray> function, std::size_t numO
     task->function_ = InterpreterOwnedArray(referenceForWork(std::move(function)),
                                             InterpreterArrayRelease{kcrID});
     task->predecessors_ =
-        InterpreterOwnedArray(matrix::to_korvex(FutureBase::toKorvexArray(predecessors, {})),
-                              InterpreterArrayRelease{kcrID});
+        InterpreterOwnedArray(predecessorArray.detach(), InterpreterArrayRelease{kcrID});
+    task->predecessorIndex_ = predecessorIndex;
     task->numOutputs_ = numOutputs;
     task->predecessorSize_ = std::move(predecessorSize);
     task->passFuture_ = passFuture;

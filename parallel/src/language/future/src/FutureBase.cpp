@@ -284,10 +284,17 @@ FutureBase::FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray>
                        unsigned int numOutputs,
                        const std::vector<std::shared_ptr<FutureBase>>& predecessors,
                        std::optional<long long> id)
+    : FutureBase(
+          parent, std::move(function), numOutputs,
+          boost::intrusive_ptr<dvArray>(matrix::to_korvex(toKorvexArray(predecessors, {})), false),
+          id) {}
+
+FutureBase::FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
+                       unsigned int numOutputs, boost::intrusive_ptr<dvArray> predecessorArray,
+                       std::optional<long long> id)
     : createTime_(getCurrentTime()), id_(id ? *id : getNextID()), numOutputs_(numOutputs),
       parent_(parent, kcos::COSReferenceType::Weak),
-      predecessors_(
-          omPrepareArrayForPropertyContainment(matrix::to_korvex(toKorvexArray(predecessors, {})))),
+      predecessors_(omPrepareArrayForPropertyContainment(predecessorArray.detach())),
       inputs_(PropertyDvArray()) {
     keepFunction(std::move(function));
 }
@@ -403,6 +410,17 @@ bool FutureBase::hasError() {
 
 DvArrayVector FutureBase::getOutputsAs(unsigned int numOutputs, OutputFormat format) {
     initOutputsOrErrorIfNeeded();
+    if (format == OutputFormat::Concatenated && !outputsOrError_.isMulti()) {
+        // What concatenateEach makes of one source or none, without the
+        // vector of sources (fetchOutputs comes here once per future).
+        std::optional<DvArrayVector> outputs =
+            detail::readCell(outputsOrError_.getAsSingle().getIfOutputs());
+        if (!outputs) {
+            return DvArrayVector(numOutputs);
+        }
+        outputs->resize(numOutputs);
+        return std::move(*outputs);
+    }
     std::vector<DvArrayVector> collected;
     for (std::size_t i = 0; i < outputsOrError_.size(); ++i) {
         if (std::optional<DvArrayVector> outputs =

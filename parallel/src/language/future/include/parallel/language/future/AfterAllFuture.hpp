@@ -27,9 +27,9 @@ public:
           unsigned int numOutputs, std::vector<std::shared_ptr<FutureBase>> predecessors,
           std::vector<std::size_t> predecessorSize, bool passFuture);
 
+    // `predecessorArray`: the predecessors' object array, shared with `task`.
     AfterAllFuture(Token, kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
-                   unsigned int numOutputs,
-                   const std::vector<std::shared_ptr<FutureBase>>& predecessors,
+                   unsigned int numOutputs, boost::intrusive_ptr<dvArray> predecessorArray,
                    std::shared_ptr<ContinuationTask> task);
     ~AfterAllFuture() override;
 

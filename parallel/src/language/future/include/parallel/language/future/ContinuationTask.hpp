@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace parallel::language::future {
@@ -64,6 +65,18 @@ public:
     build(boost::intrusive_ptr<dvArray> function, std::size_t numOutputs,
           const std::vector<std::shared_ptr<FutureBase>>& predecessors,
           std::vector<std::size_t> predecessorSize, bool passFuture);
+    // The same, given `predecessorArray`, the object array of the
+    // predecessors that FutureBase::toKorvexArray(predecessors, {}) makes:
+    // the task holds it (a reference, not a copy), so that a future may share
+    // it. Nothing may change the array afterwards. With `predecessorIndex`,
+    // the array may hold more futures: the task follows its element
+    // `predecessorIndex` only, which must be the one future of
+    // `predecessors`. Interpreter thread.
+    static std::shared_ptr<ContinuationTask>
+    build(boost::intrusive_ptr<dvArray> function, std::size_t numOutputs,
+          const std::vector<std::shared_ptr<FutureBase>>& predecessors,
+          boost::intrusive_ptr<dvArray> predecessorArray, std::vector<std::size_t> predecessorSize,
+          bool passFuture, std::optional<std::size_t> predecessorIndex = std::nullopt);
 
     explicit ContinuationTask(Token);
     ~ContinuationTask() override;
@@ -96,7 +109,8 @@ private:
     // interpreter thread's only; the arrays are released once it has run
     // (or with the task, when it never runs).
     InterpreterOwnedArray function_;
-    InterpreterOwnedArray predecessors_; // an object array of the predecessors' objects
+    InterpreterOwnedArray predecessors_;          // an object array of the predecessors' objects
+    std::optional<std::size_t> predecessorIndex_; // the one element followed; empty: all
     std::size_t numOutputs_ = 0;
     std::vector<std::size_t> predecessorSize_;
     bool passFuture_ = false;

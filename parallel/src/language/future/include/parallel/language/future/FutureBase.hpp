@@ -62,6 +62,11 @@ public:
                unsigned int numOutputs,
                const std::vector<std::shared_ptr<FutureBase>>& predecessors,
                std::optional<long long> id);
+    // The same, given the object array toKorvexArray(predecessors, {}) makes,
+    // which the future holds as it is (its task may hold the same array).
+    FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
+               unsigned int numOutputs, boost::intrusive_ptr<dvArray> predecessorArray,
+               std::optional<long long> id);
     // An invalid future: ID -1, no function, no inputs.
     FutureBase();
     virtual ~FutureBase();

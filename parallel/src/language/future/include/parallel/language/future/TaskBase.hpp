@@ -7,6 +7,7 @@
 
 #include <foundation/core/sync/Mutex.hpp>
 
+#include <boost/container/small_vector.hpp>
 #include <boost/thread/future.hpp>
 
 #include <cstdint>
@@ -120,7 +121,9 @@ private:
         QZ_EXCLUDES(mutex_);
     virtual std::u16string doGetDiary() = 0;
 
-    using Callbacks = std::vector<std::function<void()>>;
+    // Room for one callback in place: most tasks get at most one per event
+    // (a continuation's, or a waiting future's), and then no buffer is made.
+    using Callbacks = boost::container::small_vector<std::function<void()>, 1>;
     // A boost promise made on demand, with its shared future.
     struct LazyPromise {
         LazyPromise() : future(promise.get_future().share()) {}
