@@ -8,10 +8,22 @@
 
 #include <algorithm>
 #include <cmath>
+#include <fstream>
 #include <optional>
 #include <vector>
 
+#include <unistd.h>
+
 namespace bench {
+
+// The resident set size of this process in bytes (Linux: /proc/self/statm).
+inline double residentBytes() {
+    std::ifstream statm("/proc/self/statm");
+    double totalPages = 0.0;
+    double residentPages = 0.0;
+    statm >> totalPages >> residentPages;
+    return residentPages * static_cast<double>(sysconf(_SC_PAGESIZE));
+}
 
 namespace pf = parallel::language::future;
 

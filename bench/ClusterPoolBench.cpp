@@ -25,6 +25,8 @@
 // <pool> is Local (LocalPool with 2 worker threads, or n) or Cluster
 // (MpiPool over 2 worker processes, or n).
 
+#include "BenchSupport.hpp"
+
 #include <mpipool/Cluster.hpp>
 #include <mpipool/FunctionRegistry.hpp>
 #include <mpipool/MpiPool.hpp>
@@ -42,12 +44,9 @@
 #include <chrono>
 #include <cstdint>
 #include <ctime>
-#include <fstream>
 #include <memory>
 #include <thread>
 #include <vector>
-
-#include <unistd.h>
 
 namespace {
 
@@ -211,15 +210,6 @@ void BM_LargeArray(benchmark::State& state, bool cluster) {
     state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(2 * kDoubles * 8));
 }
 
-// The resident set size of this process in bytes (Linux: /proc/self/statm).
-double residentBytes() {
-    std::ifstream statm("/proc/self/statm");
-    double totalPages = 0;
-    double residentPages = 0;
-    statm >> totalPages >> residentPages;
-    return residentPages * static_cast<double>(sysconf(_SC_PAGESIZE));
-}
-
 // Rank 0's memory for 20 submissions of one 64 MiB array queued behind
 // busy workers: nothing is encoded until it is sent.
 void BM_QueuedLargeInputs(benchmark::State& state) {
@@ -237,12 +227,12 @@ void BM_QueuedLargeInputs(benchmark::State& state) {
             blockers.back()->getTask()->wait(pf::FutureState::Running,
                                              pf::clock::getCurrentSteadyTime() + pf::Seconds(60));
         }
-        const double before = residentBytes();
+        const double before = bench::residentBytes();
         std::vector<std::shared_ptr<pf::FutureBase>> queued;
         for (int i = 0; i < 20; ++i) {
             queued.push_back(pool.submit(mpipool::functionHandle("identity"), 1, {input}));
         }
-        extra = residentBytes() - before;
+        extra = bench::residentBytes() - before;
         for (const auto& blocker : blockers) {
             blocker->cancel();
         }

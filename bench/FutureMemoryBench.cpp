@@ -35,15 +35,12 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <latch>
 #include <memory>
 #include <new>
 #include <optional>
 #include <string>
 #include <vector>
-
-#include <unistd.h>
 
 namespace {
 
@@ -206,15 +203,6 @@ private:
     Futures holders_;
 };
 
-// The resident set size of this process in bytes (Linux: /proc/self/statm).
-double residentBytes() {
-    std::ifstream statm("/proc/self/statm");
-    double totalPages = 0.0;
-    double residentPages = 0.0;
-    statm >> totalPages >> residentPages;
-    return residentPages * static_cast<double>(sysconf(_SC_PAGESIZE));
-}
-
 void BM_PoolSubmitFutureMemory(benchmark::State& state) {
     HeldPool held;
     localpool::LocalPool& pool = held.pool();
@@ -233,11 +221,11 @@ void BM_PoolFuturesRss(benchmark::State& state) {
         HeldPool held;
         Futures futures;
         futures.reserve(kRssFutures);
-        const double before = residentBytes();
+        const double before = bench::residentBytes();
         for (std::size_t i = 0; i < kRssFutures; ++i) {
             futures.push_back(held.pool().submit(identity, 1, {scalar(1.0)}));
         }
-        grownPerFuture += (residentBytes() - before) / static_cast<double>(kRssFutures);
+        grownPerFuture += (bench::residentBytes() - before) / static_cast<double>(kRssFutures);
     }
     state.counters["rss_bytes_per_future"] =
         grownPerFuture / static_cast<double>(state.iterations());
