@@ -6,8 +6,8 @@
 #include <mpipool/FunctionRegistry.hpp>
 
 #include <parallel/language/future/FetchNextState.hpp>
-#include <parallel/language/future/support/ContinuationSupport.hpp>
 #include <parallel/language/future/ScopedTaskFinishedListener.hpp>
+#include <parallel/language/future/support/ContinuationSupport.hpp>
 
 #include <localpool/LocalPool.hpp>
 
