@@ -59,7 +59,13 @@ public:
     }
 
 private:
-    void put(std::uint64_t value) { bytes_.append(reinterpret_cast<const char*>(&value), 8); }
+    void put(std::uint64_t value) {
+        if (bytes_.capacity() < kFirstCapacity) {
+            bytes_.reserve(kFirstCapacity); // one allocation for most batches
+        }
+        bytes_.append(reinterpret_cast<const char*>(&value), 8);
+    }
+    static constexpr std::size_t kFirstCapacity = std::size_t{16} << 10;
     protocol::Bytes bytes_;
     std::size_t count_ = 0;
 };

@@ -279,6 +279,7 @@ void ClientLink::send(const WorkList::Send& send, std::vector<Event>& events) {
     if (!control_[send.worker]->write(protocol::Frame::Wake, count)) {
         gone_[send.worker] = true;
     }
+    outbox_.progress(); // a small message is done at once
 }
 
 void ClientLink::deliver(Event& event) {

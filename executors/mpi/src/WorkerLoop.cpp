@@ -317,6 +317,7 @@ void WorkerLoop::sendReports(bool force) {
         outbox_.send(protocol::kClientRank, message.tag, std::move(message.bytes));
     }
     control_.write(protocol::Frame::Wake, count);
+    outbox_.progress(); // a small message is done at once
 }
 
 } // namespace mpipool
