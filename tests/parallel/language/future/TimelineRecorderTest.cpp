@@ -33,9 +33,7 @@ using Outcome = TimelineEntry::Outcome;
 using Tree = boost::property_tree::ptree;
 
 const TimelineEntry& entryOfFuture(const std::vector<TimelineEntry>& entries, long long id) {
-    const auto found =
-        std::find_if(entries.begin(), entries.end(),
-                     [id](const TimelineEntry& entry) { return entry.futureId == id; });
+    const auto found = std::ranges::find(entries, id, &TimelineEntry::futureId);
     if (found == entries.end()) {
         throw std::out_of_range("no entry of future " + std::to_string(id));
     }
