@@ -211,10 +211,8 @@ TEST(TimelinePictures, TraceEventsNameTheLanesAndCarryEveryRun) {
             ++cancels;
         }
     }
-    EXPECT_EQ(laneOfTid.size(), 3u);
-    EXPECT_EQ(laneOfTid.at("1"), "worker 2");
-    EXPECT_EQ(laneOfTid.at("2"), "worker 10");
-    EXPECT_EQ(laneOfTid.at("3"), "not started");
+    EXPECT_EQ(laneOfTid, (std::map<std::string, std::string>{
+                             {"1", "worker 2"}, {"2", "worker 10"}, {"3", "not started"}}));
     ASSERT_EQ(runs.size(), 2u);
     const Tree& first = runs[0];
     EXPECT_EQ(first.get<std::string>("name"), "#3 say \"hi\"\\\n<now>");
