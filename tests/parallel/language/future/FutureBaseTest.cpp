@@ -3,6 +3,10 @@
 #include <parallel/language/future/FutureErrors.hpp>
 #include <parallel/language/future/UnavailableFuture.hpp>
 
+#include "support/ErrorIds.hpp"
+
+#include <limits>
+
 namespace parallel::language::future {
 namespace {
 
@@ -23,6 +27,25 @@ TEST(FutureBase, VectorsOfOtherLengthsDifferAndUnavailableFuturesAreEqual) {
     EXPECT_FALSE(FutureBase::isEqual({f}, {f, f}));
     EXPECT_TRUE(FutureBase::isEqual({std::make_shared<UnavailableFuture>()},
                                     {std::make_shared<UnavailableFuture>("parallel.FevalFuture")}));
+}
+
+// The method checks these first (FutureMethodsTest.cpp); called directly,
+// fetchOutputs refuses them too, before waiting or sizing anything.
+TEST(FutureBase, FetchOutputsRefusesUnavailableFuturesAndTooManyOutputsUnread) {
+    TestFuture running, two(2);
+    running.running();
+    two.running();
+    const auto refusal = [](const Futures& futures, unsigned int count) {
+        return testsupport::thrownBy([&] { FutureBase::fetchOutputs(futures, true, count); });
+    };
+    const std::string tooMany = "KORVEX:parallel:future:TooManyOutputsRequested";
+    EXPECT_EQ(refusal({running.future, std::make_shared<UnavailableFuture>()}, 1),
+              "KORVEX:parallel:future:FetchOutputsOnUnavailableFuture");
+    EXPECT_EQ(refusal({running.future, two.future}, 2), tooMany);
+    EXPECT_EQ(refusal({two.future}, std::numeric_limits<unsigned int>::max()), tooMany);
+    EXPECT_EQ(refusal({}, 1), tooMany); // none without futures
+    EXPECT_TRUE(FutureBase::fetchOutputs({}, true, 0).empty());
+    EXPECT_FALSE(running.future->getRead() || two.future->getRead());
 }
 
 TEST(FutureBase, OutputsAreCachedOnceFinishedAndReadBackAsIndependentValues) {

@@ -5,11 +5,13 @@
 #include "support/ContinuationSupport.hpp"
 
 #include <Veldspire/String/String.hpp>
+#include <parallel/language/future/FutureErrors.hpp>
 
 #include <cmath>
 #include <latch>
 #include <limits>
 #include <thread>
+#include <tuple>
 
 namespace parallel::language::future {
 namespace {
@@ -112,26 +114,34 @@ TEST_F(FutureMethods, FetchNextGivesTheIndexAndOutputsOrEmptiesAndRefusesBadArgu
     EXPECT_EQ(valueOf(call("fetchNext", 1, {failedFirst.get()}).at(0).get()), 2.0);
 }
 
-TEST_F(FutureMethods, FetchNextEndsOnAUserInterruptAndTakesIt) {
+TEST_F(FutureMethods, FetchNextAndWaitEndOnAUserInterruptAndTakeIt) {
     TestFuture never;
     never.running();
     const auto futures = objects({never.future});
-    // A first call, so that the interrupted one is a drain's later call.
-    EXPECT_TRUE(
-        isEmptyOfClass(call("fetchNext", 1, {futures.get(), zero.get()})[0].get(), "double"));
-    // Requested from another thread once fetchNext waits: the queued work it
-    // runs while waiting lets that thread go.
-    std::latch waiting(1);
-    std::jthread interrupter([&] {
-        waiting.wait();
-        interpreter->requestInterrupt();
-    });
-    interpreter->getIqm()->postDetached(u"parallel", [&] { waiting.count_down(); });
-    // Ignored, the interrupt would leave fetchNext to time out, raising nothing.
-    EXPECT_EQ(raised("fetchNext", 2, {futures.get(), generous.get()}).id, "KORVEX:interrupted");
-    EXPECT_FALSE(interpreter->consumeInterrupt()); // taken, not left for the next call
-    EXPECT_TRUE(
-        isEmptyOfClass(call("fetchNext", 1, {futures.get(), zero.get()})[0].get(), "double"));
+    const auto nothingYet = [&] {
+        const auto answer = call("fetchNext", 1, {futures.get(), zero.get()});
+        return isEmptyOfClass(answer.at(0).get(), "double");
+    };
+    EXPECT_TRUE(nothingYet()); // so that the interrupted fetchNext is a drain's later call
+    for (const Inputs& inputs : {Inputs{futures.get(), generous.get()},
+                                 Inputs{futures.get(), finished.get(), generous.get()}}) {
+        const char* method = inputs.size() == 2 ? "fetchNext" : "wait";
+        // Requested before the call, then from another thread once it waits:
+        // the queued work it runs while waiting lets that thread go. Ignored,
+        // the interrupt would leave the call to time out, raising nothing.
+        std::thread([&] { interpreter->requestInterrupt(); }).join();
+        EXPECT_EQ(raised(method, 1, inputs).id, "KORVEX:interrupted") << method;
+        std::latch waiting(1);
+        std::jthread interrupter([&] {
+            waiting.wait();
+            interpreter->requestInterrupt();
+        });
+        interpreter->getIqm()->postDetached(u"parallel", [&] { waiting.count_down(); });
+        EXPECT_EQ(raised(method, 1, inputs).id, "KORVEX:interrupted") << method;
+        EXPECT_FALSE(interpreter->consumeInterrupt())
+            << method; // taken, not left for the next call
+    }
+    EXPECT_TRUE(nothingYet());
     never.task->doNotifyFinished();
 }
 
@@ -168,12 +178,14 @@ TEST_F(FutureMethods, FetchOutputsTakesAnyPrefixOfItsOptionAndRefusesEverythingE
     none.finishedWith({});
     const auto both = objects({a.future, b.future});
 
-    EXPECT_EQ(doublesOf(call("fetchOutputs", 1, {both.get()}).at(0)), (std::vector<double>{1, 2}));
+    const auto joined = call("fetchOutputs", 1, {both.get()});
+    EXPECT_EQ(doublesOf(joined.at(0)), (std::vector<double>{1, 2}));
+    EXPECT_EQ(dvGetDimensions(joined[0].get()), (matrix::Dimensions{2, 1}));
     EXPECT_TRUE(a.future->getRead() && b.future->getRead());
     for (const char* name : {"UniformOutput", "uni", "UNIFORMOUTPUT", ""}) {
         const auto cells = call("fetchOutputs", 1, {both.get(), text(name).get(), no.get()});
         ASSERT_EQ(std::string(dvGetClassName(cells.at(0).get())), "cell") << name;
-        ASSERT_EQ(dvGetNumberOfElements(cells[0].get()), 2u) << name;
+        ASSERT_EQ(dvGetDimensions(cells[0].get()), (matrix::Dimensions{2, 1})) << name;
         EXPECT_EQ(valueOf(dvGetCell(cells[0].get(), 1)), 2.0) << name;
         const auto uniform = call("fetchOutputs", 1, {both.get(), text(name).get(), yes.get()});
         EXPECT_EQ(doublesOf(uniform.at(0)), (std::vector<double>{1, 2})) << name;
@@ -200,6 +212,34 @@ TEST_F(FutureMethods, FetchOutputsTakesAnyPrefixOfItsOptionAndRefusesEverythingE
     EXPECT_EQ(tooMany.arguments, (MessageArguments{std::uint64_t{0}, std::uint64_t{1}}));
 }
 
+// Failures are the causes, folded to one when all failed alike; every
+// future is read all the same.
+TEST_F(FutureMethods, FetchOutputsRaisesTheFailuresOrTheConcatenationFailure) {
+    const auto failed = [](auto error) {
+        return TestFuture().failedWith(std::make_exception_ptr(error)).future;
+    };
+    const std::runtime_error same("same");
+    const auto unread = TestFuture().finishedWith({scalar(1)}).future;
+    const auto word = TestFuture().finishedWith({text("ab")}).future;
+    const std::string execution = kFuture + "ExecutionErrors", thrown = kFuture + "StdException",
+                      timeOut = kFuture + "TimeOutInvalid";
+    const std::vector<std::tuple<Futures, std::string, std::vector<std::string>>> cases{
+        {{unread, failed(same), failed(same)}, execution, {thrown, thrown}},
+        {{failed(same), failed(same)}, execution, {thrown}},
+        {{failed(same), failed(errors::TimeOutInvalid())}, execution, {thrown, timeOut}},
+        {{failed(errors::TimeOutInvalid())}, execution, {timeOut}},
+        {{done, word},
+         kFuture + "FetchOutputsConcatenationFailed",
+         {"KORVEX:catenate:classMismatch"}},
+    };
+    for (const auto& [futures, id, causes] : cases) {
+        const Raised error = raised("fetchOutputs", 1, {objects(futures).get()});
+        EXPECT_EQ(error.id, id);
+        EXPECT_EQ(error.causes, causes) << id;
+    }
+    EXPECT_TRUE(unread->getRead() && word->getRead());
+}
+
 TEST_F(FutureMethods, WaitTellsWhetherTheFuturesReachedTheStateAndRefusesOthers) {
     TestFuture queued, running;
     queued.submitted();
@@ -211,10 +251,26 @@ TEST_F(FutureMethods, WaitTellsWhetherTheFuturesReachedTheStateAndRefusesOthers)
     EXPECT_TRUE(truth(call("wait", 1, {r.get(), text("Running").get(), generous.get()}).at(0)));
     EXPECT_FALSE(truth(call("wait", 1, {q.get(), text("running").get(), zero.get()}).at(0)));
     EXPECT_FALSE(truth(call("wait", 1, {both.get(), finished.get(), zero.get()}).at(0)));
-    running.task->doNotifyFinished();
+    // The work that finishes the future runs on this thread, queued from another.
+    std::thread poster([&, queue = interpreter->getIqm()] {
+        queue->postDetached(u"parallel", [&] { running.task->doNotifyFinished(); });
+    });
     EXPECT_TRUE(truth(call("wait", 1, {both.get()}).at(0)));
+    poster.join();
     EXPECT_TRUE(truth(call("wait", 1, {both.get(), text("FINISHED").get(), zero.get()}).at(0)));
 
+    EXPECT_TRUE(truth(call("wait", 1, {nothing.get(), finished.get(), zero.get()}).at(0)));
+
+    TestFuture pending;
+    pending.task->doNotifyPending();
+    const std::shared_ptr<FutureBase> unnotified = TestFuture().future,
+                                      invalid = futureOf(unavailable.get());
+    for (const auto& [futures, id] : std::vector<std::pair<Futures, std::string>>{
+             {{done, pending.future}, "WaitOnUnsubmittedFuture"},
+             {{unnotified}, "WaitOnUnsubmittedFuture"},
+             {{done, invalid}, "WaitOnUnavailableFuture"}}) {
+        EXPECT_EQ(raised("wait", 1, {objects(futures).get()}).id, kFuture + id);
+    }
     for (const char16_t* state : {u"pending", u"Queued", u"failed", u"unavailable"}) {
         const auto word = matrix::create(state, std::char_traits<char16_t>::length(state));
         const Raised invalid = raised("wait", 1, {f.get(), word.get()});
