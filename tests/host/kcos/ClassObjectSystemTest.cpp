@@ -228,26 +228,22 @@ TEST_F(ClassObjectSystem, MethodCallsAreCheckedAgainstTheirSignature) {
     const auto* client = COSGetPublicClient();
     const auto className = makeInterned("test.Counter");
 
+    const auto add = [&](int nout, dvArray** out, std::vector<dvArray*> in) {
+        omCallMethod(className, makeInterned("add"), client, nout, out, static_cast<int>(in.size()),
+                     in.data(), false);
+    };
+    const auto five = number(5);
     dvArray* result = nullptr;
-    dvArray* inputs[] = {counter.get(), number(5).release()};
-    const matrix::unique_dvArray five(inputs[1]);
-    omCallMethod(className, makeInterned("add"), client, 1, &result, 2, inputs, false);
+    add(1, &result, {counter.get(), five.get()});
     const matrix::unique_dvArray answer(result);
-    EXPECT_TRUE(dvIsLogicalScalar(answer.get()));
-    EXPECT_TRUE(dvGetLogicals(answer.get())[0]);
+    EXPECT_TRUE(dvIsLogicalScalar(answer.get()) && dvGetLogicals(answer.get())[0]);
 
     dvArray* twoResults[2] = {};
-    EXPECT_THROW(
-        omCallMethod(className, makeInterned("add"), client, 2, twoResults, 2, inputs, false),
-        Exception<KORVEX::maxlhs>);
-    dvArray* tooMany[] = {counter.get(), five.get(), five.get()};
-    EXPECT_THROW(
-        omCallMethod(className, makeInterned("add"), client, 1, &result, 3, tooMany, false),
-        Exception<KORVEX::maxrhs>);
-    dvArray* notAnObject[] = {five.get(), five.get()};
-    EXPECT_THROW(
-        omCallMethod(className, makeInterned("add"), client, 1, &result, 2, notAnObject, false),
-        Exception<KORVEX::kcos::InvalidInputType>);
+    EXPECT_THROW(add(2, twoResults, {counter.get(), five.get()}), Exception<KORVEX::maxlhs>);
+    EXPECT_THROW(add(1, &result, {counter.get(), five.get(), five.get()}),
+                 Exception<KORVEX::maxrhs>);
+    EXPECT_THROW(add(1, &result, {five.get(), five.get()}),
+                 Exception<KORVEX::kcos::InvalidInputType>);
     EXPECT_THROW(
         omCallMethod(className, makeInterned("nope"), client, 0, nullptr, 0, nullptr, true),
         Exception<KORVEX::kcos::NoSuchMethod>);

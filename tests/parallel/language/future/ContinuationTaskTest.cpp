@@ -90,7 +90,8 @@ TEST_F(ContinuationTaskTest, ArgumentsAreTheFewestOutputsConcatenatedAcrossPrede
     EXPECT_EQ(std::vector<double>(column.begin(), column.end()), (std::vector<double>{1, 2, 3}));
 }
 
-TEST_F(ContinuationTaskTest, FailedPredecessorsAreNamedAndTheFunctionNeverRuns) {
+// Failed predecessors are named; outputs that do not concatenate are the error too.
+TEST_F(ContinuationTaskTest, FailedOrMismatchedPredecessorsAreTheErrorAndTheFunctionNeverRuns) {
     auto failedTask = [](long long id) {
         auto task = TestTask::make();
         auto future = std::make_shared<FevalFuture>(nullptr, nullptr, 1, DvArrayVector{}, task, id);
@@ -99,8 +100,11 @@ TEST_F(ContinuationTaskTest, FailedPredecessorsAreNamedAndTheFunctionNeverRuns) 
         return future;
     };
     const auto fine = TestFuture().finishedWith({scalar(1)}).future;
+    const auto word = TestFuture().finishedWith({text("ab")}).future;
     auto task = after({failedTask(7), fine, failedTask(12)});
-    runParallelQueue();
+    auto mismatched = after({fine, word});
+    while (runParallelQueue()) {
+    }
     EXPECT_TRUE(function.calls->empty());
     EXPECT_EQ(task->getState(), FutureState::Finished);
     EXPECT_EQ(task->getStartTime().time_since_epoch().count(), 0.0);
@@ -109,18 +113,10 @@ TEST_F(ContinuationTaskTest, FailedPredecessorsAreNamedAndTheFunctionNeverRuns) 
     EXPECT_EQ(error.GetArguments(), foundation::core::except::MessageArguments{u"7,12"});
     ASSERT_EQ(error.GetCauses().size(), 2u);
     EXPECT_EQ(error.GetCauses()[1].GetID(), "KORVEX:parallel:future:NoUnreadFutures");
-}
-
-TEST_F(ContinuationTaskTest, ConcatenationFailureIsTheError) {
-    TestFuture number, word;
-    number.finishedWith({scalar(1)});
-    word.finishedWith({text("ab")});
-    auto task = after({number.future, word.future});
-    runParallelQueue();
-    const KExceptionEnvelope error = errorOf(*task);
-    EXPECT_EQ(error.GetID(), "KORVEX:parallel:future:PrecedingOutputsConcatenationFailed");
-    ASSERT_EQ(error.GetCauses().size(), 1u);
-    EXPECT_EQ(error.GetCauses()[0].GetID(), "KORVEX:catenate:classMismatch");
+    const KExceptionEnvelope mismatch = errorOf(*mismatched);
+    EXPECT_EQ(mismatch.GetID(), "KORVEX:parallel:future:PrecedingOutputsConcatenationFailed");
+    ASSERT_EQ(mismatch.GetCauses().size(), 1u);
+    EXPECT_EQ(mismatch.GetCauses()[0].GetID(), "KORVEX:catenate:classMismatch");
 }
 
 TEST_F(ContinuationTaskTest, PassFutureGivesThePredecessorsShapedEvenWhenTheyFailed) {
