@@ -72,21 +72,17 @@ TEST_F(FutureProperties, StateWordsDatesAndResultsFollowTheWork) {
 }
 
 TEST_F(FutureProperties, FailedAndCancelledFuturesAreFinishedWithAnError) {
-    TestFuture failed;
+    TestFuture failed, cancelled;
     failed.failedWith(std::make_exception_ptr(errors::NoUnreadFutures()));
-    const auto failedObject = objects({failed.future});
-    EXPECT_EQ(propertyText(failedObject.get(), "State"), "finished");
-    EXPECT_EQ(errorIdOf(property(failedObject.get(), "Error").get()),
-              "KORVEX:parallel:future:NoUnreadFutures");
-    EXPECT_TRUE(isEmptyOfClass(property(failedObject.get(), "OutputArguments").get(), "cell"));
-
-    TestFuture cancelled;
-    cancelled.running();
-    cancelled.task->doNotifyCancelled();
-    const auto cancelledObject = objects({cancelled.future});
-    EXPECT_EQ(propertyText(cancelledObject.get(), "State"), "finished");
-    EXPECT_EQ(errorIdOf(property(cancelledObject.get(), "Error").get()),
-              "parallel:fevalqueue:ExecutionCancelled");
+    cancelled.running().task->doNotifyCancelled();
+    for (const auto& [future, id] :
+         {std::pair{failed.future, "KORVEX:parallel:future:NoUnreadFutures"},
+          std::pair{cancelled.future, "parallel:fevalqueue:ExecutionCancelled"}}) {
+        const auto object = objects({future});
+        EXPECT_EQ(propertyText(object.get(), "State"), "finished");
+        EXPECT_EQ(errorIdOf(property(object.get(), "Error").get()), id);
+        EXPECT_TRUE(isEmptyOfClass(property(object.get(), "OutputArguments").get(), "cell"));
+    }
 }
 
 struct OnAll : TestOnAllFuture {
@@ -104,7 +100,8 @@ OutputsOrError failure() {
     return OutputsOrError(std::make_exception_ptr(errors::NoUnreadFutures()));
 }
 
-TEST_F(FutureProperties, ErrorsOfTasksPerTask) {
+// Errors, diaries and outputs are per task; the inputs are shared.
+TEST_F(FutureProperties, PerTaskPropertiesOfAFutureOnAllWorkers) {
     OnAll oneFailed(2);
     oneFailed.finish(0, failure());
     oneFailed.finish(1, ok());
@@ -121,9 +118,7 @@ TEST_F(FutureProperties, ErrorsOfTasksPerTask) {
     const auto cancelled = property(objects({withCancel.future}).get(), "Error");
     ASSERT_EQ(dvGetDimensions(cancelled.get()), (matrix::Dimensions{1, 1}));
     EXPECT_EQ(errorIdOf(dvGetCell(cancelled.get(), 0)), "parallel:fevalqueue:ExecutionCancelled");
-}
 
-TEST_F(FutureProperties, DiaryAndOutputsPerTaskInputsShared) {
     OnAll all(3);
     for (std::size_t i = 0; i < 3; ++i) {
         all.tasks[i]->diary = std::u16string(u"worker ") + static_cast<char16_t>(u'1' + i);
