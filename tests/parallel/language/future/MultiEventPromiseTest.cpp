@@ -10,6 +10,7 @@
 #include <atomic>
 #include <barrier>
 #include <limits>
+#include <optional>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -44,15 +45,12 @@ TEST(MultiEventPromise, ReadyAtTheFirstOrLastEventOnceAndForAll) {
 }
 
 TEST(MultiEventPromise, DestroyedBeforeReadyBreaksItsFuture) {
-    boost::shared_future<void> future;
+    auto promise = std::make_optional<MultiEventPromise>(MultiEventPromise::All, 2);
+    const boost::shared_future<void> future = promise->getFuture().share();
     bool continuationRan = false;
-    {
-        MultiEventPromise promise(MultiEventPromise::All, 2);
-        future = promise.getFuture().share();
-        future.then(boost::launch::sync,
-                    [&](boost::shared_future<void>) { continuationRan = true; });
-        promise.setOne();
-    }
+    future.then(boost::launch::sync, [&](boost::shared_future<void>) { continuationRan = true; });
+    promise->setOne();
+    promise.reset();
     EXPECT_TRUE(continuationRan);
     ASSERT_TRUE(future.is_ready());
     EXPECT_THROW(future.get(), boost::broken_promise);
