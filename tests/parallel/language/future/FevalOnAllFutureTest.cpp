@@ -77,13 +77,9 @@ TEST(FevalOnAllFuture, WaitForRunningNeedsOneTaskAndWaitForFinishedAll) {
     waiting.count_down();
     EXPECT_TRUE(FutureBase::wait({f.future}, FutureState::Running, kGenerous));
     worker.join();
-    f.tasks[0]->doNotifyRunning();
-    f.tasks[0]->doNotifyFinished();
+    f.tasks[0]->runToFinish();
     EXPECT_FALSE(FutureBase::wait({f.future}, FutureState::Finished, Seconds(0.0)));
-    std::jthread finisher([&] {
-        f.tasks[1]->doNotifyRunning();
-        f.tasks[1]->doNotifyFinished();
-    });
+    std::jthread finisher([&] { f.tasks[1]->runToFinish(); });
     EXPECT_TRUE(FutureBase::wait({f.future}, FutureState::Finished, kGenerous));
     EXPECT_TRUE(FutureBase::wait({OnAll(0).future}, FutureState::Finished, Seconds(0.0)));
 }

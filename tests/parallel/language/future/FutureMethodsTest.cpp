@@ -243,11 +243,9 @@ TEST_F(FutureMethods, FetchOutputsRaisesTheFailuresOrTheConcatenationFailure) {
 }
 
 TEST_F(FutureMethods, WaitTellsWhetherTheFuturesReachedTheStateAndRefusesOthers) {
-    TestFuture queued, running;
-    queued.submitted();
-    running.running();
-    const auto q = objects({queued.future});
-    const auto r = objects({running.future});
+    TestFuture running;
+    const auto q = objects({TestFuture().submitted().future});
+    const auto r = objects({running.running().future});
     const auto both = objects({done, running.future});
 
     EXPECT_TRUE(truth(call("wait", 1, {r.get(), text("Running").get(), generous.get()}).at(0)));
@@ -340,8 +338,7 @@ TEST_F(FutureMethods, CancelGoesFromTheLargestIDAndTakesNoFurtherInputs) {
     for (long long id : {4, 9, 7}) {
         auto task = TestTask::make();
         task->onCancel = [&cancelled, id] { cancelled.push_back(id); };
-        task->doNotifyPending();
-        task->doNotifyQueued();
+        task->advanceTo(FutureState::Queued);
         futures.push_back(
             std::make_shared<FevalFuture>(nullptr, nullptr, 1, DvArrayVector{}, task, id));
     }
@@ -420,10 +417,9 @@ TEST_F(FutureMethods, ContinuationsRefuseBadArguments) {
 }
 
 TEST_F(FutureMethods, ContinuationsAreBuiltOfTheirClassAndFetched) {
-    TestFuture a, b;
-    a.finishedWith({scalar(1)});
-    b.finishedWith({scalar(2)});
-    const auto both = objects({a.future, b.future});
+    const Futures ab{TestFuture().finishedWith({scalar(1)}).future,
+                     TestFuture().finishedWith({scalar(2)}).future};
+    const auto both = objects(ab);
     auto classOf = [](const matrix::unique_dvArray& array) {
         return textOf(call("class", 1, {array.get()}).at(0).get());
     };
@@ -450,7 +446,7 @@ TEST_F(FutureMethods, ContinuationsAreBuiltOfTheirClassAndFetched) {
     ASSERT_EQ(count.calls->size(), 1u);
     const dvArray* given = count.calls->at(0).at(0).get();
     EXPECT_EQ(std::string(dvGetClassName(given)), "parallel.Future");
-    EXPECT_TRUE(FutureBase::isEqual(FutureBase::fromKorvexArray(given), {a.future, b.future}));
+    EXPECT_TRUE(FutureBase::isEqual(FutureBase::fromKorvexArray(given), ab));
 }
 
 } // namespace
