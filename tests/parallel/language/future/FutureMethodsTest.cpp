@@ -171,8 +171,7 @@ TEST_F(FutureMethods, CallsWithoutTheFuturesAndConstructorCallsRaiseHostErrors) 
 }
 
 TEST_F(FutureMethods, FetchOutputsTakesAnyPrefixOfItsOptionAndRefusesEverythingElse) {
-    TestFuture a, b;
-    TestFuture none(0);
+    TestFuture a, b, none(0);
     a.finishedWith({scalar(1)});
     b.running().task->result = OutputsOrError(std::optional<DvArrayVector>({scalar(2)}));
     none.finishedWith({});
