@@ -1,8 +1,8 @@
 // The demo's kind of evaluations on a cluster pool, whose workers are the
 // processes of an MPI job:
 //
-//   mpirun -n 4 build/release/examples/cluster                      # this machine
-//   mpirun -n 9 --hostfile hosts build/release/examples/cluster     # across machines
+//   scripts/cluster-run -n 3 build/release/examples/cluster                   # this machine
+//   scripts/cluster-run -n 9 --hostfile hosts build/release/examples/cluster  # across machines
 //
 // Rank 0 runs the interpreter and the futures; every other rank is a worker.
 // Every process registers the same functions, since functions cross by name.

@@ -4,25 +4,26 @@
 // to each worker:
 //
 //   the control channel, a TCP connection (ControlChannel.hpp), carries small
-//   frames, a tag and a 64-bit value, that wake the other side: a blocked
+//   frames (Frame: a tag and a 64-bit value) that wake the other side: a blocked
 //   thread waits on sockets, never polls MPI. Its end is the news of a lost
 //   process: the kernel closes a dead process's sockets.
 //
-//     client -> worker   kWake   MPI messages follow (value: how many)
-//                        kStop   stop the evaluation with this id, or skip it
-//                                if it has not started
-//                        kExit   leave serve(): the client ends the cluster
-//                                (value 1: a process is lost, skip MPI_Finalize)
-//     worker -> client   kWake     MPI messages follow (value: how many)
-//                        kStarted  the evaluation with this id starts now:
-//                                  sent before it runs, so that the client
-//                                  knows what a lost worker may have run;
-//                                  held back (corked) while more tasks are
-//                                  queued behind it
-//                        kPush     nothing: sends the frames held back
+//     client -> worker   Wake     MPI messages follow (value: how many)
+//                        Stop     stop the evaluation with this id, or skip
+//                                 it if it has not started
+//                        Exit     leave serve(): the client ends the cluster
+//                                 (value 1: a process is lost, skip
+//                                 MPI_Finalize)
+//     worker -> client   Wake     MPI messages follow (value: how many)
+//                        Started  the evaluation with this id starts now:
+//                                 sent before it runs, so that the client
+//                                 knows what a lost worker may have run;
+//                                 held back (corked) while more tasks are
+//                                 queued behind it
+//                        Push     nothing: sends the frames held back
 //
 //   MPI, on the cluster's own communicator, carries the data: byte buffers
-//   (MPI_CHAR), sent without blocking and then announced by a kWake frame,
+//   (MPI_CHAR), sent without blocking and then announced by a Wake frame,
 //   so that a small one has arrived when the frame wakes the receiver.
 //
 //     client -> worker   kTasks    a batch of encoded evaluations (Batch.hpp)

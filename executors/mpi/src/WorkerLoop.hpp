@@ -17,7 +17,7 @@
 // without a hand-over. An idle worker has one thread asleep in poll() and
 // the other on a condition variable.
 //
-// States: Serving -(kExit, or the client's end of the socket)-> Leaving
+// States: Serving -(Exit, or the client's end of the socket)-> Leaving
 // (queued work is skipped, a running function is asked to stop) -> Ended
 // (both threads are out and the reports are sent).
 //
