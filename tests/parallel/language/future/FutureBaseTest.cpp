@@ -65,7 +65,7 @@ TEST(FutureBase, OutputsAreCachedOnceFinishedAndReadBackAsIndependentValues) {
     EXPECT_EQ(valueOf(f.future->getOutputs().getAsSingle()->at(0).get()), 1.0);
     EXPECT_FALSE(f.future->hasError());
     EXPECT_EQ(f.task->outputsCalls, 1);
-    // One task's outputs in cells of their own (concatenated: FetchOutputsTest.cpp).
+    // One task's outputs in cells of their own (concatenated: FutureMethodsTest.cpp).
     const DvArrayVector cells = f.future->getOutputsAs(2, OutputFormat::Cell);
     ASSERT_EQ(cells.size(), 2u);
     EXPECT_EQ(dvGetDimensions(cells[1].get()), (matrix::Dimensions{1, 1}));
