@@ -50,7 +50,6 @@ public:
         bytes_.append(result);
         ++count_;
     }
-    std::size_t count() const noexcept { return count_; }
     std::size_t size() const noexcept { return bytes_.size(); }
     bool empty() const noexcept { return count_ == 0; }
     protocol::Bytes take() noexcept {
@@ -88,8 +87,6 @@ public:
         closeBatch();
         messages_.push_back({aloneTag_, std::move(encoded)});
     }
-    Writer& open() noexcept { return open_; }
-    void countItem() noexcept { ++items_; }
     std::size_t items() const noexcept { return items_; }
     bool empty() const noexcept { return items_ == 0; }
     std::size_t bytes() const noexcept {
