@@ -167,15 +167,22 @@ protected:
         return !inHand_.at(worker) && (!pinned_[worker].empty() || !waiting_.empty());
     }
 
-    // Puts the next task for `worker` (its own pinned ones first) in its
-    // hand; null when none waits.
-    TaskPtr takeFor(std::size_t worker) QZ_REQUIRES(mutex_) {
+    // Takes the next task for `worker` (its own pinned ones first) out of the
+    // queue; null when none waits. An executor whose workers hold several
+    // tasks keeps them itself.
+    TaskPtr popFor(std::size_t worker) QZ_REQUIRES(mutex_) {
         std::deque<TaskPtr>& from = pinned_.at(worker).empty() ? waiting_ : pinned_[worker];
         if (from.empty()) {
             return nullptr;
         }
-        inHand_[worker] = std::move(from.front());
+        TaskPtr task = std::move(from.front());
         from.pop_front();
+        return task;
+    }
+
+    // Puts the next task for `worker` in its hand; null when none waits.
+    TaskPtr takeFor(std::size_t worker) QZ_REQUIRES(mutex_) {
+        inHand_.at(worker) = popFor(worker);
         return inHand_[worker];
     }
 

@@ -203,27 +203,22 @@ void ClientLink::readFrames(const std::vector<bool>& ready, std::vector<Event>& 
 }
 
 void ClientLink::receiveReports(std::vector<Event>& events) {
+    std::vector<protocol::Message> messages;
     for (std::size_t worker = 0; worker < announced_.size(); ++worker) {
-        while (announced_[worker] > 0) {
-            const auto status = protocol::probeAnnounced(comm_, ranks_[worker]);
-            if (!status) {
-                if (gone_[worker]) {
-                    announced_[worker] = 0; // it died before it sent
-                }
-                break;
-            }
-            ControlSocket& control = *control_[worker];
-            const auto message =
-                protocol::receive(comm_, *status, [&control] { return control.peerClosed(); });
-            --announced_[worker];
-            if (message && message->tag == protocol::kReports) {
-                readReports(worker, message->bytes, events);
-            } else if (message && message->tag == protocol::kResult) {
-                codec::ResultMessage result = codec::decodeResult(message->bytes);
-                if (auto task = work_->finish(worker, result.id)) {
-                    lastRun_[worker] = kShortRunMicros; // large: as if it ran long
-                    events.push_back({std::move(task), Event::Finished, std::move(result), worker});
-                }
+        ControlSocket& control = *control_[worker];
+        messages.clear();
+        protocol::receiveAnnounced(
+            comm_, ranks_[worker], announced_[worker], [&control] { return control.peerClosed(); },
+            [&messages](protocol::Message& message) { messages.push_back(std::move(message)); });
+        if (gone_[worker]) {
+            announced_[worker] = 0; // it died before it sent the rest
+        }
+        for (const protocol::Message& message : messages) {
+            if (message.tag == protocol::kReports) {
+                readReports(worker, message.bytes, events);
+            } else if (message.tag == protocol::kResult) {
+                // A large result alone: as if it ran long.
+                finished(worker, codec::decodeResult(message.bytes), kShortRunMicros, events);
             }
         }
     }
@@ -233,19 +228,21 @@ void ClientLink::readReports(std::size_t worker, std::string_view bytes,
                              std::vector<Event>& events) {
     batch::Reader reader(bytes);
     while (const auto item = reader.nextReport()) {
-        std::shared_ptr<ClusterTask> task = work_->finish(worker, item->id);
-        if (!task) {
-            continue; // not in flight there: a report this build cannot have sent
-        }
-        Event event{std::move(task),
-                    item->kind == batch::Report::Skipped ? Event::Skipped : Event::Finished,
-                    std::nullopt, worker};
         if (item->kind == batch::Report::Finished) {
-            lastRun_[worker] = item->runMicros;
-            event.result = codec::decodeResult(item->result);
+            finished(worker, codec::decodeResult(item->result), item->runMicros, events);
+        } else if (auto task = work_->finish(worker, item->id)) {
+            events.push_back({std::move(task), Event::Skipped, std::nullopt, worker});
         }
-        events.push_back(std::move(event));
     }
+}
+
+void ClientLink::finished(std::size_t worker, codec::ResultMessage result, std::uint64_t runMicros,
+                          std::vector<Event>& events) {
+    if (auto task = work_->finish(worker, result.id)) {
+        lastRun_[worker] = runMicros;
+        events.push_back({std::move(task), Event::Finished, std::move(result), worker});
+    }
+    // Else not in flight there: a report this build cannot have sent.
 }
 
 void ClientLink::send(const WorkList::Send& send, std::vector<Event>& events) {
@@ -269,17 +266,9 @@ void ClientLink::send(const WorkList::Send& send, std::vector<Event>& events) {
     if (tasks.empty()) {
         return;
     }
-    std::vector<protocol::Message> messages = tasks.take();
-    // The messages first: a small one is at the worker by the time the frame
-    // wakes it (a large one moves while both sides call MPI).
-    const std::size_t count = messages.size();
-    for (protocol::Message& message : messages) {
-        outbox_.send(ranks_[send.worker], message.tag, std::move(message.bytes));
-    }
-    if (!control_[send.worker]->write(protocol::Frame::Wake, count)) {
+    if (!sendAnnounced(outbox_, *control_[send.worker], ranks_[send.worker], tasks.take())) {
         gone_[send.worker] = true;
     }
-    outbox_.progress(); // a small message is done at once
 }
 
 void ClientLink::deliver(Event& event) {

@@ -97,6 +97,10 @@ private:
     void receiveReports(std::vector<Event>& events) QZ_REQUIRES(mpiMutex_);
     void readReports(std::size_t worker, std::string_view bytes, std::vector<Event>& events)
         QZ_REQUIRES(mpiMutex_);
+    // Takes the task of `result` out of flight at `worker` and adds its
+    // Finished event; nothing if it is not in flight there.
+    void finished(std::size_t worker, codec::ResultMessage result, std::uint64_t runMicros,
+                  std::vector<Event>& events) QZ_REQUIRES(mpiMutex_);
     // Encodes and sends a worker's tasks; one that cannot be encoded fails
     // through `events`.
     void send(const WorkList::Send& send, std::vector<Event>& events) QZ_REQUIRES(mpiMutex_);

@@ -185,6 +185,17 @@ connectControlChannels(const boost::mpi::communicator& comm) {
     return sockets;
 }
 
+bool sendAnnounced(protocol::Outbox& outbox, ControlSocket& control, int rank,
+                   std::vector<protocol::Message> messages) {
+    const std::size_t count = messages.size();
+    for (protocol::Message& message : messages) {
+        outbox.send(rank, message.tag, std::move(message.bytes));
+    }
+    const bool written = control.write(protocol::Frame::Wake, count);
+    outbox.progress(); // a small message is done at once
+    return written;
+}
+
 void waitReadable(const std::vector<int>& fds, std::vector<bool>& ready,
                   std::chrono::microseconds timeout) {
     std::vector<pollfd> polled;

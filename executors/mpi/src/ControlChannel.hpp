@@ -88,6 +88,13 @@ private:
 std::vector<std::unique_ptr<ControlSocket>>
 connectControlChannels(const boost::mpi::communicator& comm);
 
+// Sends `messages` to `rank` without blocking, then the Wake frame that
+// announces them: a small message has arrived by the time the frame wakes
+// the peer, a large one moves while both sides call MPI. False when the
+// peer's control connection is gone. The thread that owns `outbox`.
+bool sendAnnounced(protocol::Outbox& outbox, ControlSocket& control, int rank,
+                   std::vector<protocol::Message> messages);
+
 // Waits until one of `fds` is readable or `timeout` passes (negative: no
 // limit); the readable ones are flagged in `ready`.
 void waitReadable(const std::vector<int>& fds, std::vector<bool>& ready,

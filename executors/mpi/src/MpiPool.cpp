@@ -35,7 +35,6 @@ std::size_t checkedNumWorkers(const Cluster& cluster, std::size_t available,
 } // namespace
 
 struct MpiPool::Impl {
-    std::size_t numWorkers = 0;
     std::shared_ptr<ClientLink> link;
 
     // Makes the tasks of submissions. What cannot be sent is refused before
@@ -63,8 +62,8 @@ MpiPool::MpiPool(Cluster& cluster, std::optional<std::size_t> numWorkers)
     if (!cluster.isClient()) {
         throw errors::NotClient();
     }
-    impl_->numWorkers = checkedNumWorkers(cluster, cluster.impl_->liveRanks().size(), numWorkers);
-    impl_->link = cluster.impl_->openLink(impl_->numWorkers);
+    impl_->link = cluster.impl_->openLink(
+        checkedNumWorkers(cluster, cluster.impl_->liveRanks().size(), numWorkers));
 }
 
 MpiPool::~MpiPool() {

@@ -165,4 +165,20 @@ std::optional<Message> receive(const boost::mpi::communicator& comm,
     return message;
 }
 
+void receiveAnnounced(const boost::mpi::communicator& comm, int source, std::size_t& announced,
+                      const std::function<bool()>& gone,
+                      const std::function<void(Message&)>& take) {
+    while (announced > 0) {
+        const auto status = probeAnnounced(comm, source);
+        if (!status) {
+            return;
+        }
+        std::optional<Message> message = receive(comm, *status, gone);
+        --announced;
+        if (message) {
+            take(*message);
+        }
+    }
+}
+
 } // namespace mpipool::protocol

@@ -125,4 +125,11 @@ struct Message {
 std::optional<Message> receive(const boost::mpi::communicator& comm,
                                const boost::mpi::status& status, const std::function<bool()>& gone);
 
+// Receives the messages from `source` that were announced (`announced`
+// counts them off) and have arrived, handing each one read whole to `take`;
+// stops at the first that has not arrived. `gone` as for receive. The thread
+// that owns the process's MPI side.
+void receiveAnnounced(const boost::mpi::communicator& comm, int source, std::size_t& announced,
+                      const std::function<bool()>& gone, const std::function<void(Message&)>& take);
+
 } // namespace mpipool::protocol

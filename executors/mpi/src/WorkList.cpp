@@ -17,8 +17,7 @@ WorkList::Orders WorkList::takeOrders(const std::vector<std::size_t>& window) {
             // Work pinned there, or, with no worker left, any work.
             std::ranges::move(takePinnedOf(worker), std::back_inserter(orders.unrunnable));
             while (!anyLive && hasWorkFor(worker)) {
-                orders.unrunnable.push_back(takeFor(worker));
-                inHand_[worker] = nullptr;
+                orders.unrunnable.push_back(popFor(worker));
             }
             continue;
         }
@@ -32,8 +31,7 @@ WorkList::Orders WorkList::takeOrders(const std::vector<std::size_t>& window) {
 void WorkList::fillWindow(std::size_t worker, std::size_t window, std::vector<Send>& sends) {
     Send send{worker, {}};
     while (flight_[worker].size() < window && hasWorkFor(worker)) {
-        TaskPtr task = takeFor(worker);
-        inHand_[worker] = nullptr; // in flight instead: a worker may hold several
+        TaskPtr task = popFor(worker); // in flight, not in hand: a worker holds several
         flight_[worker].push_back({task});
         send.tasks.push_back(std::move(task));
     }

@@ -235,36 +235,25 @@ bool WorkerLoop::handleFrames(std::vector<FrameMessage>& frames) {
 
 void WorkerLoop::receiveAnnounced() {
     const LockGuard mpi(mpiMutex_);
-    while (announced_ > 0) {
-        const auto status = protocol::probeAnnounced(comm_, protocol::kClientRank);
-        if (!status) {
-            return;
-        }
-        std::optional<protocol::Message> message =
-            protocol::receive(comm_, *status, [this] { return control_.peerClosed(); });
-        --announced_;
-        if (message && message->tag == protocol::kTasks) {
-            queueTasks(message->bytes);
-        } else if (message && message->tag == protocol::kTask) {
-            codec::TaskMessage task = codec::decodeTask(message->bytes);
-            const LockGuard lock(mutex_);
-            queue_.push_back(std::move(task));
-        } else {
-            std::cerr << "mpipool: worker " << comm_.rank() << " ignored a message" << std::endl;
-        }
-    }
+    protocol::receiveAnnounced(
+        comm_, protocol::kClientRank, announced_, [this] { return control_.peerClosed(); },
+        [this](protocol::Message& message) { queueTasks(message); });
 }
 
-void WorkerLoop::queueTasks(const protocol::Bytes& bytes) {
-    batch::Reader reader(bytes);
-    std::deque<codec::TaskMessage> tasks;
-    while (const auto item = reader.nextTask()) {
-        tasks.push_back(codec::decodeTask(*item));
+void WorkerLoop::queueTasks(const protocol::Message& message) {
+    std::vector<codec::TaskMessage> tasks;
+    if (message.tag == protocol::kTask) {
+        tasks.push_back(codec::decodeTask(message.bytes)); // a large one alone
+    } else if (message.tag == protocol::kTasks) {
+        batch::Reader reader(message.bytes);
+        while (const auto item = reader.nextTask()) {
+            tasks.push_back(codec::decodeTask(*item));
+        }
+    } else {
+        std::cerr << "mpipool: worker " << comm_.rank() << " ignored a message" << std::endl;
     }
     const LockGuard lock(mutex_);
-    for (auto& task : tasks) {
-        queue_.push_back(std::move(task));
-    }
+    std::ranges::move(tasks, std::back_inserter(queue_));
 }
 
 void WorkerLoop::stop(codec::TaskId id) {
@@ -310,14 +299,7 @@ void WorkerLoop::sendReports(bool force) {
         startHeldBack_ = false; // the wake frame sends what was held back
         messages = reports_.take();
     }
-    // The messages first: a small one is at the client by the time the frame
-    // wakes it (a large one moves while both sides call MPI).
-    const std::size_t count = messages.size();
-    for (protocol::Message& message : messages) {
-        outbox_.send(protocol::kClientRank, message.tag, std::move(message.bytes));
-    }
-    control_.write(protocol::Frame::Wake, count);
-    outbox_.progress(); // a small message is done at once
+    sendAnnounced(outbox_, control_, protocol::kClientRank, std::move(messages));
 }
 
 } // namespace mpipool

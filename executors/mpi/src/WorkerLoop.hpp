@@ -74,7 +74,8 @@ private:
     bool handleFrames(std::vector<FrameMessage>& frames) QZ_EXCLUDES(mutex_);
     // Receives the announced MPI messages that have arrived. The reader.
     void receiveAnnounced() QZ_EXCLUDES(mutex_, mpiMutex_);
-    void queueTasks(const protocol::Bytes& batch) QZ_EXCLUDES(mutex_);
+    // Decodes a kTasks batch or a lone kTask and queues its tasks.
+    void queueTasks(const protocol::Message& message) QZ_EXCLUDES(mutex_);
     void stop(codec::TaskId id) QZ_EXCLUDES(mutex_);
     void leave(bool clientGone) QZ_EXCLUDES(mutex_);
     // Sends the reports if they are due (or `force`). Either thread.
