@@ -201,6 +201,23 @@ void setElement(dvArray* array, std::size_t i, matrix::unique_dvArray element) {
     dvSetField(array, i / fields.size(), fields[i % fields.size()], std::move(element));
 }
 
+// The name of the function handle `handle`, which must be registered.
+const std::string& registeredName(const dvArray* handle) {
+    const std::string& name = dvGetFunctionHandleName(handle);
+    if (!isRegistered(name)) {
+        throw errors::UnregisteredFunction(toUtf16(name));
+    }
+    return name;
+}
+
+// How many arrays `array` holds (for a structure, elements times fields).
+std::size_t heldCount(const dvArray* array) {
+    if (dvGetClassID(array) == ClassID::Cell) {
+        return dvGetNumberOfElements(array);
+    }
+    return dvGetNumberOfElements(array) * dvGetFieldNames(array).size();
+}
+
 // Writes one array without the arrays it holds; returns how many it holds.
 std::size_t saveOne(Writer& out, const dvArray* array) {
     const Kind kind = kindOf(array);
@@ -224,23 +241,18 @@ std::size_t saveOne(Writer& out, const dvArray* array) {
         out.putText(dvGetChars(array));
         return 0;
     case Kind::Cell:
-        return dvGetNumberOfElements(array);
+        return heldCount(array);
     case Kind::Struct: {
         const std::vector<std::string>& fields = dvGetFieldNames(array);
         out.putCount(fields.size());
         for (const std::string& field : fields) {
             out.putText(std::string_view(field));
         }
-        return dvGetNumberOfElements(array) * fields.size();
+        return heldCount(array);
     }
-    case Kind::FunctionHandle: {
-        const std::string& name = dvGetFunctionHandleName(array);
-        if (!isRegistered(name)) {
-            throw errors::UnregisteredFunction(toUtf16(name));
-        }
-        out.putText(std::string_view(name));
+    case Kind::FunctionHandle:
+        out.putText(std::string_view(registeredName(array)));
         return 0;
-    }
     case Kind::Null:
         break;
     }
@@ -485,12 +497,34 @@ Envelope toEnvelope(const std::exception_ptr& error) {
     }
 }
 
+void checkSendable(const dvArray* function, const DvArrayVector& inputs) {
+    registeredName(function);
+    std::vector<const dvArray*> unchecked;
+    for (const auto& input : inputs) {
+        unchecked.push_back(input.get());
+    }
+    while (!unchecked.empty()) {
+        const dvArray* array = unchecked.back();
+        unchecked.pop_back();
+        switch (kindOf(array)) {
+        case Kind::FunctionHandle:
+            registeredName(array);
+            break;
+        case Kind::Cell:
+        case Kind::Struct:
+            for (std::size_t i = 0, n = heldCount(array); i < n; ++i) {
+                unchecked.push_back(elementOf(array, i));
+            }
+            break;
+        default:
+            break;
+        }
+    }
+}
+
 protocol::Bytes encodeTask(TaskId id, const dvArray* function, unsigned int numOutputs,
                            const DvArrayVector& inputs) {
-    const std::string& name = dvGetFunctionHandleName(function);
-    if (!isRegistered(name)) {
-        throw errors::UnregisteredFunction(toUtf16(name));
-    }
+    const std::string& name = registeredName(function);
     return written([&](Writer& out) {
         out.put(id);
         out.putText(std::string_view(name));

@@ -46,6 +46,11 @@ inline constexpr std::size_t kMaxCauseDepth = 256;
 protocol::Bytes encodeTask(TaskId id, const dvArray* function, unsigned int numOutputs,
                            const DvArrayVector& inputs);
 
+// What encodeTask would refuse, found without encoding (the cluster pool
+// checks at submit and encodes when it sends): the same errors. Walks nested
+// cells and structs without recursion.
+void checkSendable(const dvArray* function, const DvArrayVector& inputs);
+
 struct TaskMessage {
     TaskId id = 0;
     std::string function;

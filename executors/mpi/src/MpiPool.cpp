@@ -2,7 +2,6 @@
 
 #include "ClusterImpl.hpp"
 #include "MpiErrors.hpp"
-#include "Sendable.hpp"
 
 #include <executor/Submission.hpp>
 
@@ -43,7 +42,7 @@ struct MpiPool::Impl {
         return [work = link->getWorkList()](const boost::intrusive_ptr<dvArray>& function,
                                             unsigned int numOutputs, const DvArrayVector& inputs,
                                             std::optional<std::size_t> worker) {
-            checkSendable(function.get(), inputs);
+            codec::checkSendable(function.get(), inputs);
             return std::make_shared<ClusterTask>(gNextTaskId++, function, numOutputs, inputs, work,
                                                  worker);
         };
