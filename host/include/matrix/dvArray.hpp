@@ -8,11 +8,13 @@
 // released with matrix::to_korvex carries one reference that the receiver
 // must give back through matrix::destroyArray or matrix::from_korvex.
 //
-// Values: a shared copy (do_shared_copy) shares the element storage and
-// behaves as an independent value; every write detaches shared storage first
-// (copy-on-write), except dvSetCell/dvSetField, which refuse to write shared
-// storage. Arrays may be read from any thread; a given array object is written
-// by one thread at a time. Reference counting is thread-safe.
+// Values: a shared copy (do_shared_copy) shares the element storage and the
+// dimensions and behaves as an independent value; every write detaches
+// shared storage first (copy-on-write), except dvSetCell/dvSetField, which
+// refuse to write shared storage. An array's dimensions never change. Arrays
+// may be read from any thread; a given array object is written by one thread
+// at a time. Reference counting is thread-safe. An array's root record is
+// made when first asked for.
 //
 // Element order is column-major throughout.
 
@@ -109,15 +111,17 @@ public:
 
 private:
     friend struct matrix::detail::ArrayAccess;
-    dvArray_tag(matrix::ClassID classID, matrix::Dimensions dims,
-                std::shared_ptr<matrix::detail::Storage> data);
+    dvArray_tag(matrix::ClassID classID, std::shared_ptr<const matrix::Dimensions> dims,
+                boost::intrusive_ptr<matrix::detail::Storage> data);
     ~dvArray_tag();
 
     mutable std::atomic<long> refs_{1};
     matrix::ClassID classID_;
-    matrix::Dimensions dims_;
-    std::shared_ptr<matrix::detail::Storage> data_;
-    matrix::RootRecordPtr root_;
+    // Fixed for the array's life; shared with its shared copies.
+    std::shared_ptr<const matrix::Dimensions> dims_;
+    boost::intrusive_ptr<matrix::detail::Storage> data_;
+    // Null until first asked for.
+    mutable std::atomic<matrix::RootRecordPtr> root_;
 };
 
 QZHOST_API void intrusive_ptr_add_ref(const dvArray* array) noexcept;

@@ -63,19 +63,19 @@ std::size_t valuePosition(const StructData& structure, std::size_t index, std::s
 } // namespace
 
 std::span<const double> dvGetDoubles(const dvArray* array) {
-    return valueOf<std::vector<double>>(checked(array, ClassID::Double, notDouble));
+    return valueOf<Doubles>(checked(array, ClassID::Double, notDouble));
 }
 
 std::span<double> dvGetMutableDoubles(dvArray* array) {
-    return detachedValueOf<std::vector<double>>(checked(array, ClassID::Double, notDouble));
+    return detachedValueOf<Doubles>(checked(array, ClassID::Double, notDouble));
 }
 
 std::span<const std::uint8_t> dvGetLogicals(const dvArray* array) {
-    return valueOf<std::vector<std::uint8_t>>(checked(array, ClassID::Logical, notLogical));
+    return valueOf<Logicals>(checked(array, ClassID::Logical, notLogical));
 }
 
 std::span<std::uint8_t> dvGetMutableLogicals(dvArray* array) {
-    return detachedValueOf<std::vector<std::uint8_t>>(checked(array, ClassID::Logical, notLogical));
+    return detachedValueOf<Logicals>(checked(array, ClassID::Logical, notLogical));
 }
 
 std::u16string_view dvGetChars(const dvArray* array) {

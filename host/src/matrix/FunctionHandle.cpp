@@ -17,7 +17,7 @@ const FunctionData& functionOf(const dvArray* function) {
 
 matrix::unique_dvArray matrix::createFunctionHandle(std::string name, FunctionBody body) {
     return ArrayAccess::make(
-        ClassID::FunctionHandle, {1, 1},
+        ClassID::FunctionHandle, matrix::Dimensions(), // 1-by-1
         FunctionData{std::move(name), std::make_shared<const FunctionBody>(std::move(body))});
 }
 

@@ -37,6 +37,20 @@ bool RootRecord::isAccountedTo(const RootRecord* owner) const {
 
 } // namespace matrix
 
+matrix::RootRecordPtr matrix::detail::ArrayAccess::root(const dvArray* array) {
+    RootRecordPtr current = array->root_.load(std::memory_order_acquire);
+    if (current) {
+        return current;
+    }
+    auto fresh = std::make_shared<RootRecord>();
+    // A thread that lost the race takes the winner's record.
+    if (array->root_.compare_exchange_strong(current, fresh, std::memory_order_acq_rel,
+                                             std::memory_order_acquire)) {
+        return fresh;
+    }
+    return current;
+}
+
 matrix::RootRecordPtr dvGetRootRecordForArray(const dvArray* array) {
     return array ? matrix::detail::ArrayAccess::root(array) : nullptr;
 }

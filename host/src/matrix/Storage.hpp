@@ -5,6 +5,8 @@
 
 #include <matrix/dvArray.hpp>
 
+#include <boost/container/small_vector.hpp>
+
 #include <algorithm>
 #include <atomic>
 #include <cstddef>
@@ -63,38 +65,70 @@ struct ObjectData {
     mutable ObjectsMemoSlot memo;
 };
 
+// Numeric elements. A few are kept inline (within the room the largest
+// alternative of StorageValue takes anyway), so that a scalar's storage is a
+// single allocation.
+using Doubles = boost::container::small_vector<double, 4>;
+using Logicals = boost::container::small_vector<std::uint8_t, 32>;
+
 // One alternative per class: Double, Logical (0/1), Char (UTF-16), Cell,
 // Struct, FunctionHandle, Object, String.
-using StorageValue = std::variant<std::vector<double>, std::vector<std::uint8_t>, std::u16string,
-                                  CellData, StructData, FunctionData, ObjectData, StringData>;
+using StorageValue = std::variant<Doubles, Logicals, std::u16string, CellData, StructData,
+                                  FunctionData, ObjectData, StringData>;
 
+// The element storage, shared by an array and its shared copies through
+// StorageRef. The last reference deletes it.
 struct Storage {
-    explicit Storage(StorageValue v) : value(std::move(v)) {}
+    // Constructs the value from `args` (e.g. std::in_place_type<Doubles>,
+    // count): numeric elements are built in place rather than moved in.
+    template <class... Args>
+    explicit Storage(Args&&... args) : value(std::forward<Args>(args)...) {}
 
     StorageValue value;
-    // The number of arrays using this storage (the shared_ptr's use count
-    // among arrays). Counted here, with release on leaving and acquire on the
-    // "am I the only user" test, so that a writer that finds itself alone
-    // sees every read of users released on other threads.
+    // The number of arrays using this storage. Released on leaving and
+    // acquired on the "am I the only user" test, so that a writer that finds
+    // itself alone sees every read of users released on other threads.
     std::atomic<long> users{0};
 };
 
+// Any thread.
+inline void intrusive_ptr_add_ref(Storage* storage) noexcept {
+    storage->users.fetch_add(1, std::memory_order_relaxed);
+}
+inline void intrusive_ptr_release(Storage* storage) noexcept {
+    if (storage->users.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        delete storage;
+    }
+}
+using StorageRef = boost::intrusive_ptr<Storage>;
+using Shape = std::shared_ptr<const Dimensions>;
+
+// `dims` with at least two entries (missing ones are 1) and no trailing
+// singleton beyond the second.
+Dimensions normalized(Dimensions dims);
+// normalized(dims), held for an array. The common small shapes (1-by-1,
+// 0-by-0, 1-by-0, 0-by-1) are one immutable instance each, shared without
+// allocating.
+Shape shapeOf(const Dimensions& dims);
+// The product of `dims` (the same for normalized(dims)); std::length_error
+// when it overflows.
+std::size_t countOf(const Dimensions& dims);
+
 struct ArrayAccess {
-    static unique_dvArray make(ClassID classID, const Dimensions& dims,
-                               std::shared_ptr<Storage> data);
+    static unique_dvArray make(ClassID classID, Shape shape, StorageRef data);
     static unique_dvArray make(ClassID classID, const Dimensions& dims, StorageValue value) {
-        return make(classID, dims, std::make_shared<Storage>(std::move(value)));
+        return make(classID, shapeOf(dims), StorageRef(new Storage(std::move(value))));
     }
     static void destroy(const dvArray* array) noexcept { delete array; }
 
     static std::atomic<long>& refs(const dvArray* array) noexcept { return array->refs_; }
     static ClassID classID(const dvArray* array) noexcept { return array->classID_; }
-    static const Dimensions& dims(const dvArray* array) noexcept { return array->dims_; }
+    static const Dimensions& dims(const dvArray* array) noexcept { return *array->dims_; }
+    static const Shape& shape(const dvArray* array) noexcept { return array->dims_; }
     static const Storage& data(const dvArray* array) noexcept { return *array->data_; }
-    static const std::shared_ptr<Storage>& sharedData(const dvArray* array) noexcept {
-        return array->data_;
-    }
-    static const RootRecordPtr& root(const dvArray* array) noexcept { return array->root_; }
+    static const StorageRef& sharedData(const dvArray* array) noexcept { return array->data_; }
+    // The array's root record, made on the first request. Any thread.
+    static RootRecordPtr root(const dvArray* array);
 
     static bool isShared(const dvArray* array) noexcept {
         return array->data_->users.load(std::memory_order_acquire) > 1;
@@ -102,12 +136,6 @@ struct ArrayAccess {
     // The storage to write in place; a shared one is copied first.
     static Storage& detached(dvArray* array);
 };
-
-// `dims` with at least two entries (missing ones are 1) and no trailing
-// singleton beyond the second.
-Dimensions normalized(Dimensions dims);
-// The product of `dims`; std::length_error when it overflows.
-std::size_t countOf(const Dimensions& dims);
 
 // `array` when it is non-null and of class `id`; std::invalid_argument
 // `message` otherwise.

@@ -16,15 +16,10 @@ using matrix::Dimensions;
 using matrix::unique_dvArray;
 using namespace matrix::detail;
 
-dvArray_tag::dvArray_tag(ClassID classID, Dimensions dims, std::shared_ptr<Storage> data)
-    : classID_(classID), dims_(std::move(dims)), data_(std::move(data)),
-      root_(std::make_shared<matrix::RootRecord>()) {
-    data_->users.fetch_add(1, std::memory_order_relaxed);
-}
+dvArray_tag::dvArray_tag(ClassID classID, Shape dims, StorageRef data)
+    : classID_(classID), dims_(std::move(dims)), data_(std::move(data)) {}
 
-dvArray_tag::~dvArray_tag() {
-    data_->users.fetch_sub(1, std::memory_order_release);
-}
+dvArray_tag::~dvArray_tag() = default;
 
 void intrusive_ptr_add_ref(const dvArray* array) noexcept {
     if (array) {
@@ -80,17 +75,13 @@ void dvDestroy_deleter::operator()(dvArray* array) const noexcept {
     intrusive_ptr_release(array);
 }
 
-unique_dvArray ArrayAccess::make(ClassID classID, const Dimensions& dims,
-                                 std::shared_ptr<Storage> data) {
-    return unique_dvArray(new dvArray(classID, normalized(dims), std::move(data)));
+unique_dvArray ArrayAccess::make(ClassID classID, Shape shape, StorageRef data) {
+    return unique_dvArray(new dvArray(classID, std::move(shape), std::move(data)));
 }
 
 Storage& ArrayAccess::detached(dvArray* array) {
     if (isShared(array)) {
-        auto fresh = std::make_shared<Storage>(array->data_->value);
-        fresh->users.store(1, std::memory_order_relaxed);
-        array->data_->users.fetch_sub(1, std::memory_order_release);
-        array->data_ = std::move(fresh);
+        array->data_ = StorageRef(new Storage(array->data_->value));
     }
     return *array->data_;
 }
@@ -103,6 +94,24 @@ Dimensions normalized(Dimensions dims) {
         dims.pop_back();
     }
     return dims;
+}
+
+namespace {
+// The shapes m-by-n with m, n in {0, 1}, at index 2 * m + n.
+const Dimensions smallShapes[] = {{0, 0}, {0, 1}, {1, 0}, {1, 1}};
+} // namespace
+
+Shape shapeOf(const Dimensions& dims) {
+    std::size_t length = dims.size();
+    while (length > 2 && dims[length - 1] == 1) {
+        --length;
+    }
+    const std::size_t rows = length > 0 ? dims[0] : 1;
+    const std::size_t columns = length > 1 ? dims[1] : 1;
+    if (length <= 2 && rows <= 1 && columns <= 1) {
+        return Shape(Shape(), &smallShapes[2 * rows + columns]); // owns nothing
+    }
+    return std::make_shared<const Dimensions>(normalized(dims));
 }
 
 std::size_t countOf(const Dimensions& dims) {
@@ -128,20 +137,21 @@ dvArray* checked(dvArray* array, ClassID id, const char* message) {
 }
 
 unique_dvArray do_create_cell(const Dimensions& dims) {
-    return ArrayAccess::make(ClassID::Cell, dims,
-                             CellData{std::vector<ArrayRef>(countOf(normalized(dims)))});
+    return ArrayAccess::make(ClassID::Cell, dims, CellData{std::vector<ArrayRef>(countOf(dims))});
 }
 
 unique_dvArray do_create_numeric(const Dimensions& dims, ClassID classID, bool real) {
     if (!real) {
         throw std::invalid_argument("Complex arrays are not supported.");
     }
-    const std::size_t count = countOf(normalized(dims));
+    const std::size_t count = countOf(dims);
     switch (classID) {
     case ClassID::Double:
-        return ArrayAccess::make(classID, dims, std::vector<double>(count));
+        return ArrayAccess::make(classID, shapeOf(dims),
+                                 StorageRef(new Storage(std::in_place_type<Doubles>, count)));
     case ClassID::Logical:
-        return ArrayAccess::make(classID, dims, std::vector<std::uint8_t>(count));
+        return ArrayAccess::make(classID, shapeOf(dims),
+                                 StorageRef(new Storage(std::in_place_type<Logicals>, count)));
     default:
         throw std::invalid_argument("Numeric arrays are double or logical.");
     }
@@ -158,7 +168,7 @@ unique_dvArray do_create_struct(const Dimensions& dims,
             throw std::invalid_argument("Wrong field name.");
         }
     }
-    std::size_t count = countOf(normalized(dims));
+    std::size_t count = countOf(dims);
     if (__builtin_mul_overflow(count, fieldNames.size(), &count)) {
         throw std::length_error("Array dimensions are too large.");
     }
@@ -170,7 +180,7 @@ unique_dvArray do_shared_copy(const dvArray* array) {
     if (!array) {
         return nullptr;
     }
-    return ArrayAccess::make(ArrayAccess::classID(array), ArrayAccess::dims(array),
+    return ArrayAccess::make(ArrayAccess::classID(array), ArrayAccess::shape(array),
                              ArrayAccess::sharedData(array));
 }
 
@@ -184,14 +194,14 @@ unique_dvArray do_deep_copy(const dvArray* array) {
     if (!array) {
         return nullptr;
     }
-    StorageValue value = ArrayAccess::data(array).value;
-    if (auto* cell = std::get_if<CellData>(&value)) {
+    StorageRef copy(new Storage(ArrayAccess::data(array).value));
+    if (auto* cell = std::get_if<CellData>(&copy->value)) {
         std::ranges::transform(cell->elements, cell->elements.begin(), deepCopyOf);
-    } else if (auto* structure = std::get_if<StructData>(&value)) {
+    } else if (auto* structure = std::get_if<StructData>(&copy->value)) {
         std::ranges::transform(structure->values, structure->values.begin(), deepCopyOf);
     }
-    return ArrayAccess::make(ArrayAccess::classID(array), ArrayAccess::dims(array),
-                             std::move(value));
+    return ArrayAccess::make(ArrayAccess::classID(array), ArrayAccess::shape(array),
+                             std::move(copy));
 }
 
 } // namespace detail
@@ -226,7 +236,7 @@ unique_dvArray dvCreateStackStruct(std::size_t n) {
 }
 
 unique_dvArray createObjectArray(const Dimensions& dims, std::string className) {
-    std::vector<std::shared_ptr<dvObject>> objects(countOf(normalized(dims)));
+    std::vector<std::shared_ptr<dvObject>> objects(countOf(dims));
     return ArrayAccess::make(ClassID::Object, dims,
                              ObjectData{std::move(className), std::move(objects), {}});
 }
@@ -246,12 +256,14 @@ void destroyArray(dvArray* array) noexcept {
 } // namespace matrix
 
 unique_dvArray dvCreateLogicalScalar(bool value) {
-    return ArrayAccess::make(ClassID::Logical, {1, 1},
-                             std::vector<std::uint8_t>{static_cast<std::uint8_t>(value)});
+    return ArrayAccess::make(
+        ClassID::Logical, shapeOf({}), // no dimensions: 1-by-1
+        StorageRef(new Storage(std::in_place_type<Logicals>, 1, static_cast<std::uint8_t>(value))));
 }
 
 unique_dvArray dvCreateDoubleScalar(double value) {
-    return ArrayAccess::make(ClassID::Double, {1, 1}, std::vector<double>{value});
+    return ArrayAccess::make(ClassID::Double, shapeOf({}), // 1-by-1
+                             StorageRef(new Storage(std::in_place_type<Doubles>, 1, value)));
 }
 
 unique_dvArray dvDuplicateArray(const dvArray* array) {

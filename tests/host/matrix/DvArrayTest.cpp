@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <functional>
@@ -39,6 +40,27 @@ TEST(DvArray, CopiesAreIndependentValuesThatCompareEqual) {
     EXPECT_TRUE(dvIsEqual(a.get(), b.get()));
     dvSetField(b.get(), 0, "y", dvCreateDoubleScalar(1.0));
     EXPECT_FALSE(dvIsEqual(a.get(), b.get()));
+}
+
+TEST(DvArray, ShapesAreNormalizedAndOutliveCopyOnWrite) {
+    using matrix::Dimensions;
+    const std::pair<Dimensions, Dimensions> shapes[] = {
+        {{}, {1, 1}},     {{0}, {0, 1}},       {{1, 0, 1}, {1, 0}},
+        {{0, 0}, {0, 0}}, {{3, 1, 1}, {3, 1}}, {{1, 1, 2}, {1, 1, 2}}};
+    for (const auto& [given, normalized] : shapes) {
+        EXPECT_EQ(dvGetDimensions(do_create_cell(given).get()), normalized);
+    }
+    // Elements held inline (one) and on the heap (many) alike.
+    for (const std::size_t n : {1, 100}) {
+        auto original = do_create_numeric({n, 1}, matrix::ClassID::Logical);
+        auto copy = do_shared_copy(original.get());
+        const Dimensions& dims = dvGetDimensions(copy.get());
+        dvGetMutableLogicals(copy.get())[n - 1] = 1;
+        EXPECT_EQ(dvGetLogicals(original.get())[n - 1], 0);
+        original.reset();
+        EXPECT_EQ(dims, (Dimensions{n, 1}));
+        EXPECT_EQ(dvGetLogicals(copy.get())[n - 1], 1);
+    }
 }
 
 TEST(DvArray, AccessErrorsAndIndexChecks) {
@@ -89,9 +111,14 @@ TEST(DvArray, ReferencesAndSharedStorageAcrossThreads) {
     dvSetObject(array.get(), 0, std::move(thing));
     std::atomic<int> wrong{0};
     std::vector<std::thread> threads;
+    std::latch started(4);
+    std::vector<matrix::RootRecordPtr> roots(4);
     for (int t = 0; t < 4; ++t) {
         // Each thread gets its own reference; the last one dropped frees the array.
-        threads.emplace_back([mine = array, &wrong]() mutable {
+        // The first requests for the root record race: all get the same one.
+        threads.emplace_back([mine = array, &wrong, &started, &root = roots[t]]() mutable {
+            started.arrive_and_wait();
+            root = dvGetRootRecordForArray(mine.get());
             for (int i = 0; i < 5000; ++i) {
                 wrong += dvGetObject(do_shared_copy(Ref(mine).get()).get(), 0) !=
                          dvGetObject(mine.get(), 0);
@@ -116,6 +143,7 @@ TEST(DvArray, ReferencesAndSharedStorageAcrossThreads) {
     }
     EXPECT_EQ(wrong, 0);
     EXPECT_TRUE(watch.expired());
+    EXPECT_EQ(std::ranges::count(roots, roots[0]), 4);
 }
 
 TEST(DvArray, ObjectsMemoLivesWithTheElementStorageUntilItIsWritten) {

@@ -11,11 +11,10 @@ using matrix::detail::ArrayAccess;
 using matrix::detail::StringData;
 
 matrix::unique_dvArray create(const matrix::Dimensions& dims, std::vector<Element> elements) {
-    const matrix::Dimensions normalized = matrix::detail::normalized(dims);
-    if (elements.size() != matrix::detail::countOf(normalized)) {
+    if (elements.size() != matrix::detail::countOf(dims)) {
         throw std::invalid_argument("Strings do not fill the dimensions.");
     }
-    return ArrayAccess::make(ClassID::String, normalized, StringData{std::move(elements)});
+    return ArrayAccess::make(ClassID::String, dims, StringData{std::move(elements)});
 }
 
 matrix::unique_dvArray createScalar(Element element) {
