@@ -68,8 +68,9 @@ struct ObjectData {
 // Numeric elements. A few are kept inline (within the room the largest
 // alternative of StorageValue takes anyway), so that a scalar's storage is a
 // single allocation.
-using Doubles = boost::container::small_vector<double, 4>;
-using Logicals = boost::container::small_vector<std::uint8_t, 32>;
+using Doubles = boost::container::small_vector<double, 6>;
+using Logicals = boost::container::small_vector<std::uint8_t, 48>;
+static_assert(sizeof(Doubles) <= sizeof(ObjectData) && sizeof(Logicals) <= sizeof(ObjectData));
 
 // One alternative per class: Double, Logical (0/1), Char (UTF-16), Cell,
 // Struct, FunctionHandle, Object, String.
@@ -85,9 +86,10 @@ struct Storage {
     explicit Storage(Args&&... args) : value(std::forward<Args>(args)...) {}
 
     StorageValue value;
-    // The number of arrays using this storage. Released on leaving and
-    // acquired on the "am I the only user" test, so that a writer that finds
-    // itself alone sees every read of users released on other threads.
+    // The references to this storage, one per array using it. Released on
+    // leaving and acquired on the "am I the only user" test, so that a writer
+    // that finds itself alone sees every read of users released on other
+    // threads.
     std::atomic<long> users{0};
 };
 
