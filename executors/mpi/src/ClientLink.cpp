@@ -17,21 +17,26 @@ namespace mpipool {
 
 using foundation::core::sync::LockGuard;
 
+// A lost worker's unreported starts are among its last kRing.
+static_assert(StartRecord::kRing >= 2 * ClientLink::kMaxInFlight);
+
 ClientLink::ClientLink(boost::mpi::communicator comm, std::vector<int> ranks,
-                       std::vector<ControlSocket*> control, std::shared_ptr<LostRanks> lost)
+                       std::vector<ControlSocket*> control, std::shared_ptr<LostRanks> lost,
+                       const StartRecord* starts)
     : comm_(std::move(comm)), ranks_(std::move(ranks)), control_(std::move(control)),
-      lost_(std::move(lost)), work_(std::make_shared<WorkList>(ranks_.size())), outbox_(comm_),
-      announced_(ranks_.size(), 0), gone_(ranks_.size(), false), lastRun_(ranks_.size(), 0),
-      lastSize_(ranks_.size(), 0) {
+      lost_(std::move(lost)), starts_(starts), work_(std::make_shared<WorkList>(ranks_.size())),
+      outbox_(comm_), announced_(ranks_.size(), 0), gone_(ranks_.size(), false),
+      lastRun_(ranks_.size(), 0), lastSize_(ranks_.size(), 0) {
     // Until a worker's first task is back, nothing says its tasks are short.
     std::fill(lastRun_.begin(), lastRun_.end(), kShortRunMicros);
 }
 
 std::shared_ptr<ClientLink> ClientLink::open(boost::mpi::communicator comm, std::vector<int> ranks,
                                              std::vector<ControlSocket*> control,
-                                             std::shared_ptr<LostRanks> lost) {
-    std::shared_ptr<ClientLink> link(
-        new ClientLink(std::move(comm), std::move(ranks), std::move(control), std::move(lost)));
+                                             std::shared_ptr<LostRanks> lost,
+                                             const StartRecord* starts) {
+    std::shared_ptr<ClientLink> link(new ClientLink(std::move(comm), std::move(ranks),
+                                                    std::move(control), std::move(lost), starts));
     std::promise<void> finished;
     link->finished_ = finished.get_future().share();
     std::promise<std::thread::id> started;
@@ -230,7 +235,7 @@ void ClientLink::readReports(std::size_t worker, std::string_view bytes,
     while (const auto item = reader.nextReport()) {
         if (item->kind == batch::Report::Finished) {
             finished(worker, codec::decodeResult(item->result), item->runMicros, events);
-        } else if (auto task = work_->finish(worker, item->id)) {
+        } else if (auto task = work_->finish(worker, item->id).task) {
             events.push_back({std::move(task), Event::Skipped, std::nullopt, worker});
         }
     }
@@ -238,9 +243,13 @@ void ClientLink::readReports(std::size_t worker, std::string_view bytes,
 
 void ClientLink::finished(std::size_t worker, codec::ResultMessage result, std::uint64_t runMicros,
                           std::vector<Event>& events) {
-    if (auto task = work_->finish(worker, result.id)) {
+    WorkList::Flight flight = work_->finish(worker, result.id);
+    if (flight.task) {
         lastRun_[worker] = runMicros;
-        events.push_back({std::move(task), Event::Finished, std::move(result), worker});
+        if (!flight.started) {
+            events.push_back({flight.task, Event::Started, std::nullopt, worker});
+        }
+        events.push_back({std::move(flight.task), Event::Finished, std::move(result), worker});
     }
     // Else not in flight there: a report this build cannot have sent.
 }
@@ -299,7 +308,9 @@ void ClientLink::fail(ClusterTask& task, std::exception_ptr error) {
 void ClientLink::lose(std::size_t worker) {
     const int rank = ranks_[worker];
     std::cerr << "mpipool: lost worker rank " << rank << std::endl;
-    WorkList::Loss loss = work_->lose(worker);
+    // What it recorded as started, though it never said so, ran there.
+    WorkList::Loss loss =
+        work_->lose(worker, starts_ ? starts_->recent(rank) : std::vector<codec::TaskId>{});
     for (const auto& task : loss.failed) {
         fail(*task, std::make_exception_ptr(errors::WorkerLost(std::int64_t{rank})));
     }

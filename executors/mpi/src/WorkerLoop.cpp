@@ -23,8 +23,9 @@ std::uint64_t microsSince(std::chrono::steady_clock::time_point start) {
 
 } // namespace
 
-WorkerLoop::WorkerLoop(const boost::mpi::communicator& comm, ControlSocket& control)
-    : comm_(comm), control_(control), outbox_(comm) {}
+WorkerLoop::WorkerLoop(const boost::mpi::communicator& comm, ControlSocket& control,
+                       StartRecord* starts)
+    : comm_(comm), control_(control), starts_(starts), outbox_(comm) {}
 
 WorkerLoop::Ending WorkerLoop::run() {
     std::thread other([this] { serve(); });
@@ -91,18 +92,27 @@ void WorkerLoop::runQueued() {
             queue_.pop_front();
             running_ = task.id;
             stop_ = false;
-            // Held back while more tasks follow: the next start, a report or
-            // the reader's timer sends it.
-            holdBack = !queue_.empty();
-            if (holdBack && !startHeldBack_) {
-                startHeldBack_ = true;
-                heldBackSince_ = Clock::now();
-                waker_.wake(); // the reader sets its timer by it
+            if (starts_ != nullptr) {
+                runningSince_ = Clock::now();
+                startFramed_ = false; // the reader's timer is set while a task is queued
+            } else {
+                // Held back while more tasks follow: the next start, a report
+                // or the reader's timer sends it.
+                holdBack = !queue_.empty();
+                if (holdBack && !startHeldBack_) {
+                    startHeldBack_ = true;
+                    heldBackSince_ = Clock::now();
+                    waker_.wake(); // the reader sets its timer by it
+                }
+                startHeldBack_ = startHeldBack_ && holdBack;
             }
-            startHeldBack_ = startHeldBack_ && holdBack;
         }
         // Before it runs: a client that loses this worker knows it started.
-        control_.write(protocol::Frame::Started, task.id, holdBack);
+        if (starts_ != nullptr) {
+            starts_->record(task.id);
+        } else {
+            control_.write(protocol::Frame::Started, task.id, holdBack);
+        }
         const auto start = Clock::now();
         protocol::Bytes result = evaluate(task, stop_);
         const std::uint64_t runMicros = microsSince(start);
@@ -146,6 +156,11 @@ std::chrono::microseconds WorkerLoop::sleepLimit() const {
     if (startHeldBack_) {
         due = std::min(due.value_or(Clock::time_point::max()), heldBackSince_ + kReportDelay);
     }
+    if (starts_ != nullptr && (!queue_.empty() || (running_ && !startFramed_))) {
+        // A run that lasts gets its Started frame; a queued task starts soon.
+        const Clock::time_point since = running_ && !startFramed_ ? runningSince_ : Clock::now();
+        due = std::min(due.value_or(Clock::time_point::max()), since + kReportDelay);
+    }
     if (!due) {
         return std::chrono::microseconds(-1);
     }
@@ -154,14 +169,26 @@ std::chrono::microseconds WorkerLoop::sleepLimit() const {
 }
 
 void WorkerLoop::pushHeldBack() {
+    std::optional<codec::TaskId> lasting;
     {
         const LockGuard lock(mutex_);
-        if (!startHeldBack_ || Clock::now() - heldBackSince_ < kReportDelay) {
+        const auto now = Clock::now();
+        if (starts_ != nullptr) {
+            if (!running_ || startFramed_ || now - runningSince_ < kReportDelay) {
+                return;
+            }
+            startFramed_ = true;
+            lasting = running_;
+        } else if (!startHeldBack_ || now - heldBackSince_ < kReportDelay) {
             return;
         }
         startHeldBack_ = false;
     }
-    control_.write(protocol::Frame::Push);
+    if (lasting) {
+        control_.write(protocol::Frame::Started, *lasting);
+    } else {
+        control_.write(protocol::Frame::Push);
+    }
 }
 
 void WorkerLoop::readOnce() noexcept {

@@ -10,7 +10,11 @@
 //   passed since the oldest one (a long evaluation never holds back the
 //   results before it) or a batch is full.
 //   the runner runs the queued evaluations one after another, and sends the
-//   reports itself when the queue runs dry or the batch is full.
+//   reports itself when the queue runs dry or the batch is full. Before it
+//   runs one, it tells the client that it starts: in the start record when
+//   the client shares one (StartRecord.hpp), and then the reader sends the
+//   Started frame only for a run that lasts kReportDelay (the report of a
+//   shorter one says it ran); else in a Started frame at once.
 //
 // The reader that queues a task becomes the runner at once, and the other
 // thread takes over the reading: a task that arrives at an idle worker runs
@@ -29,6 +33,7 @@
 #include "Batch.hpp"
 #include "Codec.hpp"
 #include "ControlChannel.hpp"
+#include "StartRecord.hpp"
 
 #include <foundation/core/sync/Mutex.hpp>
 
@@ -48,7 +53,8 @@ public:
     static constexpr std::size_t kReportBatchItems = 32;
     static constexpr std::size_t kReportBatchBytes = std::size_t{256} << 10;
 
-    WorkerLoop(const boost::mpi::communicator& comm, ControlSocket& control);
+    // `starts`: this worker's start record, or null.
+    WorkerLoop(const boost::mpi::communicator& comm, ControlSocket& control, StartRecord* starts);
 
     // How serving ended.
     enum class Ending {
@@ -80,7 +86,8 @@ private:
     void leave(bool clientGone) QZ_EXCLUDES(mutex_);
     // Sends the reports if they are due (or `force`). Either thread.
     void sendReports(bool force) QZ_EXCLUDES(mutex_, mpiMutex_);
-    // Sends the start frames held back for kReportDelay. The reader.
+    // Sends the start frames held back for kReportDelay, or the start frame
+    // of a recorded run that has lasted that long. The reader.
     void pushHeldBack() QZ_EXCLUDES(mutex_);
     // How long the reader may sleep. Called with `mutex_` held.
     std::chrono::microseconds sleepLimit() const QZ_REQUIRES(mutex_);
@@ -89,6 +96,7 @@ private:
 
     const boost::mpi::communicator& comm_;
     ControlSocket& control_;
+    StartRecord* const starts_;
     Waker waker_;
     foundation::core::sync::Mutex mpiMutex_;
     protocol::Outbox outbox_ QZ_GUARDED_BY(mpiMutex_);
@@ -100,6 +108,10 @@ private:
     bool runnerTaken_ QZ_GUARDED_BY(mutex_) = false;
     std::deque<codec::TaskMessage> queue_ QZ_GUARDED_BY(mutex_);
     std::optional<codec::TaskId> running_ QZ_GUARDED_BY(mutex_);
+    // With a start record: when the running evaluation started, and whether
+    // its Started frame has gone.
+    Clock::time_point runningSince_ QZ_GUARDED_BY(mutex_);
+    bool startFramed_ QZ_GUARDED_BY(mutex_) = false;
     std::atomic<bool> stop_{false}; // the running evaluation's stop request
     bool leaving_ QZ_GUARDED_BY(mutex_) = false;
     bool clientGone_ QZ_GUARDED_BY(mutex_) = false;
