@@ -19,6 +19,8 @@ using foundation::core::sync::LockGuard;
 
 // A lost worker's unreported starts are among its last kRing.
 static_assert(StartRecord::kRing >= 2 * ClientLink::kMaxInFlight);
+// The Batch frames unread in a socket fit its buffer (Protocol.hpp).
+static_assert(ClientLink::kMaxInFlight * batch::kFrameItemBytes <= std::size_t{32} << 10);
 
 ClientLink::ClientLink(boost::mpi::communicator comm, std::vector<int> ranks,
                        std::vector<ControlSocket*> control, std::shared_ptr<LostRanks> lost,
@@ -198,6 +200,8 @@ void ClientLink::readFrames(const std::vector<bool>& ready, std::vector<Event>& 
         for (const FrameMessage& frame : frames) {
             if (frame.frame == protocol::Frame::Wake) {
                 announced_[worker] += std::max<std::uint64_t>(frame.value, 1);
+            } else if (frame.frame == protocol::Frame::Batch) {
+                readReports(worker, frame.batch, events);
             } else if (frame.frame == protocol::Frame::Started) {
                 if (auto task = work_->started(worker, frame.value)) {
                     events.push_back({std::move(task), Event::Started, std::nullopt, worker});

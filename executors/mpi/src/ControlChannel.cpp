@@ -19,6 +19,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -109,18 +110,47 @@ bool ControlSocket::write(protocol::Frame frame, std::uint64_t value, bool holdB
     std::array<unsigned char, kFrameSize> bytes{};
     bytes[0] = static_cast<unsigned char>(frame);
     std::memcpy(bytes.data() + 1, &value, sizeof value);
+    const ::iovec part{bytes.data(), bytes.size()};
     const foundation::core::sync::LockGuard lock(writeMutex_);
-    std::size_t written = 0;
-    while (written < bytes.size()) {
-        const ssize_t n = ::send(fd_, bytes.data() + written, bytes.size() - written,
-                                 MSG_NOSIGNAL | (holdBack ? MSG_MORE : 0));
+    return writeAll(&part, 1, holdBack);
+}
+
+bool ControlSocket::writeBatch(std::string_view batch) noexcept {
+    std::array<unsigned char, kFrameSize> header{};
+    header[0] = static_cast<unsigned char>(protocol::Frame::Batch);
+    const std::uint64_t size = batch.size();
+    std::memcpy(header.data() + 1, &size, sizeof size);
+    const std::array<::iovec, 2> parts{
+        {{header.data(), header.size()}, {const_cast<char*>(batch.data()), batch.size()}}};
+    const foundation::core::sync::LockGuard lock(writeMutex_);
+    return writeAll(parts.data(), parts.size(), false);
+}
+
+bool ControlSocket::writeAll(const ::iovec* parts, std::size_t count, bool holdBack) noexcept {
+    std::array<::iovec, 2> rest{};
+    std::copy_n(parts, std::min(count, rest.size()), rest.begin());
+    ::msghdr message{};
+    message.msg_iov = rest.data();
+    message.msg_iovlen = std::min(count, rest.size());
+    while (message.msg_iovlen > 0) {
+        const ssize_t n = ::sendmsg(fd_, &message, MSG_NOSIGNAL | (holdBack ? MSG_MORE : 0));
         if (n < 0 && errno == EINTR) {
             continue;
         }
         if (n <= 0) {
             return false;
         }
-        written += static_cast<std::size_t>(n);
+        // Past what was written.
+        auto written = static_cast<std::size_t>(n);
+        while (message.msg_iovlen > 0 && written >= message.msg_iov->iov_len) {
+            written -= message.msg_iov->iov_len;
+            ++message.msg_iov;
+            --message.msg_iovlen;
+        }
+        if (message.msg_iovlen > 0) {
+            message.msg_iov->iov_base = static_cast<char*>(message.msg_iov->iov_base) + written;
+            message.msg_iov->iov_len -= written;
+        }
     }
     return true;
 }
@@ -130,8 +160,8 @@ bool ControlSocket::peerClosed() const noexcept {
     return ::poll(&polled, 1, 0) > 0 && (polled.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
 }
 
-bool ControlSocket::readAvailable(std::vector<FrameMessage>& frames) noexcept {
-    std::array<unsigned char, 4096> buffer{};
+bool ControlSocket::readAvailable(std::vector<FrameMessage>& frames) {
+    std::array<unsigned char, 16384> buffer{};
     while (true) {
         const ssize_t n = ::recv(fd_, buffer.data(), buffer.size(), MSG_DONTWAIT);
         if (n < 0 && errno == EINTR) {
@@ -143,13 +173,36 @@ bool ControlSocket::readAvailable(std::vector<FrameMessage>& frames) noexcept {
         if (n <= 0) {
             return false; // the end of the stream, or a broken connection
         }
-        for (ssize_t i = 0; i < n; ++i) {
-            partial_[partialSize_++] = buffer[static_cast<std::size_t>(i)];
-            if (partialSize_ == kFrameSize) {
-                FrameMessage message{static_cast<protocol::Frame>(partial_[0]), 0};
-                std::memcpy(&message.value, partial_.data() + 1, sizeof message.value);
-                frames.push_back(message);
+        std::span<const unsigned char> rest(buffer.data(), static_cast<std::size_t>(n));
+        while (!rest.empty()) {
+            if (reading_) {
+                // The batch of a Batch frame.
+                std::string& batch = reading_->batch;
+                const std::size_t take = std::min(rest.size(), reading_->value - batch.size());
+                batch.append(reinterpret_cast<const char*>(rest.data()), take);
+                rest = rest.subspan(take);
+            } else {
+                const std::size_t take = std::min(rest.size(), kFrameSize - partialSize_);
+                std::copy_n(rest.begin(), take, partial_.begin() + partialSize_);
+                partialSize_ += take;
+                rest = rest.subspan(take);
+                if (partialSize_ < kFrameSize) {
+                    break;
+                }
                 partialSize_ = 0;
+                reading_.emplace(FrameMessage{static_cast<protocol::Frame>(partial_[0]), 0, {}});
+                std::memcpy(&reading_->value, partial_.data() + 1, sizeof reading_->value);
+                if (reading_->frame == protocol::Frame::Batch) {
+                    if (reading_->value > kMaxBatch) {
+                        return false;
+                    }
+                    reading_->batch.reserve(reading_->value);
+                }
+            }
+            if (reading_->frame != protocol::Frame::Batch ||
+                reading_->batch.size() == reading_->value) {
+                frames.push_back(std::move(*reading_));
+                reading_.reset();
             }
         }
     }
@@ -187,12 +240,27 @@ connectControlChannels(const boost::mpi::communicator& comm) {
 
 bool sendAnnounced(protocol::Outbox& outbox, ControlSocket& control, int rank,
                    std::vector<protocol::Message> messages) {
-    const std::size_t count = messages.size();
+    bool written = true;
+    std::size_t unannounced = 0;
+    const auto announce = [&] {
+        if (unannounced > 0) {
+            written = control.write(protocol::Frame::Wake, unannounced) && written;
+            unannounced = 0;
+        }
+    };
     for (protocol::Message& message : messages) {
-        outbox.send(rank, message.tag, std::move(message.bytes));
+        if (message.inFrame) {
+            announce(); // the MPI messages before it come first
+            written = control.writeBatch(message.bytes) && written;
+        } else {
+            outbox.send(rank, message.tag, std::move(message.bytes));
+            ++unannounced;
+        }
     }
-    const bool written = control.write(protocol::Frame::Wake, count);
-    outbox.progress(); // a small message is done at once
+    if (unannounced > 0) {
+        announce();
+        outbox.progress(); // a small message is done at once
+    }
     return written;
 }
 

@@ -17,12 +17,16 @@
 
 #include <foundation/core/sync/Mutex.hpp>
 
+#include <sys/uio.h>
+
 #include <boost/mpi/communicator.hpp>
 
 #include <array>
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <string_view>
 #include <vector>
 
 namespace mpipool {
@@ -32,6 +36,7 @@ inline constexpr std::chrono::seconds kDeadPeerTimeout{3};
 struct FrameMessage {
     protocol::Frame frame;
     std::uint64_t value;
+    protocol::Bytes batch; // what a Batch frame brings
 };
 
 class ControlSocket {
@@ -48,20 +53,31 @@ public:
     // the peer if this process dies.
     bool write(protocol::Frame frame, std::uint64_t value = 0, bool holdBack = false) noexcept
         QZ_EXCLUDES(writeMutex_);
+    // Writes a Batch frame that brings `batch`; false when the peer is gone.
+    bool writeBatch(std::string_view batch) noexcept QZ_EXCLUDES(writeMutex_);
     // Whether the peer has closed its end (frames may still be unread). Any
     // thread.
     bool peerClosed() const noexcept;
     // Reads what has arrived without blocking and appends the whole frames;
-    // false once the stream has ended or broken (the frames before the end
-    // are still appended).
-    bool readAvailable(std::vector<FrameMessage>& frames) noexcept;
+    // false once the stream has ended or broken, or brought a batch larger
+    // than kMaxBatch (the frames before are still appended). Throws
+    // std::bad_alloc.
+    bool readAvailable(std::vector<FrameMessage>& frames);
+
+    // More than the socket buffers hold: a larger batch is a broken stream.
+    static constexpr std::size_t kMaxBatch = std::size_t{1} << 20;
 
 private:
     static constexpr std::size_t kFrameSize = 9;
+    bool writeAll(const ::iovec* parts, std::size_t count, bool holdBack) noexcept
+        QZ_REQUIRES(writeMutex_);
+
     int fd_;
     foundation::core::sync::Mutex writeMutex_;
+    // The frame being read: its header, then the batch it brings.
     std::array<unsigned char, kFrameSize> partial_{};
     std::size_t partialSize_ = 0;
+    std::optional<FrameMessage> reading_;
 };
 
 // Wakes a thread asleep in poll() from another thread of this process.

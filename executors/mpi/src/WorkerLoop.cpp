@@ -237,10 +237,17 @@ void WorkerLoop::readOnce() noexcept {
 }
 
 bool WorkerLoop::handleFrames(std::vector<FrameMessage>& frames) {
-    for (const FrameMessage& frame : frames) {
+    for (FrameMessage& frame : frames) {
         switch (frame.frame) {
         case protocol::Frame::Wake:
             announced_ += std::max<std::uint64_t>(frame.value, 1);
+            break;
+        case protocol::Frame::Batch:
+            // Its tasks queue behind those of the batches announced before.
+            while (announced_ > 0) {
+                receiveAnnounced();
+            }
+            queueTasks({protocol::kTasks, std::move(frame.batch)});
             break;
         case protocol::Frame::Stop:
             // The task may be in a batch announced before: take it in first.
