@@ -14,6 +14,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -224,6 +225,34 @@ void Waker::wake() noexcept {
 }
 
 void Waker::drain() noexcept {
+    std::uint64_t count = 0;
+    [[maybe_unused]] const ssize_t n = ::read(fd_, &count, sizeof count);
+}
+
+Alarm::Alarm() : fd_(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)) {
+    if (fd_ < 0) {
+        throw std::runtime_error("no timer file descriptor for the cluster pool");
+    }
+}
+
+Alarm::~Alarm() {
+    ::close(fd_);
+}
+
+void Alarm::setIn(std::chrono::nanoseconds delay) noexcept {
+    const auto nanos = std::max<std::int64_t>(delay.count(), 1); // zero would call it off
+    itimerspec when{};
+    when.it_value.tv_sec = static_cast<time_t>(nanos / 1'000'000'000);
+    when.it_value.tv_nsec = static_cast<long>(nanos % 1'000'000'000);
+    ::timerfd_settime(fd_, 0, &when, nullptr);
+}
+
+void Alarm::callOff() noexcept {
+    const itimerspec never{};
+    ::timerfd_settime(fd_, 0, &never, nullptr);
+}
+
+void Alarm::drain() noexcept {
     std::uint64_t count = 0;
     [[maybe_unused]] const ssize_t n = ::read(fd_, &count, sizeof count);
 }

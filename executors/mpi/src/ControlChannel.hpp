@@ -96,6 +96,25 @@ private:
     int fd_;
 };
 
+// Wakes a thread asleep in poll() on fd() at a time another thread sets,
+// unless it is called off before: setting and calling off wake no one.
+class Alarm {
+public:
+    Alarm();
+    ~Alarm();
+    Alarm(const Alarm&) = delete;
+    Alarm& operator=(const Alarm&) = delete;
+
+    int fd() const noexcept { return fd_; }
+    // Rings after `delay` (at once for zero), instead of when set before.
+    void setIn(std::chrono::nanoseconds delay) noexcept;
+    void callOff() noexcept;
+    void drain() noexcept;
+
+private:
+    int fd_;
+};
+
 // Connects the workers of `comm` to its rank 0: collective, every rank calls
 // it once when the cluster starts. On rank 0, the socket of each worker
 // (index rank - 1); on a worker, its one socket to the client. The client

@@ -56,15 +56,22 @@ void WorkerLoop::serve() noexcept {
     UniqueLock lock(mutex_);
     while (true) {
         if (!runnerTaken_ && !queue_.empty() && !leaving_) {
-            // Run what is queued; the other thread takes the reader's part.
+            // Run what is queued; the other thread takes the reader's part
+            // if the run lasts.
             runnerTaken_ = true;
-            roles_.notify_all();
+            const bool unread = !readerTaken_;
             lock.unlock();
+            if (unread) {
+                standby_.setIn(kHandOver);
+            }
             runQueued();
+            if (unread) {
+                standby_.callOff();
+            }
             lock.lock();
             runnerTaken_ = false;
-            roles_.notify_all();
         } else if (leaving_) {
+            standby_.setIn({}); // the other thread leaves too
             break;
         } else if (!readerTaken_) {
             readerTaken_ = true;
@@ -72,9 +79,12 @@ void WorkerLoop::serve() noexcept {
             readOnce();
             lock.lock();
             readerTaken_ = false;
-            roles_.notify_all();
         } else {
-            roles_.wait(lock.native());
+            lock.unlock();
+            std::vector<bool> rang;
+            waitReadable({standby_.fd()}, rang, std::chrono::microseconds(-1));
+            standby_.drain();
+            lock.lock();
         }
     }
 }
@@ -316,7 +326,7 @@ void WorkerLoop::leave(bool clientGone) {
         stop_ = true;
         queue_.clear();
     }
-    roles_.notify_all();
+    standby_.setIn({});
 }
 
 void WorkerLoop::sendReports(bool force) {

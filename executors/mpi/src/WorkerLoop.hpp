@@ -17,16 +17,18 @@
 //   shorter one says it ran); else in a Started frame at once.
 //
 // The reader that queues a task becomes the runner at once, and the other
-// thread takes over the reading: a task that arrives at an idle worker runs
-// without a hand-over. An idle worker has one thread asleep in poll() and
-// the other on a condition variable.
+// thread, on standby, takes over the reading once the run has lasted
+// kHandOver: a task that arrives at an idle worker runs without a hand-over,
+// and a short one without waking the other thread. An idle worker has one
+// thread asleep in poll() on the control socket and the other on its alarm.
 //
 // States: Serving -(Exit, or the client's end of the socket)-> Leaving
 // (queued work is skipped, a running function is asked to stop) -> Ended
 // (both threads are out and the reports are sent).
 //
 // Threads: run() on the worker's main thread, which is one of the two and
-// starts and joins the other. `mutex_` guards what they share; `mpiMutex_`
+// starts and joins the other. Either takes a free part, and sleeps on
+// standby_ while it has none. `mutex_` guards what they share; `mpiMutex_`
 // the MPI side (taken before `mutex_` when both are). What the reader alone
 // touches is marked so.
 
@@ -41,7 +43,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <optional>
 
@@ -52,6 +53,8 @@ public:
     static constexpr std::chrono::microseconds kReportDelay{500};
     static constexpr std::size_t kReportBatchItems = 32;
     static constexpr std::size_t kReportBatchBytes = std::size_t{256} << 10;
+    // How long frames may wait unread while the reader runs what it queued.
+    static constexpr std::chrono::microseconds kHandOver{200};
 
     // `starts`: this worker's start record, or null.
     WorkerLoop(const boost::mpi::communicator& comm, ControlSocket& control, StartRecord* starts);
@@ -103,7 +106,9 @@ private:
     std::size_t announced_ = 0; // announced by the client, not yet received; the reader
 
     foundation::core::sync::Mutex mutex_;
-    std::condition_variable roles_; // a part is free, or leaving
+    // Rings the thread on standby: the runner has lasted kHandOver while no
+    // one reads, or leaving.
+    Alarm standby_;
     bool readerTaken_ QZ_GUARDED_BY(mutex_) = false;
     bool runnerTaken_ QZ_GUARDED_BY(mutex_) = false;
     std::deque<codec::TaskMessage> queue_ QZ_GUARDED_BY(mutex_);
