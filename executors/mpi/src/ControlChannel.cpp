@@ -4,6 +4,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/host_name.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/local/stream_protocol.hpp>
 #include <boost/asio/read.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/mpi/collectives/broadcast.hpp>
@@ -20,7 +21,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <random>
 #include <span>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -30,6 +33,7 @@ namespace mpipool {
 namespace {
 
 using boost::asio::ip::tcp;
+using local = boost::asio::local::stream_protocol;
 
 // How long the workers have to connect when the cluster starts.
 constexpr std::chrono::seconds kConnectTimeout{60};
@@ -58,29 +62,59 @@ std::string clientHost() {
     return boost::asio::ip::host_name();
 }
 
+// A listener for the workers on this host, on an abstract local socket under
+// a random name: a local connection costs less than TCP. Null if there is
+// none to be had (the workers then connect over TCP).
+std::unique_ptr<local::acceptor> localListener(boost::asio::io_context& io, std::string& name) {
+    std::random_device random;
+    name = "qzmpipool-" + std::to_string(::getpid()) + "-" + std::to_string(random()) +
+           std::to_string(random());
+    try {
+        return std::make_unique<local::acceptor>(io, local::endpoint(std::string(1, '\0') + name));
+    } catch (const boost::system::system_error&) {
+        name = "-";
+        return nullptr;
+    }
+}
+
 std::vector<std::unique_ptr<ControlSocket>> acceptWorkers(const boost::mpi::communicator& comm) {
     boost::asio::io_context io;
     tcp::acceptor acceptor(io, tcp::endpoint(tcp::v4(), 0));
-    std::string address = clientHost() + " " + std::to_string(acceptor.local_endpoint().port());
+    std::string localName;
+    const auto localAcceptor = localListener(io, localName);
+    std::string address =
+        clientHost() + " " + std::to_string(acceptor.local_endpoint().port()) + " " + localName;
     boost::mpi::broadcast(comm, address, protocol::kClientRank);
 
     std::vector<std::unique_ptr<ControlSocket>> sockets(static_cast<std::size_t>(comm.size() - 1));
+    std::vector<int> listeners{acceptor.native_handle()};
+    if (localAcceptor) {
+        listeners.push_back(localAcceptor->native_handle());
+    }
     const auto deadline = std::chrono::steady_clock::now() + kConnectTimeout;
     for (std::size_t accepted = 0; accepted < sockets.size(); ++accepted) {
         std::vector<bool> ready;
-        waitReadable({acceptor.native_handle()}, ready,
+        waitReadable(listeners, ready,
                      std::chrono::duration_cast<std::chrono::microseconds>(
                          deadline - std::chrono::steady_clock::now()));
-        if (!ready[0]) {
+        std::uint64_t rank = 0;
+        int fd = -1;
+        if (ready[0]) {
+            tcp::socket socket = acceptor.accept();
+            boost::asio::read(socket, boost::asio::buffer(&rank, sizeof rank));
+            fd = prepared(socket);
+        } else if (ready.size() > 1 && ready[1]) {
+            local::socket socket = localAcceptor->accept();
+            boost::asio::read(socket, boost::asio::buffer(&rank, sizeof rank));
+            fd = socket.release();
+        } else {
             throw std::runtime_error("a worker did not connect to the client in time");
         }
-        tcp::socket socket = acceptor.accept();
-        std::uint64_t rank = 0;
-        boost::asio::read(socket, boost::asio::buffer(&rank, sizeof rank));
+        auto control = std::make_unique<ControlSocket>(fd);
         if (rank < 1 || rank > sockets.size() || sockets[rank - 1]) {
             throw std::runtime_error("a stranger connected to the client");
         }
-        sockets[rank - 1] = std::make_unique<ControlSocket>(prepared(socket));
+        sockets[rank - 1] = std::move(control);
     }
     return sockets;
 }
@@ -88,13 +122,24 @@ std::vector<std::unique_ptr<ControlSocket>> acceptWorkers(const boost::mpi::comm
 std::unique_ptr<ControlSocket> connectToClient(const boost::mpi::communicator& comm) {
     std::string address;
     boost::mpi::broadcast(comm, address, protocol::kClientRank);
-    const auto space = address.rfind(' ');
+    std::istringstream fields(address);
+    std::string host;
+    std::string port;
+    std::string localName;
+    fields >> host >> port >> localName;
+    const auto rank = static_cast<std::uint64_t>(comm.rank());
     boost::asio::io_context io;
+    // On the client's host, the local socket; else TCP.
+    local::socket nearby(io);
+    boost::system::error_code failed;
+    nearby.connect(local::endpoint(std::string(1, '\0') + localName), failed);
+    if (!failed) {
+        boost::asio::write(nearby, boost::asio::buffer(&rank, sizeof rank));
+        return std::make_unique<ControlSocket>(nearby.release());
+    }
     tcp::resolver resolver(io);
     tcp::socket socket(io);
-    boost::asio::connect(
-        socket, resolver.resolve(tcp::v4(), address.substr(0, space), address.substr(space + 1)));
-    const auto rank = static_cast<std::uint64_t>(comm.rank());
+    boost::asio::connect(socket, resolver.resolve(tcp::v4(), host, port));
     boost::asio::write(socket, boost::asio::buffer(&rank, sizeof rank));
     return std::make_unique<ControlSocket>(prepared(socket));
 }

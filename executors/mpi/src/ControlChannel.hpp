@@ -1,9 +1,12 @@
 #pragma once
 
-// The control channel between the client and one worker: a TCP connection
-// carrying 9-byte frames (Protocol.hpp), and the setup that connects every
-// worker to the client when the cluster starts. A thread that sleeps waits
-// on these sockets (and a Waker for news of its own process) with poll().
+// The control channel between the client and one worker: a stream
+// connection carrying frames (Protocol.hpp), and the setup that connects
+// every worker to the client when the cluster starts: a worker on the
+// client's host connects to an abstract local socket under a random name
+// (cheaper to write to and wake through), any other over TCP. A thread that
+// sleeps waits on these sockets (and a Waker for news of its own process)
+// with poll().
 //
 // Lost processes: the kernel closes the sockets of a process that dies, so
 // the other end reads the end of the stream at once. A machine that stops

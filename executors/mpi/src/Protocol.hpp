@@ -3,7 +3,7 @@
 // How the client (rank 0) and the workers talk. Two channels join the client
 // to each worker:
 //
-//   the control channel, a TCP connection (ControlChannel.hpp), carries small
+//   the control channel, a stream connection (ControlChannel.hpp), carries small
 //   frames (Frame: a tag and a 64-bit value) that wake the other side: a blocked
 //   thread waits on sockets, never polls MPI. Its end is the news of a lost
 //   process: the kernel closes a dead process's sockets.
