@@ -55,6 +55,14 @@ int prepared(tcp::socket& socket) {
     return fd;
 }
 
+// A local socket charges what it holds unread to its writer: room for many
+// small frames (as far as the system allows).
+int preparedLocal(local::socket& socket) {
+    const int fd = socket.release();
+    setOption(fd, SOL_SOCKET, SO_SNDBUF, 1 << 20);
+    return fd;
+}
+
 std::string clientHost() {
     if (const char* host = std::getenv("KORVEX_MPIPOOL_HOST"); host && *host) {
         return host;
@@ -106,7 +114,7 @@ std::vector<std::unique_ptr<ControlSocket>> acceptWorkers(const boost::mpi::comm
         } else if (ready.size() > 1 && ready[1]) {
             local::socket socket = localAcceptor->accept();
             boost::asio::read(socket, boost::asio::buffer(&rank, sizeof rank));
-            fd = socket.release();
+            fd = preparedLocal(socket);
         } else {
             throw std::runtime_error("a worker did not connect to the client in time");
         }
@@ -135,7 +143,7 @@ std::unique_ptr<ControlSocket> connectToClient(const boost::mpi::communicator& c
     nearby.connect(local::endpoint(std::string(1, '\0') + localName), failed);
     if (!failed) {
         boost::asio::write(nearby, boost::asio::buffer(&rank, sizeof rank));
-        return std::make_unique<ControlSocket>(nearby.release());
+        return std::make_unique<ControlSocket>(preparedLocal(nearby));
     }
     tcp::resolver resolver(io);
     tcp::socket socket(io);
