@@ -215,7 +215,7 @@ bool ControlSocket::peerClosed() const noexcept {
 }
 
 bool ControlSocket::readAvailable(std::vector<FrameMessage>& frames) {
-    std::array<unsigned char, 16384> buffer{};
+    std::array<unsigned char, 16384> buffer; // filled by recv
     while (true) {
         const ssize_t n = ::recv(fd_, buffer.data(), buffer.size(), MSG_DONTWAIT);
         if (n < 0 && errno == EINTR) {
