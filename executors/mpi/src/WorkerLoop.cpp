@@ -233,9 +233,6 @@ void WorkerLoop::readOnce() noexcept {
                 leave(!exit);
                 return;
             }
-            if (announced_ == 0 && !sending && runsNext()) {
-                return; // the rest waits for the next turn: this thread runs what came
-            }
         }
         receiveAnnounced();
         sendReports(false);
@@ -247,11 +244,6 @@ void WorkerLoop::readOnce() noexcept {
                   << boost::current_exception_diagnostic_information() << std::endl;
         leave(true); // the runner returns once its function does
     }
-}
-
-bool WorkerLoop::runsNext() {
-    const LockGuard lock(mutex_);
-    return !runnerTaken_ && !queue_.empty();
 }
 
 bool WorkerLoop::handleFrames(std::vector<FrameMessage>& frames) {

@@ -79,8 +79,6 @@ private:
     // One turn of the reader's part: a wait, then what arrived.
     void readOnce() noexcept QZ_EXCLUDES(mutex_, mpiMutex_);
     bool clientGone() QZ_EXCLUDES(mutex_);
-    // Whether the reader becomes the runner when its turn ends.
-    bool runsNext() QZ_EXCLUDES(mutex_);
     // Handles the frames read; false once the client is gone. The reader.
     bool handleFrames(std::vector<FrameMessage>& frames) QZ_EXCLUDES(mutex_);
     // Receives the announced MPI messages that have arrived. The reader.
