@@ -259,6 +259,9 @@ bool ControlSocket::readAvailable(std::vector<FrameMessage>& frames) {
                 reading_.reset();
             }
         }
+        if (static_cast<std::size_t>(n) < buffer.size()) {
+            return true; // all there was; poll() tells of more, or of the end
+        }
     }
 }
 

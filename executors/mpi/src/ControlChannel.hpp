@@ -63,8 +63,8 @@ public:
     bool peerClosed() const noexcept;
     // Reads what has arrived without blocking and appends the whole frames;
     // false once the stream has ended or broken, or brought a batch larger
-    // than kMaxBatch (the frames before are still appended). Throws
-    // std::bad_alloc.
+    // than kMaxBatch (the frames before are still appended; an end right
+    // after them may be read on the next call). Throws std::bad_alloc.
     bool readAvailable(std::vector<FrameMessage>& frames);
 
     // More than the socket buffers hold: a larger batch is a broken stream.
