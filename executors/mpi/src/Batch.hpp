@@ -27,6 +27,10 @@ enum class Report : std::uint64_t { Finished = 2, Skipped = 3 };
 
 inline constexpr std::size_t kSeparate = std::size_t{64} << 10;
 
+// A batch whose items average at most this many bytes travels in a Batch
+// frame (Protocol.hpp), any other as an MPI message.
+inline constexpr std::size_t kFrameItemBytes = 256;
+
 struct ReportItem {
     Report kind;
     std::uint64_t id;
@@ -51,6 +55,7 @@ public:
         ++count_;
     }
     std::size_t size() const noexcept { return bytes_.size(); }
+    std::size_t count() const noexcept { return count_; }
     bool empty() const noexcept { return count_ == 0; }
     protocol::Bytes take() noexcept {
         count_ = 0;
@@ -106,7 +111,8 @@ public:
 private:
     void closeBatch() {
         if (!open_.empty()) {
-            messages_.push_back({batchTag_, open_.take()});
+            const bool inFrame = open_.size() <= open_.count() * kFrameItemBytes;
+            messages_.push_back({batchTag_, open_.take(), inFrame});
         }
     }
     int batchTag_;

@@ -17,21 +17,28 @@ namespace mpipool {
 
 using foundation::core::sync::LockGuard;
 
+// A lost worker's unreported starts are among its last kRing.
+static_assert(StartRecord::kRing >= 2 * ClientLink::kMaxInFlight);
+// The Batch frames unread in a socket fit its buffer (Protocol.hpp).
+static_assert(ClientLink::kMaxInFlight * batch::kFrameItemBytes <= std::size_t{32} << 10);
+
 ClientLink::ClientLink(boost::mpi::communicator comm, std::vector<int> ranks,
-                       std::vector<ControlSocket*> control, std::shared_ptr<LostRanks> lost)
+                       std::vector<ControlSocket*> control, std::shared_ptr<LostRanks> lost,
+                       const StartRecord* starts)
     : comm_(std::move(comm)), ranks_(std::move(ranks)), control_(std::move(control)),
-      lost_(std::move(lost)), work_(std::make_shared<WorkList>(ranks_.size())), outbox_(comm_),
-      announced_(ranks_.size(), 0), gone_(ranks_.size(), false), lastRun_(ranks_.size(), 0),
-      lastSize_(ranks_.size(), 0) {
+      lost_(std::move(lost)), starts_(starts), work_(std::make_shared<WorkList>(ranks_.size())),
+      outbox_(comm_), announced_(ranks_.size(), 0), gone_(ranks_.size(), false),
+      lastRun_(ranks_.size(), 0), lastSize_(ranks_.size(), 0) {
     // Until a worker's first task is back, nothing says its tasks are short.
     std::fill(lastRun_.begin(), lastRun_.end(), kShortRunMicros);
 }
 
 std::shared_ptr<ClientLink> ClientLink::open(boost::mpi::communicator comm, std::vector<int> ranks,
                                              std::vector<ControlSocket*> control,
-                                             std::shared_ptr<LostRanks> lost) {
-    std::shared_ptr<ClientLink> link(
-        new ClientLink(std::move(comm), std::move(ranks), std::move(control), std::move(lost)));
+                                             std::shared_ptr<LostRanks> lost,
+                                             const StartRecord* starts) {
+    std::shared_ptr<ClientLink> link(new ClientLink(std::move(comm), std::move(ranks),
+                                                    std::move(control), std::move(lost), starts));
     std::promise<void> finished;
     link->finished_ = finished.get_future().share();
     std::promise<std::thread::id> started;
@@ -193,6 +200,8 @@ void ClientLink::readFrames(const std::vector<bool>& ready, std::vector<Event>& 
         for (const FrameMessage& frame : frames) {
             if (frame.frame == protocol::Frame::Wake) {
                 announced_[worker] += std::max<std::uint64_t>(frame.value, 1);
+            } else if (frame.frame == protocol::Frame::Batch) {
+                readReports(worker, frame.batch, events);
             } else if (frame.frame == protocol::Frame::Started) {
                 if (auto task = work_->started(worker, frame.value)) {
                     events.push_back({std::move(task), Event::Started, std::nullopt, worker});
@@ -230,7 +239,7 @@ void ClientLink::readReports(std::size_t worker, std::string_view bytes,
     while (const auto item = reader.nextReport()) {
         if (item->kind == batch::Report::Finished) {
             finished(worker, codec::decodeResult(item->result), item->runMicros, events);
-        } else if (auto task = work_->finish(worker, item->id)) {
+        } else if (auto task = work_->finish(worker, item->id).task) {
             events.push_back({std::move(task), Event::Skipped, std::nullopt, worker});
         }
     }
@@ -238,9 +247,13 @@ void ClientLink::readReports(std::size_t worker, std::string_view bytes,
 
 void ClientLink::finished(std::size_t worker, codec::ResultMessage result, std::uint64_t runMicros,
                           std::vector<Event>& events) {
-    if (auto task = work_->finish(worker, result.id)) {
+    WorkList::Flight flight = work_->finish(worker, result.id);
+    if (flight.task) {
         lastRun_[worker] = runMicros;
-        events.push_back({std::move(task), Event::Finished, std::move(result), worker});
+        if (!flight.started) {
+            events.push_back({flight.task, Event::Started, std::nullopt, worker});
+        }
+        events.push_back({std::move(flight.task), Event::Finished, std::move(result), worker});
     }
     // Else not in flight there: a report this build cannot have sent.
 }
@@ -299,7 +312,9 @@ void ClientLink::fail(ClusterTask& task, std::exception_ptr error) {
 void ClientLink::lose(std::size_t worker) {
     const int rank = ranks_[worker];
     std::cerr << "mpipool: lost worker rank " << rank << std::endl;
-    WorkList::Loss loss = work_->lose(worker);
+    // What it recorded as started, though it never said so, ran there.
+    WorkList::Loss loss =
+        work_->lose(worker, starts_ ? starts_->recent(rank) : std::vector<codec::TaskId>{});
     for (const auto& task : loss.failed) {
         fail(*task, std::make_exception_ptr(errors::WorkerLost(std::int64_t{rank})));
     }

@@ -24,6 +24,7 @@
 #include "Batch.hpp"
 #include "Codec.hpp"
 #include "ControlChannel.hpp"
+#include "StartRecord.hpp"
 #include "WorkList.hpp"
 
 #include <foundation/core/sync/Mutex.hpp>
@@ -51,10 +52,11 @@ public:
     static constexpr std::size_t kSmallTask = std::size_t{64} << 10;
 
     // Starts the link thread for workers `ranks`, reached through `control`
-    // (index rank - 1).
+    // (index rank - 1), with their start records if shared (may be null).
     static std::shared_ptr<ClientLink> open(boost::mpi::communicator comm, std::vector<int> ranks,
                                             std::vector<ControlSocket*> control,
-                                            std::shared_ptr<LostRanks> lost);
+                                            std::shared_ptr<LostRanks> lost,
+                                            const StartRecord* starts);
 
     ClientLink(const ClientLink&) = delete;
     ClientLink& operator=(const ClientLink&) = delete;
@@ -85,7 +87,8 @@ private:
     };
 
     ClientLink(boost::mpi::communicator comm, std::vector<int> ranks,
-               std::vector<ControlSocket*> control, std::shared_ptr<LostRanks> lost);
+               std::vector<ControlSocket*> control, std::shared_ptr<LostRanks> lost,
+               const StartRecord* starts);
     void run() noexcept;
     // sendNow's part with the MPI mutex: true when a task could not be sent
     // (its failure is stashed for the link thread).
@@ -98,7 +101,9 @@ private:
     void readReports(std::size_t worker, std::string_view bytes, std::vector<Event>& events)
         QZ_REQUIRES(mpiMutex_);
     // Takes the task of `result` out of flight at `worker` and adds its
-    // Finished event; nothing if it is not in flight there.
+    // Finished event, after a Started one if none came before (a worker that
+    // records its starts reports them only for long runs); nothing if it is
+    // not in flight there.
     void finished(std::size_t worker, codec::ResultMessage result, std::uint64_t runMicros,
                   std::vector<Event>& events) QZ_REQUIRES(mpiMutex_);
     // Encodes and sends a worker's tasks; one that cannot be encoded fails
@@ -115,6 +120,7 @@ private:
     std::vector<int> ranks_;              // worker index -> rank
     std::vector<ControlSocket*> control_; // worker index -> its control socket
     std::shared_ptr<LostRanks> lost_;
+    const StartRecord* starts_; // the cluster's; null when not shared
     std::shared_ptr<WorkList> work_;
 
     // The MPI side: held by the link thread while it is at MPI, and by a

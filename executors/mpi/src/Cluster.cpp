@@ -40,7 +40,7 @@ std::shared_ptr<ClientLink> Cluster::Impl::openLink(std::size_t numWorkers) {
     for (const int rank : ranks) {
         sockets.push_back(control.at(static_cast<std::size_t>(rank - 1)).get());
     }
-    auto opened = ClientLink::open(comm, std::move(ranks), std::move(sockets), lost);
+    auto opened = ClientLink::open(comm, std::move(ranks), std::move(sockets), lost, starts.get());
     link = opened;
     return opened;
 }
@@ -65,6 +65,7 @@ Cluster::Cluster(int& argc, char**& argv) : impl_(std::make_unique<Impl>()) {
     }
     try {
         impl_->control = connectControlChannels(impl_->comm);
+        impl_->starts = StartRecord::share(impl_->comm);
     } catch (...) {
         std::cerr << "mpipool: process " << impl_->comm.rank() << " could not connect the cluster: "
                   << boost::current_exception_diagnostic_information() << std::endl;
@@ -119,7 +120,8 @@ int Cluster::serve() {
         throw errors::ServeOnClient();
     }
     try {
-        const WorkerLoop::Ending ending = WorkerLoop(impl_->comm, *impl_->control.at(0)).run();
+        const WorkerLoop::Ending ending =
+            WorkerLoop(impl_->comm, *impl_->control.at(0), impl_->starts.get()).run();
         impl_->skipFinalize = ending != WorkerLoop::Ending::Finalize;
         if (ending == WorkerLoop::Ending::ClientGone) {
             std::cerr << "mpipool: worker " << getRank() << " lost its client" << std::endl;

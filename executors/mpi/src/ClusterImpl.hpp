@@ -4,6 +4,7 @@
 
 #include "ClientLink.hpp"
 #include "ControlChannel.hpp"
+#include "StartRecord.hpp"
 
 #include <mpipool/Cluster.hpp>
 
@@ -25,6 +26,9 @@ struct Cluster::Impl {
     // Rank 0: one per worker (index rank - 1); a worker: its one to rank 0.
     std::vector<std::unique_ptr<ControlSocket>> control;
     std::shared_ptr<LostRanks> lost; // rank 0
+    // Rank 0: the workers' start records; a worker: its own. Null when not
+    // shared (see StartRecord.hpp).
+    std::unique_ptr<StartRecord> starts;
     // A process of the job is lost: MPI cannot finalize (it would wait for
     // the lost one), so the process ends without.
     bool skipFinalize = false;

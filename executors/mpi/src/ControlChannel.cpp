@@ -4,6 +4,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/host_name.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/local/stream_protocol.hpp>
 #include <boost/asio/read.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/mpi/collectives/broadcast.hpp>
@@ -14,11 +15,15 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <random>
+#include <span>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -28,6 +33,7 @@ namespace mpipool {
 namespace {
 
 using boost::asio::ip::tcp;
+using local = boost::asio::local::stream_protocol;
 
 // How long the workers have to connect when the cluster starts.
 constexpr std::chrono::seconds kConnectTimeout{60};
@@ -49,6 +55,14 @@ int prepared(tcp::socket& socket) {
     return fd;
 }
 
+// A local socket charges what it holds unread to its writer: room for many
+// small frames (as far as the system allows).
+int preparedLocal(local::socket& socket) {
+    const int fd = socket.release();
+    setOption(fd, SOL_SOCKET, SO_SNDBUF, 1 << 20);
+    return fd;
+}
+
 std::string clientHost() {
     if (const char* host = std::getenv("KORVEX_MPIPOOL_HOST"); host && *host) {
         return host;
@@ -56,29 +70,59 @@ std::string clientHost() {
     return boost::asio::ip::host_name();
 }
 
+// A listener for the workers on this host, on an abstract local socket under
+// a random name: a local connection costs less than TCP. Null if there is
+// none to be had (the workers then connect over TCP).
+std::unique_ptr<local::acceptor> localListener(boost::asio::io_context& io, std::string& name) {
+    std::random_device random;
+    name = "qzmpipool-" + std::to_string(::getpid()) + "-" + std::to_string(random()) +
+           std::to_string(random());
+    try {
+        return std::make_unique<local::acceptor>(io, local::endpoint(std::string(1, '\0') + name));
+    } catch (const boost::system::system_error&) {
+        name = "-";
+        return nullptr;
+    }
+}
+
 std::vector<std::unique_ptr<ControlSocket>> acceptWorkers(const boost::mpi::communicator& comm) {
     boost::asio::io_context io;
     tcp::acceptor acceptor(io, tcp::endpoint(tcp::v4(), 0));
-    std::string address = clientHost() + " " + std::to_string(acceptor.local_endpoint().port());
+    std::string localName;
+    const auto localAcceptor = localListener(io, localName);
+    std::string address =
+        clientHost() + " " + std::to_string(acceptor.local_endpoint().port()) + " " + localName;
     boost::mpi::broadcast(comm, address, protocol::kClientRank);
 
     std::vector<std::unique_ptr<ControlSocket>> sockets(static_cast<std::size_t>(comm.size() - 1));
+    std::vector<int> listeners{acceptor.native_handle()};
+    if (localAcceptor) {
+        listeners.push_back(localAcceptor->native_handle());
+    }
     const auto deadline = std::chrono::steady_clock::now() + kConnectTimeout;
     for (std::size_t accepted = 0; accepted < sockets.size(); ++accepted) {
         std::vector<bool> ready;
-        waitReadable({acceptor.native_handle()}, ready,
+        waitReadable(listeners, ready,
                      std::chrono::duration_cast<std::chrono::microseconds>(
                          deadline - std::chrono::steady_clock::now()));
-        if (!ready[0]) {
+        std::uint64_t rank = 0;
+        int fd = -1;
+        if (ready[0]) {
+            tcp::socket socket = acceptor.accept();
+            boost::asio::read(socket, boost::asio::buffer(&rank, sizeof rank));
+            fd = prepared(socket);
+        } else if (ready.size() > 1 && ready[1]) {
+            local::socket socket = localAcceptor->accept();
+            boost::asio::read(socket, boost::asio::buffer(&rank, sizeof rank));
+            fd = preparedLocal(socket);
+        } else {
             throw std::runtime_error("a worker did not connect to the client in time");
         }
-        tcp::socket socket = acceptor.accept();
-        std::uint64_t rank = 0;
-        boost::asio::read(socket, boost::asio::buffer(&rank, sizeof rank));
+        auto control = std::make_unique<ControlSocket>(fd);
         if (rank < 1 || rank > sockets.size() || sockets[rank - 1]) {
             throw std::runtime_error("a stranger connected to the client");
         }
-        sockets[rank - 1] = std::make_unique<ControlSocket>(prepared(socket));
+        sockets[rank - 1] = std::move(control);
     }
     return sockets;
 }
@@ -86,13 +130,24 @@ std::vector<std::unique_ptr<ControlSocket>> acceptWorkers(const boost::mpi::comm
 std::unique_ptr<ControlSocket> connectToClient(const boost::mpi::communicator& comm) {
     std::string address;
     boost::mpi::broadcast(comm, address, protocol::kClientRank);
-    const auto space = address.rfind(' ');
+    std::istringstream fields(address);
+    std::string host;
+    std::string port;
+    std::string localName;
+    fields >> host >> port >> localName;
+    const auto rank = static_cast<std::uint64_t>(comm.rank());
     boost::asio::io_context io;
+    // On the client's host, the local socket; else TCP.
+    local::socket nearby(io);
+    boost::system::error_code failed;
+    nearby.connect(local::endpoint(std::string(1, '\0') + localName), failed);
+    if (!failed) {
+        boost::asio::write(nearby, boost::asio::buffer(&rank, sizeof rank));
+        return std::make_unique<ControlSocket>(preparedLocal(nearby));
+    }
     tcp::resolver resolver(io);
     tcp::socket socket(io);
-    boost::asio::connect(
-        socket, resolver.resolve(tcp::v4(), address.substr(0, space), address.substr(space + 1)));
-    const auto rank = static_cast<std::uint64_t>(comm.rank());
+    boost::asio::connect(socket, resolver.resolve(tcp::v4(), host, port));
     boost::asio::write(socket, boost::asio::buffer(&rank, sizeof rank));
     return std::make_unique<ControlSocket>(prepared(socket));
 }
@@ -109,18 +164,47 @@ bool ControlSocket::write(protocol::Frame frame, std::uint64_t value, bool holdB
     std::array<unsigned char, kFrameSize> bytes{};
     bytes[0] = static_cast<unsigned char>(frame);
     std::memcpy(bytes.data() + 1, &value, sizeof value);
+    const ::iovec part{bytes.data(), bytes.size()};
     const foundation::core::sync::LockGuard lock(writeMutex_);
-    std::size_t written = 0;
-    while (written < bytes.size()) {
-        const ssize_t n = ::send(fd_, bytes.data() + written, bytes.size() - written,
-                                 MSG_NOSIGNAL | (holdBack ? MSG_MORE : 0));
+    return writeAll(&part, 1, holdBack);
+}
+
+bool ControlSocket::writeBatch(std::string_view batch) noexcept {
+    std::array<unsigned char, kFrameSize> header{};
+    header[0] = static_cast<unsigned char>(protocol::Frame::Batch);
+    const std::uint64_t size = batch.size();
+    std::memcpy(header.data() + 1, &size, sizeof size);
+    const std::array<::iovec, 2> parts{
+        {{header.data(), header.size()}, {const_cast<char*>(batch.data()), batch.size()}}};
+    const foundation::core::sync::LockGuard lock(writeMutex_);
+    return writeAll(parts.data(), parts.size(), false);
+}
+
+bool ControlSocket::writeAll(const ::iovec* parts, std::size_t count, bool holdBack) noexcept {
+    std::array<::iovec, 2> rest{};
+    std::copy_n(parts, std::min(count, rest.size()), rest.begin());
+    ::msghdr message{};
+    message.msg_iov = rest.data();
+    message.msg_iovlen = std::min(count, rest.size());
+    while (message.msg_iovlen > 0) {
+        const ssize_t n = ::sendmsg(fd_, &message, MSG_NOSIGNAL | (holdBack ? MSG_MORE : 0));
         if (n < 0 && errno == EINTR) {
             continue;
         }
         if (n <= 0) {
             return false;
         }
-        written += static_cast<std::size_t>(n);
+        // Past what was written.
+        auto written = static_cast<std::size_t>(n);
+        while (message.msg_iovlen > 0 && written >= message.msg_iov->iov_len) {
+            written -= message.msg_iov->iov_len;
+            ++message.msg_iov;
+            --message.msg_iovlen;
+        }
+        if (message.msg_iovlen > 0) {
+            message.msg_iov->iov_base = static_cast<char*>(message.msg_iov->iov_base) + written;
+            message.msg_iov->iov_len -= written;
+        }
     }
     return true;
 }
@@ -130,8 +214,8 @@ bool ControlSocket::peerClosed() const noexcept {
     return ::poll(&polled, 1, 0) > 0 && (polled.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
 }
 
-bool ControlSocket::readAvailable(std::vector<FrameMessage>& frames) noexcept {
-    std::array<unsigned char, 4096> buffer{};
+bool ControlSocket::readAvailable(std::vector<FrameMessage>& frames) {
+    std::array<unsigned char, 16384> buffer; // filled by recv
     while (true) {
         const ssize_t n = ::recv(fd_, buffer.data(), buffer.size(), MSG_DONTWAIT);
         if (n < 0 && errno == EINTR) {
@@ -143,14 +227,40 @@ bool ControlSocket::readAvailable(std::vector<FrameMessage>& frames) noexcept {
         if (n <= 0) {
             return false; // the end of the stream, or a broken connection
         }
-        for (ssize_t i = 0; i < n; ++i) {
-            partial_[partialSize_++] = buffer[static_cast<std::size_t>(i)];
-            if (partialSize_ == kFrameSize) {
-                FrameMessage message{static_cast<protocol::Frame>(partial_[0]), 0};
-                std::memcpy(&message.value, partial_.data() + 1, sizeof message.value);
-                frames.push_back(message);
+        std::span<const unsigned char> rest(buffer.data(), static_cast<std::size_t>(n));
+        while (!rest.empty()) {
+            if (reading_) {
+                // The batch of a Batch frame.
+                std::string& batch = reading_->batch;
+                const std::size_t take = std::min(rest.size(), reading_->value - batch.size());
+                batch.append(reinterpret_cast<const char*>(rest.data()), take);
+                rest = rest.subspan(take);
+            } else {
+                const std::size_t take = std::min(rest.size(), kFrameSize - partialSize_);
+                std::copy_n(rest.begin(), take, partial_.begin() + partialSize_);
+                partialSize_ += take;
+                rest = rest.subspan(take);
+                if (partialSize_ < kFrameSize) {
+                    break;
+                }
                 partialSize_ = 0;
+                reading_.emplace(FrameMessage{static_cast<protocol::Frame>(partial_[0]), 0, {}});
+                std::memcpy(&reading_->value, partial_.data() + 1, sizeof reading_->value);
+                if (reading_->frame == protocol::Frame::Batch) {
+                    if (reading_->value > kMaxBatch) {
+                        return false;
+                    }
+                    reading_->batch.reserve(reading_->value);
+                }
             }
+            if (reading_->frame != protocol::Frame::Batch ||
+                reading_->batch.size() == reading_->value) {
+                frames.push_back(std::move(*reading_));
+                reading_.reset();
+            }
+        }
+        if (static_cast<std::size_t>(n) < buffer.size()) {
+            return true; // all there was; poll() tells of more, or of the end
         }
     }
 }
@@ -175,6 +285,34 @@ void Waker::drain() noexcept {
     [[maybe_unused]] const ssize_t n = ::read(fd_, &count, sizeof count);
 }
 
+Alarm::Alarm() : fd_(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)) {
+    if (fd_ < 0) {
+        throw std::runtime_error("no timer file descriptor for the cluster pool");
+    }
+}
+
+Alarm::~Alarm() {
+    ::close(fd_);
+}
+
+void Alarm::setIn(std::chrono::nanoseconds delay) noexcept {
+    const auto nanos = std::max<std::int64_t>(delay.count(), 1); // zero would call it off
+    itimerspec when{};
+    when.it_value.tv_sec = static_cast<time_t>(nanos / 1'000'000'000);
+    when.it_value.tv_nsec = static_cast<long>(nanos % 1'000'000'000);
+    ::timerfd_settime(fd_, 0, &when, nullptr);
+}
+
+void Alarm::callOff() noexcept {
+    const itimerspec never{};
+    ::timerfd_settime(fd_, 0, &never, nullptr);
+}
+
+void Alarm::drain() noexcept {
+    std::uint64_t count = 0;
+    [[maybe_unused]] const ssize_t n = ::read(fd_, &count, sizeof count);
+}
+
 std::vector<std::unique_ptr<ControlSocket>>
 connectControlChannels(const boost::mpi::communicator& comm) {
     if (comm.rank() == protocol::kClientRank) {
@@ -187,12 +325,27 @@ connectControlChannels(const boost::mpi::communicator& comm) {
 
 bool sendAnnounced(protocol::Outbox& outbox, ControlSocket& control, int rank,
                    std::vector<protocol::Message> messages) {
-    const std::size_t count = messages.size();
+    bool written = true;
+    std::size_t unannounced = 0;
+    const auto announce = [&] {
+        if (unannounced > 0) {
+            written = control.write(protocol::Frame::Wake, unannounced) && written;
+            unannounced = 0;
+        }
+    };
     for (protocol::Message& message : messages) {
-        outbox.send(rank, message.tag, std::move(message.bytes));
+        if (message.inFrame) {
+            announce(); // the MPI messages before it come first
+            written = control.writeBatch(message.bytes) && written;
+        } else {
+            outbox.send(rank, message.tag, std::move(message.bytes));
+            ++unannounced;
+        }
     }
-    const bool written = control.write(protocol::Frame::Wake, count);
-    outbox.progress(); // a small message is done at once
+    if (unannounced > 0) {
+        announce();
+        outbox.progress(); // a small message is done at once
+    }
     return written;
 }
 

@@ -1,9 +1,12 @@
 #pragma once
 
-// The control channel between the client and one worker: a TCP connection
-// carrying 9-byte frames (Protocol.hpp), and the setup that connects every
-// worker to the client when the cluster starts. A thread that sleeps waits
-// on these sockets (and a Waker for news of its own process) with poll().
+// The control channel between the client and one worker: a stream
+// connection carrying frames (Protocol.hpp), and the setup that connects
+// every worker to the client when the cluster starts: a worker on the
+// client's host connects to an abstract local socket under a random name
+// (cheaper to write to and wake through), any other over TCP. A thread that
+// sleeps waits on these sockets (and a Waker for news of its own process)
+// with poll().
 //
 // Lost processes: the kernel closes the sockets of a process that dies, so
 // the other end reads the end of the stream at once. A machine that stops
@@ -17,12 +20,16 @@
 
 #include <foundation/core/sync/Mutex.hpp>
 
+#include <sys/uio.h>
+
 #include <boost/mpi/communicator.hpp>
 
 #include <array>
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <string_view>
 #include <vector>
 
 namespace mpipool {
@@ -32,6 +39,7 @@ inline constexpr std::chrono::seconds kDeadPeerTimeout{3};
 struct FrameMessage {
     protocol::Frame frame;
     std::uint64_t value;
+    protocol::Bytes batch; // what a Batch frame brings
 };
 
 class ControlSocket {
@@ -48,20 +56,31 @@ public:
     // the peer if this process dies.
     bool write(protocol::Frame frame, std::uint64_t value = 0, bool holdBack = false) noexcept
         QZ_EXCLUDES(writeMutex_);
+    // Writes a Batch frame that brings `batch`; false when the peer is gone.
+    bool writeBatch(std::string_view batch) noexcept QZ_EXCLUDES(writeMutex_);
     // Whether the peer has closed its end (frames may still be unread). Any
     // thread.
     bool peerClosed() const noexcept;
     // Reads what has arrived without blocking and appends the whole frames;
-    // false once the stream has ended or broken (the frames before the end
-    // are still appended).
-    bool readAvailable(std::vector<FrameMessage>& frames) noexcept;
+    // false once the stream has ended or broken, or brought a batch larger
+    // than kMaxBatch (the frames before are still appended; an end right
+    // after them may be read on the next call). Throws std::bad_alloc.
+    bool readAvailable(std::vector<FrameMessage>& frames);
+
+    // More than the socket buffers hold: a larger batch is a broken stream.
+    static constexpr std::size_t kMaxBatch = std::size_t{1} << 20;
 
 private:
     static constexpr std::size_t kFrameSize = 9;
+    bool writeAll(const ::iovec* parts, std::size_t count, bool holdBack) noexcept
+        QZ_REQUIRES(writeMutex_);
+
     int fd_;
     foundation::core::sync::Mutex writeMutex_;
+    // The frame being read: its header, then the batch it brings.
     std::array<unsigned char, kFrameSize> partial_{};
     std::size_t partialSize_ = 0;
+    std::optional<FrameMessage> reading_;
 };
 
 // Wakes a thread asleep in poll() from another thread of this process.
@@ -74,6 +93,25 @@ public:
 
     int fd() const noexcept { return fd_; }
     void wake() noexcept;
+    void drain() noexcept;
+
+private:
+    int fd_;
+};
+
+// Wakes a thread asleep in poll() on fd() at a time another thread sets,
+// unless it is called off before: setting and calling off wake no one.
+class Alarm {
+public:
+    Alarm();
+    ~Alarm();
+    Alarm(const Alarm&) = delete;
+    Alarm& operator=(const Alarm&) = delete;
+
+    int fd() const noexcept { return fd_; }
+    // Rings after `delay` (at once for zero), instead of when set before.
+    void setIn(std::chrono::nanoseconds delay) noexcept;
+    void callOff() noexcept;
     void drain() noexcept;
 
 private:

@@ -3,28 +3,44 @@
 // How the client (rank 0) and the workers talk. Two channels join the client
 // to each worker:
 //
-//   the control channel, a TCP connection (ControlChannel.hpp), carries small
+//   the control channel, a stream connection (ControlChannel.hpp), carries small
 //   frames (Frame: a tag and a 64-bit value) that wake the other side: a blocked
 //   thread waits on sockets, never polls MPI. Its end is the news of a lost
 //   process: the kernel closes a dead process's sockets.
 //
 //     client -> worker   Wake     MPI messages follow (value: how many)
+//                        Batch    a kTasks batch follows in the stream
+//                                 (value: its size in bytes)
 //                        Stop     stop the evaluation with this id, or skip
 //                                 it if it has not started
 //                        Exit     leave serve(): the client ends the cluster
 //                                 (value 1: a process is lost, skip
 //                                 MPI_Finalize)
 //     worker -> client   Wake     MPI messages follow (value: how many)
+//                        Batch    a kReports batch follows in the stream
+//                                 (value: its size in bytes)
 //                        Started  the evaluation with this id starts now:
 //                                 sent before it runs, so that the client
 //                                 knows what a lost worker may have run;
 //                                 held back (corked) while more tasks are
-//                                 queued behind it
+//                                 queued behind it. A worker that records
+//                                 its starts (StartRecord.hpp) sends it only
+//                                 for a run that lasts.
 //                        Push     nothing: sends the frames held back
 //
-//   MPI, on the cluster's own communicator, carries the data: byte buffers
-//   (MPI_CHAR), sent without blocking and then announced by a Wake frame,
-//   so that a small one has arrived when the frame wakes the receiver.
+//   A batch of small items travels in a Batch frame itself (Batch.hpp says
+//   which): the frame that wakes the receiver brings it. The bytes of such
+//   batches a side has written and the other has not read stay well below
+//   what the socket buffers hold (a worker has at most
+//   ClientLink::kMaxInFlight tasks in flight, whose items average at most
+//   kFrameItemBytes), so that a write never waits for a peer that is itself
+//   writing.
+//
+//   MPI, on the cluster's own communicator, carries the other data: byte
+//   buffers (MPI_CHAR), sent without blocking and then announced by a Wake
+//   frame, so that a small one has arrived when the frame wakes the receiver.
+//   A receiver takes in the messages announced before a Batch frame before
+//   the batch, so that both arrive in the order they were sent.
 //
 //     client -> worker   kTasks    a batch of encoded evaluations (Batch.hpp)
 //                        kTask     one large encoded evaluation
@@ -62,7 +78,7 @@ inline constexpr int kTask = 5;   // one large encoded evaluation
 inline constexpr int kResult = 6; // one large encoded result
 
 // Control frame tags.
-enum class Frame : std::uint8_t { Wake = 1, Stop = 2, Exit = 3, Started = 4, Push = 5 };
+enum class Frame : std::uint8_t { Wake = 1, Stop = 2, Exit = 3, Started = 4, Push = 5, Batch = 6 };
 
 inline constexpr int kClientRank = 0;
 
@@ -116,6 +132,7 @@ boost::optional<boost::mpi::status> probeAnnounced(const boost::mpi::communicato
 struct Message {
     int tag = 0; // kTasks, kTask, kReports or kResult
     Bytes bytes;
+    bool inFrame = false; // a batch that travels in a Batch frame
 };
 
 // Receives the buffer that the probed `status` begins: one message, or a

@@ -55,33 +55,35 @@ WorkList::TaskPtr WorkList::started(std::size_t worker, codec::TaskId id) {
     const LockGuard lock(mutex_);
     for (Flight& flight : flight_.at(worker)) {
         if (flight.task->getId() == id) {
-            flight.started = true;
-            return flight.task;
+            return std::exchange(flight.started, true) ? nullptr : flight.task;
         }
     }
     return nullptr;
 }
 
-WorkList::TaskPtr WorkList::finish(std::size_t worker, codec::TaskId id) {
+WorkList::Flight WorkList::finish(std::size_t worker, codec::TaskId id) {
     const LockGuard lock(mutex_);
     auto& flights = flight_.at(worker);
     const auto found =
         std::ranges::find_if(flights, [id](const Flight& f) { return f.task->getId() == id; });
     if (found == flights.end()) {
-        return nullptr;
+        return {};
     }
-    TaskPtr task = std::move(found->task);
+    Flight flight = std::move(*found);
     flights.erase(found);
-    return task;
+    return flight;
 }
 
-WorkList::Loss WorkList::lose(std::size_t worker) {
+WorkList::Loss WorkList::lose(std::size_t worker, const std::vector<codec::TaskId>& startedThere) {
     Loss loss;
     {
         const LockGuard lock(mutex_);
         lost_.at(worker) = true;
         for (Flight& flight : flight_[worker]) {
-            const bool elsewhere = !flight.started && !flight.task->getPinnedWorker();
+            const bool started =
+                flight.started ||
+                std::ranges::find(startedThere, flight.task->getId()) != startedThere.end();
+            const bool elsewhere = !started && !flight.task->getPinnedWorker();
             (elsewhere ? loss.refused : loss.failed).push_back(std::move(flight.task));
         }
         flight_[worker].clear();

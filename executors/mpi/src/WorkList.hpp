@@ -52,18 +52,26 @@ public:
     Orders takeOrders(const std::vector<std::size_t>& window) QZ_EXCLUDES(mutex_);
     // The sends of takeOrders only. Any thread (with the link's MPI mutex).
     std::vector<Send> takeSends(const std::vector<std::size_t>& window) QZ_EXCLUDES(mutex_);
-    // The task in flight at `worker` with id `id`, marked started; null if
-    // it has none such. Link thread.
+    struct Flight {
+        TaskPtr task;
+        bool started = false; // reported started
+    };
+    // The task in flight at `worker` with id `id`, now marked started; null
+    // if it has none such or it was marked before. Link thread.
     TaskPtr started(std::size_t worker, codec::TaskId id) QZ_EXCLUDES(mutex_);
-    // Takes the task `id` out of flight at `worker`; null if it has none such.
-    TaskPtr finish(std::size_t worker, codec::TaskId id) QZ_EXCLUDES(mutex_);
+    // Takes the task `id` out of flight at `worker` (a null task if it has
+    // none such).
+    Flight finish(std::size_t worker, codec::TaskId id) QZ_EXCLUDES(mutex_);
 
     struct Loss {
         std::vector<TaskPtr> failed;  // started there, or pinned there
         std::vector<TaskPtr> refused; // never started, but the queue has closed
                                       // (the others are queued again)
     };
-    Loss lose(std::size_t worker) QZ_EXCLUDES(mutex_);
+    // `startedThere` adds ids known to have started there though not
+    // reported.
+    Loss lose(std::size_t worker, const std::vector<codec::TaskId>& startedThere)
+        QZ_EXCLUDES(mutex_);
     std::size_t liveWorkers() const QZ_EXCLUDES(mutex_);
 
     bool withdraw(const executor::WorkerTask& task) override QZ_EXCLUDES(mutex_);
@@ -75,10 +83,6 @@ public:
     Waker& waker() noexcept { return waker_; }
 
 private:
-    struct Flight {
-        TaskPtr task;
-        bool started = false;
-    };
     bool anyInFlight() const QZ_REQUIRES(mutex_);
     void fillWindow(std::size_t worker, std::size_t window, std::vector<Send>& sends)
         QZ_REQUIRES(mutex_);

@@ -23,8 +23,9 @@ std::uint64_t microsSince(std::chrono::steady_clock::time_point start) {
 
 } // namespace
 
-WorkerLoop::WorkerLoop(const boost::mpi::communicator& comm, ControlSocket& control)
-    : comm_(comm), control_(control), outbox_(comm) {}
+WorkerLoop::WorkerLoop(const boost::mpi::communicator& comm, ControlSocket& control,
+                       StartRecord* starts)
+    : comm_(comm), control_(control), starts_(starts), outbox_(comm) {}
 
 WorkerLoop::Ending WorkerLoop::run() {
     std::thread other([this] { serve(); });
@@ -55,15 +56,22 @@ void WorkerLoop::serve() noexcept {
     UniqueLock lock(mutex_);
     while (true) {
         if (!runnerTaken_ && !queue_.empty() && !leaving_) {
-            // Run what is queued; the other thread takes the reader's part.
+            // Run what is queued; the other thread takes the reader's part
+            // if the run lasts.
             runnerTaken_ = true;
-            roles_.notify_all();
+            const bool unread = !readerTaken_;
             lock.unlock();
+            if (unread) {
+                standby_.setIn(kHandOver);
+            }
             runQueued();
+            if (unread) {
+                standby_.callOff();
+            }
             lock.lock();
             runnerTaken_ = false;
-            roles_.notify_all();
         } else if (leaving_) {
+            standby_.setIn({}); // the other thread leaves too
             break;
         } else if (!readerTaken_) {
             readerTaken_ = true;
@@ -71,9 +79,12 @@ void WorkerLoop::serve() noexcept {
             readOnce();
             lock.lock();
             readerTaken_ = false;
-            roles_.notify_all();
         } else {
-            roles_.wait(lock.native());
+            lock.unlock();
+            std::vector<bool> rang;
+            waitReadable({standby_.fd()}, rang, std::chrono::microseconds(-1));
+            standby_.drain();
+            lock.lock();
         }
     }
 }
@@ -91,18 +102,27 @@ void WorkerLoop::runQueued() {
             queue_.pop_front();
             running_ = task.id;
             stop_ = false;
-            // Held back while more tasks follow: the next start, a report or
-            // the reader's timer sends it.
-            holdBack = !queue_.empty();
-            if (holdBack && !startHeldBack_) {
-                startHeldBack_ = true;
-                heldBackSince_ = Clock::now();
-                waker_.wake(); // the reader sets its timer by it
+            if (starts_ != nullptr) {
+                runningSince_ = Clock::now();
+                startFramed_ = false; // the reader's timer is set while a task is queued
+            } else {
+                // Held back while more tasks follow: the next start, a report
+                // or the reader's timer sends it.
+                holdBack = !queue_.empty();
+                if (holdBack && !startHeldBack_) {
+                    startHeldBack_ = true;
+                    heldBackSince_ = Clock::now();
+                    waker_.wake(); // the reader sets its timer by it
+                }
+                startHeldBack_ = startHeldBack_ && holdBack;
             }
-            startHeldBack_ = startHeldBack_ && holdBack;
         }
         // Before it runs: a client that loses this worker knows it started.
-        control_.write(protocol::Frame::Started, task.id, holdBack);
+        if (starts_ != nullptr) {
+            starts_->record(task.id);
+        } else {
+            control_.write(protocol::Frame::Started, task.id, holdBack);
+        }
         const auto start = Clock::now();
         protocol::Bytes result = evaluate(task, stop_);
         const std::uint64_t runMicros = microsSince(start);
@@ -146,6 +166,11 @@ std::chrono::microseconds WorkerLoop::sleepLimit() const {
     if (startHeldBack_) {
         due = std::min(due.value_or(Clock::time_point::max()), heldBackSince_ + kReportDelay);
     }
+    if (starts_ != nullptr && (!queue_.empty() || (running_ && !startFramed_))) {
+        // A run that lasts gets its Started frame; a queued task starts soon.
+        const Clock::time_point since = running_ && !startFramed_ ? runningSince_ : Clock::now();
+        due = std::min(due.value_or(Clock::time_point::max()), since + kReportDelay);
+    }
     if (!due) {
         return std::chrono::microseconds(-1);
     }
@@ -154,14 +179,26 @@ std::chrono::microseconds WorkerLoop::sleepLimit() const {
 }
 
 void WorkerLoop::pushHeldBack() {
+    std::optional<codec::TaskId> lasting;
     {
         const LockGuard lock(mutex_);
-        if (!startHeldBack_ || Clock::now() - heldBackSince_ < kReportDelay) {
+        const auto now = Clock::now();
+        if (starts_ != nullptr) {
+            if (!running_ || startFramed_ || now - runningSince_ < kReportDelay) {
+                return;
+            }
+            startFramed_ = true;
+            lasting = running_;
+        } else if (!startHeldBack_ || now - heldBackSince_ < kReportDelay) {
             return;
         }
         startHeldBack_ = false;
     }
-    control_.write(protocol::Frame::Push);
+    if (lasting) {
+        control_.write(protocol::Frame::Started, *lasting);
+    } else {
+        control_.write(protocol::Frame::Push);
+    }
 }
 
 void WorkerLoop::readOnce() noexcept {
@@ -210,10 +247,17 @@ void WorkerLoop::readOnce() noexcept {
 }
 
 bool WorkerLoop::handleFrames(std::vector<FrameMessage>& frames) {
-    for (const FrameMessage& frame : frames) {
+    for (FrameMessage& frame : frames) {
         switch (frame.frame) {
         case protocol::Frame::Wake:
             announced_ += std::max<std::uint64_t>(frame.value, 1);
+            break;
+        case protocol::Frame::Batch:
+            // Its tasks queue behind those of the batches announced before.
+            while (announced_ > 0) {
+                receiveAnnounced();
+            }
+            queueTasks({protocol::kTasks, std::move(frame.batch)});
             break;
         case protocol::Frame::Stop:
             // The task may be in a batch announced before: take it in first.
@@ -282,7 +326,7 @@ void WorkerLoop::leave(bool clientGone) {
         stop_ = true;
         queue_.clear();
     }
-    roles_.notify_all();
+    standby_.setIn({});
 }
 
 void WorkerLoop::sendReports(bool force) {

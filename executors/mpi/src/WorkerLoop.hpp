@@ -10,25 +10,32 @@
 //   passed since the oldest one (a long evaluation never holds back the
 //   results before it) or a batch is full.
 //   the runner runs the queued evaluations one after another, and sends the
-//   reports itself when the queue runs dry or the batch is full.
+//   reports itself when the queue runs dry or the batch is full. Before it
+//   runs one, it tells the client that it starts: in the start record when
+//   the client shares one (StartRecord.hpp), and then the reader sends the
+//   Started frame only for a run that lasts kReportDelay (the report of a
+//   shorter one says it ran); else in a Started frame at once.
 //
 // The reader that queues a task becomes the runner at once, and the other
-// thread takes over the reading: a task that arrives at an idle worker runs
-// without a hand-over. An idle worker has one thread asleep in poll() and
-// the other on a condition variable.
+// thread, on standby, takes over the reading once the run has lasted
+// kHandOver: a task that arrives at an idle worker runs without a hand-over,
+// and a short one without waking the other thread. An idle worker has one
+// thread asleep in poll() on the control socket and the other on its alarm.
 //
 // States: Serving -(Exit, or the client's end of the socket)-> Leaving
 // (queued work is skipped, a running function is asked to stop) -> Ended
 // (both threads are out and the reports are sent).
 //
 // Threads: run() on the worker's main thread, which is one of the two and
-// starts and joins the other. `mutex_` guards what they share; `mpiMutex_`
+// starts and joins the other. Either takes a free part, and sleeps on
+// standby_ while it has none. `mutex_` guards what they share; `mpiMutex_`
 // the MPI side (taken before `mutex_` when both are). What the reader alone
 // touches is marked so.
 
 #include "Batch.hpp"
 #include "Codec.hpp"
 #include "ControlChannel.hpp"
+#include "StartRecord.hpp"
 
 #include <foundation/core/sync/Mutex.hpp>
 
@@ -36,7 +43,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <optional>
 
@@ -47,8 +53,11 @@ public:
     static constexpr std::chrono::microseconds kReportDelay{500};
     static constexpr std::size_t kReportBatchItems = 32;
     static constexpr std::size_t kReportBatchBytes = std::size_t{256} << 10;
+    // How long frames may wait unread while the reader runs what it queued.
+    static constexpr std::chrono::microseconds kHandOver{200};
 
-    WorkerLoop(const boost::mpi::communicator& comm, ControlSocket& control);
+    // `starts`: this worker's start record, or null.
+    WorkerLoop(const boost::mpi::communicator& comm, ControlSocket& control, StartRecord* starts);
 
     // How serving ended.
     enum class Ending {
@@ -80,7 +89,8 @@ private:
     void leave(bool clientGone) QZ_EXCLUDES(mutex_);
     // Sends the reports if they are due (or `force`). Either thread.
     void sendReports(bool force) QZ_EXCLUDES(mutex_, mpiMutex_);
-    // Sends the start frames held back for kReportDelay. The reader.
+    // Sends the start frames held back for kReportDelay, or the start frame
+    // of a recorded run that has lasted that long. The reader.
     void pushHeldBack() QZ_EXCLUDES(mutex_);
     // How long the reader may sleep. Called with `mutex_` held.
     std::chrono::microseconds sleepLimit() const QZ_REQUIRES(mutex_);
@@ -89,17 +99,24 @@ private:
 
     const boost::mpi::communicator& comm_;
     ControlSocket& control_;
+    StartRecord* const starts_;
     Waker waker_;
     foundation::core::sync::Mutex mpiMutex_;
     protocol::Outbox outbox_ QZ_GUARDED_BY(mpiMutex_);
     std::size_t announced_ = 0; // announced by the client, not yet received; the reader
 
     foundation::core::sync::Mutex mutex_;
-    std::condition_variable roles_; // a part is free, or leaving
+    // Rings the thread on standby: the runner has lasted kHandOver while no
+    // one reads, or leaving.
+    Alarm standby_;
     bool readerTaken_ QZ_GUARDED_BY(mutex_) = false;
     bool runnerTaken_ QZ_GUARDED_BY(mutex_) = false;
     std::deque<codec::TaskMessage> queue_ QZ_GUARDED_BY(mutex_);
     std::optional<codec::TaskId> running_ QZ_GUARDED_BY(mutex_);
+    // With a start record: when the running evaluation started, and whether
+    // its Started frame has gone.
+    Clock::time_point runningSince_ QZ_GUARDED_BY(mutex_);
+    bool startFramed_ QZ_GUARDED_BY(mutex_) = false;
     std::atomic<bool> stop_{false}; // the running evaluation's stop request
     bool leaving_ QZ_GUARDED_BY(mutex_) = false;
     bool clientGone_ QZ_GUARDED_BY(mutex_) = false;

@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 
 namespace mpipool::testing {
@@ -31,7 +32,9 @@ using testsupport::thrownBy;
 //                  envelope with two causes, 3 a host typed error, 4 a non-exception
 //   "untilStopped" waits until its task is asked to stop, then gives 1
 //   "tally"        counts its calls in the process; gives the count so far
-//                  (and with two outputs, the rank)
+//                  (and with two outputs, the rank); with inputs (client,
+//                  task), first creates ranMark(client, task), and fails if
+//                  it is there: that task ran before
 //   "tallyAndRank" the count so far, without counting, and the rank
 //   "exitOnRank"   ends its process at once if it runs on the rank its input
 //                  names; else gives the rank it ran on
@@ -42,6 +45,7 @@ void registerFunctions();
 Cluster& cluster();
 extern Cluster* gCluster;
 
+std::filesystem::path ranMark(double client, double task);
 Array scalar(double value);
 Array handle(const char* registeredName);
 double valueOf(const dvArray* array);
