@@ -8,6 +8,9 @@
 //   makeTask(function, numOutputs, inputs, pinnedWorker) -> std::shared_ptr<Task>
 //       makes one task (pinnedWorker: std::nullopt for any worker); it may
 //       refuse the work by throwing. The future is made only afterwards.
+//       `inputs` are the future's shared copies of the caller's: the task
+//       may keep and read them, never write them (a worker that hands them
+//       to a function copies them first).
 //
 // Threads: any thread.
 
@@ -51,9 +54,10 @@ std::shared_ptr<parallel::language::future::FevalFuture>
 submitTo(PinnedQueue<Task>& queue, boost::intrusive_ptr<dvArray> function, unsigned int numOutputs,
          DvArrayVector inputs, kcos::COSInterface* parent, MakeTask makeTask) {
     checkSubmission(function, numOutputs);
-    std::shared_ptr<Task> task = makeTask(function, numOutputs, inputs, std::nullopt);
+    parallel::language::future::InputCopies copies(std::move(inputs));
+    std::shared_ptr<Task> task = makeTask(function, numOutputs, copies.arrays, std::nullopt);
     auto future = std::make_shared<parallel::language::future::FevalFuture>(
-        parent, std::move(function), numOutputs, std::move(inputs), task);
+        parent, std::move(function), numOutputs, std::move(copies), task);
     const std::shared_ptr<WorkerTask> asWorkerTask = task; // one task: no vector to allocate
     markSubmitted({&asWorkerTask, 1});
     if (!queue.push(task)) {
@@ -69,10 +73,11 @@ submitOnAllTo(PinnedQueue<Task>& queue, boost::intrusive_ptr<dvArray> function,
               unsigned int numOutputs, DvArrayVector inputs, kcos::COSInterface* parent,
               MakeTask makeTask) {
     checkSubmission(function, numOutputs);
+    const parallel::language::future::InputCopies copies(inputs); // read by every task
     std::vector<std::shared_ptr<Task>> tasks;
     tasks.reserve(queue.getNumWorkers());
     for (std::size_t i = 0; i < queue.getNumWorkers(); ++i) {
-        tasks.push_back(makeTask(function, numOutputs, inputs, i));
+        tasks.push_back(makeTask(function, numOutputs, copies.arrays, i));
     }
     const std::vector<std::shared_ptr<WorkerTask>> asWorkerTasks(tasks.begin(), tasks.end());
     auto future = std::make_shared<parallel::language::future::FevalOnAllFuture>(

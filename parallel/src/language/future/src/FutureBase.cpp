@@ -67,32 +67,6 @@ PerTaskVariant<PropertyDvArray> toPropertyCells(const PerTaskVariant<DvArrayVect
     return mapEntries<PropertyDvArray>(inputs, detail::makePropertyCell);
 }
 
-// Replaces each array by a shared copy of its own (null stays null): the
-// values as they are now, whatever becomes of the caller's arrays.
-DvArrayVector sharedCopies(DvArrayVector arrays) {
-    for (auto& array : arrays) {
-        if (array) {
-            array.reset(matrix::to_korvex(matrix::detail::do_shared_copy(array.get())), false);
-        }
-    }
-    return arrays;
-}
-
-// The property cell detail::makePropertyCell would make of `copies`, made of
-// the copies themselves, which the cell takes over (each held here only).
-PropertyDvArray wrapIntoPropertyCell(DvArrayVector copies) {
-    const matrix::Dimensions dims =
-        copies.empty() ? matrix::Dimensions{0, 0} : matrix::Dimensions{1, copies.size()};
-    matrix::unique_dvArray cell = matrix::detail::do_create_cell(dims);
-    for (std::size_t i = 0; i < copies.size(); ++i) {
-        if (copies[i]) {
-            dvSetCell(cell.get(), i, matrix::from_korvex(copies[i].detach()));
-        }
-    }
-    return PropertyDvArray(
-        omPrepareArrayForPropertyContainment(matrix::to_korvex(std::move(cell))));
-}
-
 // A single entry's copy, or a 1-by-N cell of copies of each entry, of the
 // array `select` picks from the entry.
 template <class T, class Select>
@@ -266,18 +240,69 @@ FutureBase::FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray>
       inputs_(inputs.isMulti() ? toPropertyCells(inputs) : PerTaskVariant(PropertyDvArray())) {
     keepFunction(std::move(function));
     if (!inputs.isMulti()) {
-        inputsToWrap_ = sharedCopies(std::move(inputs.getAsSingle()));
+        inputsToWrap_ = InputCopies(std::move(inputs.getAsSingle())).arrays;
         inputsWrapped_ = false;
+    }
+}
+
+FutureBase::FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
+                       unsigned int numOutputs, InputCopies inputs, std::optional<long long> id)
+    : createTime_(getCurrentTime()), id_(id ? *id : getNextID()), numOutputs_(numOutputs),
+      inputsWrapped_(false), parent_(parent, kcos::COSReferenceType::Weak),
+      inputs_(PropertyDvArray()), inputsToWrap_(std::move(inputs.arrays)) {
+    keepFunction(std::move(function));
+}
+
+InputCopies::InputCopies(DvArrayVector inputs) : arrays(std::move(inputs)) {
+    for (auto& array : arrays) {
+        if (array) {
+            array.reset(matrix::to_korvex(matrix::detail::do_shared_copy(array.get())), false);
+        }
     }
 }
 
 void FutureBase::wrapInputsIfNeeded() const {
     if (!inputsWrapped_) {
-        DvArrayVector copies;
-        copies.swap(inputsToWrap_);
-        inputs_.getAsSingle() = wrapIntoPropertyCell(std::move(copies));
+        // Copied again: the executor may still be reading the arrays kept.
+        inputs_.getAsSingle() = detail::makePropertyCell(inputsToWrap_);
+        inputsToWrap_.clear();
         inputsWrapped_ = true;
     }
+}
+
+void FutureBase::wrapOutputsIfNeeded() {
+    if (!outputsWrapped_) {
+        DvArrayVector outputs;
+        outputs.swap(outputsToWrap_);
+        outputsWrapped_ = true;
+        setOutputsOrError(PerTaskVariant<OutputsOrError>(
+            OutputsOrError(std::optional<DvArrayVector>(std::move(outputs)))));
+    }
+}
+
+boost::intrusive_ptr<dvArray> FutureBase::copyOfOutput(std::size_t i, unsigned int k) const {
+    const dvArray* output = nullptr;
+    if (!outputsWrapped_) {
+        output = k < outputsToWrap_.size() ? outputsToWrap_[k].get() : nullptr;
+    } else if (const dvArray* cell = outputsOrError_[i].getIfOutputs()) {
+        if (dvGetClassID(cell) != matrix::ClassID::Cell) {
+            throw std::invalid_argument("Array is not cell array.");
+        }
+        output = k < dvGetNumberOfElements(cell) ? dvGetCell(cell, k) : nullptr;
+    }
+    return {matrix::to_korvex(detail::copyArray(output)), false};
+}
+
+std::optional<DvArrayVector> FutureBase::copiesOfOutputs(std::size_t i) const {
+    if (outputsWrapped_) {
+        return detail::readCell(outputsOrError_[i].getIfOutputs());
+    }
+    DvArrayVector copies;
+    copies.reserve(outputsToWrap_.size());
+    for (const auto& output : outputsToWrap_) {
+        copies.emplace_back(matrix::to_korvex(detail::copyArray(output.get())), false);
+    }
+    return copies;
 }
 
 FutureBase::FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
@@ -367,14 +392,20 @@ matrix::unique_dvArray FutureBase::getInputsAsDvArray() const {
 
 PerTaskVariant<std::optional<DvArrayVector>> FutureBase::getOutputs() {
     initOutputsOrErrorIfNeeded();
-    return mapEntries<std::optional<DvArrayVector>>(
-        outputsOrError_, [](const OutputsOrErrorPropertyDvArray& entry) {
-            return detail::readCell(entry.getIfOutputs());
-        });
+    if (!outputsOrError_.isMulti()) {
+        return PerTaskVariant<std::optional<DvArrayVector>>(copiesOfOutputs(0));
+    }
+    std::vector<std::optional<DvArrayVector>> outputs;
+    outputs.reserve(outputsOrError_.size());
+    for (std::size_t i = 0; i < outputsOrError_.size(); ++i) {
+        outputs.push_back(copiesOfOutputs(i));
+    }
+    return PerTaskVariant<std::optional<DvArrayVector>>(std::move(outputs));
 }
 
 matrix::unique_dvArray FutureBase::getOutputsAsDvArray() {
     initOutputsOrErrorIfNeeded();
+    wrapOutputsIfNeeded();
     return entriesAsDvArray(outputsOrError_, [](const OutputsOrErrorPropertyDvArray& entry) {
         return entry.getIfOutputs();
     });
@@ -412,19 +443,17 @@ DvArrayVector FutureBase::getOutputsAs(unsigned int numOutputs, OutputFormat for
     initOutputsOrErrorIfNeeded();
     if (format == OutputFormat::Concatenated && !outputsOrError_.isMulti()) {
         // What concatenateEach makes of one source or none, without the
-        // vector of sources (fetchOutputs comes here once per future).
-        std::optional<DvArrayVector> outputs =
-            detail::readCell(outputsOrError_.getAsSingle().getIfOutputs());
-        if (!outputs) {
-            return DvArrayVector(numOutputs);
+        // vector of sources.
+        DvArrayVector outputs;
+        outputs.reserve(numOutputs);
+        for (unsigned int k = 0; k < numOutputs; ++k) {
+            outputs.push_back(copyOfOutput(0, k));
         }
-        outputs->resize(numOutputs);
-        return std::move(*outputs);
+        return outputs;
     }
     std::vector<DvArrayVector> collected;
     for (std::size_t i = 0; i < outputsOrError_.size(); ++i) {
-        if (std::optional<DvArrayVector> outputs =
-                detail::readCell(outputsOrError_[i].getIfOutputs())) {
+        if (std::optional<DvArrayVector> outputs = copiesOfOutputs(i)) {
             collected.push_back(std::move(*outputs));
         }
     }
@@ -437,6 +466,7 @@ DvArrayVector FutureBase::getOutputsAs(unsigned int numOutputs, OutputFormat for
 std::vector<dvArray*> FutureBase::getOwnedResources() {
     wrapFunctionIfNeeded();
     wrapInputsIfNeeded();
+    wrapOutputsIfNeeded();
     std::vector<dvArray*> owned;
     owned.reserve(1 + inputs_.size() + outputsOrError_.size());
     if (function_) {
@@ -482,6 +512,8 @@ void FutureBase::setInputs(std::size_t index, const DvArrayVector& inputs) {
 }
 
 void FutureBase::setOutputsOrError(const PerTaskVariant<OutputsOrError>& outputsOrError) {
+    outputsToWrap_.clear();
+    outputsWrapped_ = true;
     outputsOrError_ =
         mapEntries<OutputsOrErrorPropertyDvArray>(outputsOrError, [](const OutputsOrError& entry) {
             return OutputsOrErrorPropertyDvArray(entry);
@@ -492,6 +524,7 @@ void FutureBase::setOutputsOrError(const PerTaskVariant<OutputsOrError>& outputs
 }
 
 void FutureBase::setOutputsOrError(std::size_t index, const OutputsOrError& outputsOrError) {
+    wrapOutputsIfNeeded();
     outputsOrError_[index] = OutputsOrErrorPropertyDvArray(outputsOrError);
     setChildParentRoot(outputsOrError_[index].get());
 }
@@ -500,7 +533,15 @@ void FutureBase::initOutputsOrErrorIfNeeded() {
     if (isOutputsOrErrorCached() || doGetState() != FutureState::Finished) {
         return;
     }
-    const PerTaskVariant<OutputsOrError> fresh = doGetOutputsOrError();
+    PerTaskVariant<OutputsOrError> fresh = doGetOutputsOrError();
+    if (!outputsOrError_.isMulti() && !fresh.isMulti() && !cosi_ &&
+        !fresh.getAsSingle().hasError() && fresh.getAsSingle().value()) {
+        // Kept as they are until a cell is needed: most outputs are only
+        // fetched, and each fetch copies what it hands out.
+        outputsToWrap_ = std::move(*fresh.getAsSingle().value());
+        outputsWrapped_ = false;
+        return;
+    }
     if (!outputsOrError_.isMulti() || fresh.size() != outputsOrError_.size()) {
         setOutputsOrError(fresh);
         return;
@@ -514,6 +555,9 @@ void FutureBase::initOutputsOrErrorIfNeeded() {
 }
 
 bool FutureBase::isOutputsOrErrorCached() const {
+    if (!outputsWrapped_) {
+        return true;
+    }
     for (std::size_t i = 0; i < outputsOrError_.size(); ++i) {
         if (outputsOrError_[i].get() == nullptr) {
             return false;
@@ -663,6 +707,23 @@ DvArrayVector FutureBase::fetchOutputs(std::vector<std::shared_ptr<FutureBase>> 
 
     if (numOutputs == 0) {
         return {};
+    }
+    if (uniformOutput && futures.size() >= 2) {
+        // Output k of every future (each single, as checked above) goes
+        // straight into the parts of output k, without a vector per future.
+        DvArrayVector joined;
+        joined.reserve(numOutputs);
+        DvArrayVector parts;
+        parts.reserve(futures.size());
+        for (unsigned int k = 0; k < numOutputs; ++k) {
+            parts.clear();
+            for (const auto& future : futures) {
+                parts.push_back(future->copyOfOutput(0, k));
+            }
+            joined.push_back(
+                detail::concatenateVertically<errors::FetchOutputsConcatenationFailed>(parts));
+        }
+        return joined;
     }
     const OutputFormat format = uniformOutput ? OutputFormat::Concatenated : OutputFormat::Cell;
     std::vector<DvArrayVector> perFuture;
