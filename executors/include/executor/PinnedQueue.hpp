@@ -102,6 +102,22 @@ public:
         return std::exchange(inHand_.at(worker), nullptr);
     }
 
+    // release(worker), then takeNext(worker), under one lock when there is
+    // work already: the worker's loop once it is done with the task in its
+    // hand. The queue's reference to that task is dropped without the lock,
+    // before any wait. Worker thread.
+    TaskPtr releaseAndTakeNext(std::size_t worker) QZ_EXCLUDES(mutex_) {
+        {
+            TaskPtr done;
+            const LockGuard lock(mutex_);
+            done = std::exchange(inHand_.at(worker), nullptr);
+            if (closed_ || hasWorkFor(worker)) {
+                return closed_ ? nullptr : takeFor(worker);
+            }
+        }
+        return takeNext(worker);
+    }
+
     bool withdraw(const WorkerTask& task) override QZ_EXCLUDES(mutex_) {
         {
             const LockGuard lock(mutex_);

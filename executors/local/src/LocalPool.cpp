@@ -75,9 +75,10 @@ void workerLoop(const std::shared_ptr<TaskQueue>& queue, const std::shared_ptr<W
                 std::size_t worker) noexcept {
     parallel::language::future::TimelineRecorder::nameThisThread("worker " +
                                                                  std::to_string(worker + 1));
-    while (const auto task = queue->takeNext(worker)) {
+    for (auto task = queue->takeNext(worker); task;) {
         executor::runAsWorker("localpool", *task);
-        queue->release(worker);
+        task.reset(); // not held while the worker waits
+        task = queue->releaseAndTakeNext(worker);
     }
     exits->markExited(worker);
 }

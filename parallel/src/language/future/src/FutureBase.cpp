@@ -1,5 +1,6 @@
 #include <parallel/language/future/FutureBase.hpp>
 
+#include <parallel/language/future/FevalFuture.hpp>
 #include <parallel/language/future/FutureErrors.hpp>
 #include <parallel/language/future/ScopedTaskFinishedListener.hpp>
 
@@ -13,6 +14,8 @@
 #include <interpreter/Kdispatcher.hpp>
 #include <iqm/Iqm.hpp>
 #include <kvm/KVM.hpp>
+
+#include <foundation/core/sync/Mutex.hpp>
 
 #include <algorithm>
 #include <atomic>
@@ -171,6 +174,45 @@ public:
 private:
     std::shared_ptr<iqm::Iqm> queueManager_;
 };
+
+// Wakes the interpreter that waits for every future to finish when a task
+// finishes: at every finish, or, while it watches a task, only once that one
+// has finished (the waiter has nothing to do before its last future is
+// done). Any thread.
+class WakeWhenWatchedFinishesListener : public TaskFinishedListener {
+public:
+    explicit WakeWhenWatchedFinishesListener(std::shared_ptr<iqm::Iqm> queueManager)
+        : queueManager_(std::move(queueManager)) {}
+
+    // The task to watch; null: none. Set before the waiter looks at the
+    // task's state, so that a finish it has not seen finds the task here.
+    void watch(const std::shared_ptr<TaskBase>& task) QZ_EXCLUDES(mutex_) {
+        const foundation::core::sync::LockGuard lock(mutex_);
+        watched_ = task;
+    }
+
+    void onTaskFinished() override QZ_EXCLUDES(mutex_) {
+        std::shared_ptr<TaskBase> watched;
+        {
+            const foundation::core::sync::LockGuard lock(mutex_);
+            watched = watched_;
+        }
+        if (!watched || watched->getState() == FutureState::Finished) {
+            queueManager_->wakeUp();
+        }
+    }
+
+private:
+    const std::shared_ptr<iqm::Iqm> queueManager_;
+    foundation::core::sync::Mutex mutex_;
+    std::shared_ptr<TaskBase> watched_ QZ_GUARDED_BY(mutex_);
+};
+
+// The one task whose state is the future's, if it has one.
+std::shared_ptr<TaskBase> singleTaskOf(const FutureBase& future) {
+    const auto* feval = dynamic_cast<const FevalFuture*>(&future);
+    return feval != nullptr ? feval->getTask() : nullptr;
+}
 
 Candidates::const_iterator firstReady(Candidates::const_iterator first,
                                       Candidates::const_iterator last) {
@@ -600,12 +642,33 @@ bool FutureBase::wait(std::vector<std::shared_ptr<FutureBase>> futures, FutureSt
     };
     // Looked at after every wake-up: the futures already seen there are not
     // asked again: a wait on N futures asks N times plus once per wake-up.
+    // Waiting for Finished, the waiter is woken only once the last future
+    // not seen finished yet is done, when that future has a task to watch.
     std::size_t firstUnreached = 0;
+    std::size_t lastUnreached = futures.size(); // those behind it have finished
+    std::shared_ptr<WakeWhenWatchedFinishesListener> waker;
+    const auto watchLastUnreached = [&] {
+        while (lastUnreached > firstUnreached) {
+            const FutureBase& last = *futures[lastUnreached - 1];
+            std::shared_ptr<TaskBase> task = singleTaskOf(last);
+            waker->watch(task);
+            if (!task || !reached(last)) {
+                return;
+            }
+            --lastUnreached;
+        }
+    };
     const auto allReached = [&] {
         while (firstUnreached < futures.size() && reached(*futures[firstUnreached])) {
             ++firstUnreached;
         }
-        return firstUnreached == futures.size();
+        if (firstUnreached == futures.size()) {
+            return true;
+        }
+        if (waker && state == FutureState::Finished) {
+            watchLastUnreached();
+        }
+        return false;
     };
     const std::shared_ptr<iqm::Iqm> queueManager = iqm::Iqm::getCurrent();
     // Inside queued work nested as deep as it may go, this wait runs no
@@ -619,7 +682,8 @@ bool FutureBase::wait(std::vector<std::shared_ptr<FutureBase>> futures, FutureSt
     // Queued work and interrupt requests wake the queue manager themselves.
     std::optional<ScopedTaskFinishedListener> wakeOnFinish;
     if (queueManager) {
-        wakeOnFinish.emplace(std::make_shared<WaitForAnyTaskFinishedListener>(queueManager));
+        waker = std::make_shared<WakeWhenWatchedFinishesListener>(queueManager);
+        wakeOnFinish.emplace(std::shared_ptr<TaskFinishedListener>(waker));
     }
     const Seconds longestPass =
         queueManager && state == FutureState::Running ? kRunningLookInterval : kWaitSlice;
