@@ -12,9 +12,15 @@
 //       may keep and read them, never write them (a worker that hands them
 //       to a function copies them first).
 //
+//   makeTask(function, numOutputs, inputs, pinnedWorker, allocator)
+//       the same, for a makeTask that also takes a PairAllocator<Task>: it
+//       makes the task with std::allocate_shared through it, and the task
+//       and its future share one heap block (Executor::submit only).
+//
 // Threads: any thread.
 
 #include <executor/ExecutorErrors.hpp>
+#include <executor/PairBlock.hpp>
 #include <executor/PinnedQueue.hpp>
 
 #include <parallel/language/future/FevalFuture.hpp>
@@ -27,6 +33,7 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <type_traits>
 #include <vector>
 
 namespace executor {
@@ -53,11 +60,26 @@ template <class Task, class MakeTask>
 std::shared_ptr<parallel::language::future::FevalFuture>
 submitTo(PinnedQueue<Task>& queue, boost::intrusive_ptr<dvArray> function, unsigned int numOutputs,
          DvArrayVector inputs, kcos::COSInterface* parent, MakeTask makeTask) {
+    using parallel::language::future::FevalFuture;
     checkSubmission(function, numOutputs);
     parallel::language::future::InputCopies copies(std::move(inputs));
-    std::shared_ptr<Task> task = makeTask(function, numOutputs, copies.arrays, std::nullopt);
-    auto future = std::make_shared<parallel::language::future::FevalFuture>(
-        parent, std::move(function), numOutputs, std::move(copies), task);
+    std::shared_ptr<Task> task;
+    std::shared_ptr<FevalFuture> future;
+    if constexpr (std::is_invocable_v<MakeTask&, const boost::intrusive_ptr<dvArray>&, unsigned int,
+                                      const DvArrayVector&, std::optional<std::size_t>,
+                                      PairAllocator<Task>>) {
+        const PairBlock::Holder block(PairBlock::roomFor<Task>() +
+                                      PairBlock::roomFor<FevalFuture>());
+        task = makeTask(function, numOutputs, copies.arrays, std::nullopt,
+                        PairAllocator<Task>(block.get()));
+        future = std::allocate_shared<FevalFuture>(PairAllocator<FevalFuture>(block.get()), parent,
+                                                   std::move(function), numOutputs,
+                                                   std::move(copies), task);
+    } else {
+        task = makeTask(function, numOutputs, copies.arrays, std::nullopt);
+        future = std::make_shared<FevalFuture>(parent, std::move(function), numOutputs,
+                                               std::move(copies), task);
+    }
     const std::shared_ptr<WorkerTask> asWorkerTask = task; // one task: no vector to allocate
     markSubmitted({&asWorkerTask, 1});
     if (!queue.push(task)) {
