@@ -80,9 +80,9 @@ submitTo(PinnedQueue<Task>& queue, boost::intrusive_ptr<dvArray> function, unsig
         future = std::make_shared<FevalFuture>(parent, std::move(function), numOutputs,
                                                std::move(copies), task);
     }
-    const std::shared_ptr<WorkerTask> asWorkerTask = task; // one task: no vector to allocate
-    markSubmitted({&asWorkerTask, 1});
+    task->markPendingAndQueued(); // what markSubmitted does for one task
     if (!queue.push(task)) {
+        const std::shared_ptr<WorkerTask> asWorkerTask = task;
         refuseAfterShutdown({&asWorkerTask, 1});
     }
     return future;

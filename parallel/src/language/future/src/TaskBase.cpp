@@ -228,6 +228,18 @@ void TaskBase::doNotifyQueued() {
     detail::timeline::onQueued(this);
 }
 
+void TaskBase::doNotifyPendingAndQueued() {
+    QZ_FUTURE_TRACE_OF(logger(), "task", serial_);
+    {
+        foundation::core::sync::LockGuard lock(mutex_);
+        if (cancelled_) {
+            return;
+        }
+        setState(FutureState::Queued);
+    }
+    detail::timeline::onQueued(this);
+}
+
 void TaskBase::doNotifyRunning() {
     QZ_FUTURE_TRACE_OF(logger(), "task", serial_);
     {

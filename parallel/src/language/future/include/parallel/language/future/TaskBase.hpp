@@ -108,6 +108,9 @@ protected:
     // Notifications, called by the executor. Any thread.
     void doNotifyPending() QZ_EXCLUDES(mutex_);
     void doNotifyQueued() QZ_EXCLUDES(mutex_);
+    // Pending then Queued in one step, for a task that no other thread can
+    // reach yet (the submission of one task).
+    void doNotifyPendingAndQueued() QZ_EXCLUDES(mutex_);
     // Throws boost::promise_already_satisfied for a second Running without a
     // re-queue between (state and start time are updated first).
     void doNotifyRunning() QZ_EXCLUDES(mutex_);
