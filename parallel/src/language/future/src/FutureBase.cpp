@@ -315,7 +315,7 @@ void FutureBase::wrapInputsIfNeeded() const {
 void FutureBase::wrapOutputsIfNeeded() {
     if (!outputsWrapped_) {
         DvArrayVector outputs;
-        outputs.swap(outputsToWrap_);
+        outputs.swap(*doOutputsToWrap());
         outputsWrapped_ = true;
         setOutputsOrError(PerTaskVariant<OutputsOrError>(
             OutputsOrError(std::optional<DvArrayVector>(std::move(outputs)))));
@@ -325,7 +325,8 @@ void FutureBase::wrapOutputsIfNeeded() {
 boost::intrusive_ptr<dvArray> FutureBase::copyOfOutput(std::size_t i, unsigned int k) const {
     const dvArray* output = nullptr;
     if (!outputsWrapped_) {
-        output = k < outputsToWrap_.size() ? outputsToWrap_[k].get() : nullptr;
+        const DvArrayVector& outputs = *doOutputsToWrap();
+        output = k < outputs.size() ? outputs[k].get() : nullptr;
     } else if (const dvArray* cell = outputsOrError_[i].getIfOutputs()) {
         if (dvGetClassID(cell) != matrix::ClassID::Cell) {
             throw std::invalid_argument("Array is not cell array.");
@@ -340,8 +341,9 @@ std::optional<DvArrayVector> FutureBase::copiesOfOutputs(std::size_t i) const {
         return detail::readCell(outputsOrError_[i].getIfOutputs());
     }
     DvArrayVector copies;
-    copies.reserve(outputsToWrap_.size());
-    for (const auto& output : outputsToWrap_) {
+    const DvArrayVector& outputs = *doOutputsToWrap();
+    copies.reserve(outputs.size());
+    for (const auto& output : outputs) {
         copies.emplace_back(matrix::to_korvex(detail::copyArray(output.get())), false);
     }
     return copies;
@@ -387,6 +389,10 @@ FutureBase::~FutureBase() = default;
 
 bool FutureBase::doIsMultiFuture() const {
     return false;
+}
+
+DvArrayVector* FutureBase::doOutputsToWrap() const noexcept {
+    return nullptr;
 }
 
 boost::intrusive_ptr<dvArray> FutureBase::getFunction() const {
@@ -554,8 +560,10 @@ void FutureBase::setInputs(std::size_t index, const DvArrayVector& inputs) {
 }
 
 void FutureBase::setOutputsOrError(const PerTaskVariant<OutputsOrError>& outputsOrError) {
-    outputsToWrap_.clear();
-    outputsWrapped_ = true;
+    if (!outputsWrapped_) {
+        doOutputsToWrap()->clear();
+        outputsWrapped_ = true;
+    }
     outputsOrError_ =
         mapEntries<OutputsOrErrorPropertyDvArray>(outputsOrError, [](const OutputsOrError& entry) {
             return OutputsOrErrorPropertyDvArray(entry);
@@ -576,11 +584,12 @@ void FutureBase::initOutputsOrErrorIfNeeded() {
         return;
     }
     PerTaskVariant<OutputsOrError> fresh = doGetOutputsOrError();
-    if (!outputsOrError_.isMulti() && !fresh.isMulti() && !cosi_ &&
+    DvArrayVector* const keep = doOutputsToWrap();
+    if (keep != nullptr && !outputsOrError_.isMulti() && !fresh.isMulti() && !cosi_ &&
         !fresh.getAsSingle().hasError() && fresh.getAsSingle().value()) {
         // Kept as they are until a cell is needed: most outputs are only
         // fetched, and each fetch copies what it hands out.
-        outputsToWrap_ = std::move(*fresh.getAsSingle().value());
+        *keep = std::move(*fresh.getAsSingle().value());
         outputsWrapped_ = false;
         return;
     }

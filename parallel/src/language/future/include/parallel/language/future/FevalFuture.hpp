@@ -40,8 +40,10 @@ private:
     WallClockTimePoint doGetStartTime() const override;
     FutureState doGetState() const override;
     const char* doGetCosAliasName() const override;
+    DvArrayVector* doOutputsToWrap() const noexcept override { return &outputsToWrap_; }
 
     std::shared_ptr<TaskBase> task_;
+    mutable DvArrayVector outputsToWrap_; // see FutureBase::doOutputsToWrap
 };
 
 } // namespace parallel::language::future

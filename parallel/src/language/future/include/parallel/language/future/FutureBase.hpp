@@ -215,12 +215,15 @@ private:
     virtual WallClockTimePoint doGetStartTime() const = 0;
     virtual FutureState doGetState() const = 0;
     virtual bool doIsMultiFuture() const;
+    // Where a single future keeps the outputs of its finished work unwrapped
+    // (see outputsOrError_); null, as here, when it always builds the cell.
+    virtual DvArrayVector* doOutputsToWrap() const noexcept;
     virtual const char* doGetCosAliasName() const = 0;
 
     void initOutputsOrErrorIfNeeded();
     // Builds the single input cell from inputsToWrap_, once.
     void wrapInputsIfNeeded() const;
-    // Builds the single outputs cell from outputsToWrap_, once.
+    // Builds the single outputs cell from the outputs kept unwrapped, once.
     void wrapOutputsIfNeeded();
     // A copy of output k of entry `i` of the cache (null when it has no
     // outputs, or fewer); the cache is filled already.
@@ -268,7 +271,7 @@ private:
     unsigned int numOutputs_ = 0;
     bool read_ = false;                 // next to id_: both read on every fetchNext visit
     mutable bool inputsWrapped_ = true; // false while inputsToWrap_ holds the inputs
-    bool outputsWrapped_ = true;        // false while outputsToWrap_ holds the outputs
+    bool outputsWrapped_ = true;        // false while doOutputsToWrap() holds the outputs
     kcos::COSInterfacePtr parent_;
     PropertyDvArray predecessors_;
     // The inputs as property cells, one per task. A single future keeps its
@@ -278,11 +281,11 @@ private:
     mutable PerTaskVariant<PropertyDvArray> inputs_;
     mutable DvArrayVector inputsToWrap_;
     // The outputs-or-error cache, one entry per task. A single future without
-    // a language object keeps the outputs of its finished work as the work
-    // gave them (outputsToWrap_, shared with the task, read only) until a
-    // cell is first needed; its entry stays empty meanwhile.
+    // a language object, of a kind that has room for it (doOutputsToWrap),
+    // keeps the outputs of its finished work as the work gave them (shared
+    // with the task, read only) until a cell is first needed; its entry stays
+    // empty meanwhile.
     PerTaskVariant<OutputsOrErrorPropertyDvArray> outputsOrError_;
-    DvArrayVector outputsToWrap_;
     kcos::COSInterfacePtr cosi_;
 };
 
