@@ -147,6 +147,15 @@ private:
     void setState(FutureState state) QZ_REQUIRES(mutex_);
     void setStartTime() QZ_REQUIRES(mutex_);
     void setFinishTime() QZ_REQUIRES(mutex_);
+    // What waits for the first Finished or Cancelled, taken out of the task
+    // at that event (nothing at a later one).
+    struct FinishedWaiters {
+        Callbacks callbacks;
+        LazyPromise* promise = nullptr;
+        // Runs the callbacks and makes the promise ready. Without the mutex.
+        void release();
+    };
+    FinishedWaiters takeFinishedWaiters() QZ_REQUIRES(mutex_);
     // The first Finished or Cancelled: runs the finished callbacks and makes
     // the finished promise ready, if there is one. Without the task mutex.
     void reachFinished() QZ_EXCLUDES(mutex_);
