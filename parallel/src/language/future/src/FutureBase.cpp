@@ -633,9 +633,23 @@ bool FutureBase::wait(std::vector<std::shared_ptr<FutureBase>> futures, FutureSt
 bool FutureBase::wait(std::vector<std::shared_ptr<FutureBase>> futures, FutureState state,
                       const SteadyTimePoint& deadline) {
     QZ_FUTURE_TRACE(logger());
-    for (const auto& future : futures) {
-        const FutureState current = future->getState();
+    const auto reachedState = [state](FutureState current) {
+        return current == FutureState::Finished ||
+               (state == FutureState::Running && current == FutureState::Running);
+    };
+    const auto reached = [&](const FutureBase& future) { return reachedState(future.getState()); };
+    // Looked at after every wake-up: the futures already seen there are not
+    // asked again: a wait on N futures asks N times plus once per wake-up
+    // (the check below counts for the leading ones that have reached it).
+    // Waiting for Finished, the waiter is woken only once the last future
+    // not seen finished yet is done, when that future has a task to watch.
+    std::size_t firstUnreached = 0;
+    for (std::size_t i = 0; i < futures.size(); ++i) {
+        const FutureState current = futures[i]->getState();
         if (current != FutureState::Pending && current != FutureState::Unavailable) {
+            if (i == firstUnreached && reachedState(current)) {
+                ++firstUnreached;
+            }
             continue;
         }
         if (std::any_of(futures.begin(), futures.end(),
@@ -644,16 +658,6 @@ bool FutureBase::wait(std::vector<std::shared_ptr<FutureBase>> futures, FutureSt
         }
         throw errors::WaitOnUnsubmittedFuture();
     }
-    const auto reached = [state](const FutureBase& future) {
-        const FutureState current = future.getState();
-        return current == FutureState::Finished ||
-               (state == FutureState::Running && current == FutureState::Running);
-    };
-    // Looked at after every wake-up: the futures already seen there are not
-    // asked again: a wait on N futures asks N times plus once per wake-up.
-    // Waiting for Finished, the waiter is woken only once the last future
-    // not seen finished yet is done, when that future has a task to watch.
-    std::size_t firstUnreached = 0;
     std::size_t lastUnreached = futures.size(); // those behind it have finished
     std::shared_ptr<WakeWhenWatchedFinishesListener> waker;
     const auto watchLastUnreached = [&] {
