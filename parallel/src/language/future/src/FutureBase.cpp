@@ -694,9 +694,15 @@ bool FutureBase::wait(std::vector<std::shared_ptr<FutureBase>> futures, FutureSt
     }
     // Queued work and interrupt requests wake the queue manager themselves.
     std::optional<ScopedTaskFinishedListener> wakeOnFinish;
+    // Let go of before the registration ends: a notification still under way
+    // may hold the listener, but no longer the task it watched.
+    std::unique_ptr<WakeWhenWatchedFinishesListener, void (*)(WakeWhenWatchedFinishesListener*)>
+        unwatch(nullptr,
+                [](WakeWhenWatchedFinishesListener* listener) { listener->watch(nullptr); });
     if (queueManager) {
         waker = std::make_shared<WakeWhenWatchedFinishesListener>(queueManager);
         wakeOnFinish.emplace(std::shared_ptr<TaskFinishedListener>(waker));
+        unwatch.reset(waker.get());
     }
     const Seconds longestPass =
         queueManager && state == FutureState::Running ? kRunningLookInterval : kWaitSlice;
