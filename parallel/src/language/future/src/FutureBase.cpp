@@ -189,11 +189,12 @@ public:
     void watch(const std::shared_ptr<TaskBase>& task) QZ_EXCLUDES(mutex_) {
         const foundation::core::sync::LockGuard lock(mutex_);
         watched_ = task;
+        watching_.store(task != nullptr, std::memory_order_relaxed);
     }
 
     void onTaskFinished() override QZ_EXCLUDES(mutex_) {
         std::shared_ptr<TaskBase> watched;
-        {
+        if (watching_.load(std::memory_order_relaxed)) { // a wake-up too many is harmless
             const foundation::core::sync::LockGuard lock(mutex_);
             watched = watched_;
         }
@@ -206,6 +207,7 @@ private:
     const std::shared_ptr<iqm::Iqm> queueManager_;
     foundation::core::sync::Mutex mutex_;
     std::shared_ptr<TaskBase> watched_ QZ_GUARDED_BY(mutex_);
+    std::atomic<bool> watching_{false}; // whether watched_ is set: no lock to find it empty
 };
 
 // The one task whose state is the future's, if it has one.
