@@ -21,7 +21,6 @@ void PoolTask::run() noexcept {
         inputs_.clear();
         return dvInvokeFunctionHandle(function_.get(), numOutputs_, own);
     });
-    function_.reset();
     inputs_.clear();
     setResult(std::move(evaluated.result), std::move(evaluated.diary));
 }

@@ -24,15 +24,18 @@ public:
              std::optional<std::size_t> pinnedWorker);
 
     // Calls the function on copies of the inputs of its own, and keeps its
-    // outputs or error and what it printed. Releases the function and the
-    // inputs afterwards. Worker thread, once.
+    // outputs or error and what it printed. Releases the inputs afterwards.
+    // Worker thread, once.
     void run() noexcept;
 
 private:
-    // Set at construction, then read and released by the worker only. Room
-    // for one input in place, as most evaluations have.
-    boost::intrusive_ptr<dvArray> function_;
-    unsigned int numOutputs_;
+    // Set at construction, then read by the worker only. The function is
+    // kept until the task goes, as its future keeps it: the worker does not
+    // touch the count of a handle that every submission of it shares.
+    const boost::intrusive_ptr<dvArray> function_;
+    const unsigned int numOutputs_;
+    // Read and released by the worker only. Room for one input in place, as
+    // most evaluations have.
     boost::container::small_vector<boost::intrusive_ptr<dvArray>, 1> inputs_;
 };
 
