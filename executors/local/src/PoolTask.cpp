@@ -18,10 +18,8 @@ void PoolTask::run() noexcept {
                                    : nullptr,
                              false);
         }
-        inputs_.clear();
         return dvInvokeFunctionHandle(function_.get(), numOutputs_, own);
     });
-    inputs_.clear();
     setResult(std::move(evaluated.result), std::move(evaluated.diary));
 }
 

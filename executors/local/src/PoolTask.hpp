@@ -24,19 +24,18 @@ public:
              std::optional<std::size_t> pinnedWorker);
 
     // Calls the function on copies of the inputs of its own, and keeps its
-    // outputs or error and what it printed. Releases the inputs afterwards.
-    // Worker thread, once.
+    // outputs or error and what it printed. Worker thread, once.
     void run() noexcept;
 
 private:
-    // Set at construction, then read by the worker only. The function is
-    // kept until the task goes, as its future keeps it: the worker does not
-    // touch the count of a handle that every submission of it shares.
+    // Set at construction, then read by the worker only. The function and
+    // the inputs are kept until the task goes, as its future keeps them: the
+    // worker leaves their counts alone (every submission of a function
+    // shares its handle). Room for one input in place, as most evaluations
+    // have.
     const boost::intrusive_ptr<dvArray> function_;
     const unsigned int numOutputs_;
-    // Read and released by the worker only. Room for one input in place, as
-    // most evaluations have.
-    boost::container::small_vector<boost::intrusive_ptr<dvArray>, 1> inputs_;
+    const boost::container::small_vector<boost::intrusive_ptr<dvArray>, 1> inputs_;
 };
 
 } // namespace localpool
