@@ -582,11 +582,16 @@ void FutureBase::setOutputsOrError(std::size_t index, const OutputsOrError& outp
 }
 
 void FutureBase::initOutputsOrErrorIfNeeded() {
-    if (isOutputsOrErrorCached() || doGetState() != FutureState::Finished) {
+    if (isOutputsOrErrorCached()) {
+        return;
+    }
+    // A kind with room for unwrapped outputs has one task, which itself
+    // answers nothing before it has finished: no separate look at the state.
+    DvArrayVector* const keep = doOutputsToWrap();
+    if (keep == nullptr && doGetState() != FutureState::Finished) {
         return;
     }
     PerTaskVariant<OutputsOrError> fresh = doGetOutputsOrError();
-    DvArrayVector* const keep = doOutputsToWrap();
     if (keep != nullptr && !outputsOrError_.isMulti() && !fresh.isMulti() && !cosi_ &&
         !fresh.getAsSingle().hasError() && fresh.getAsSingle().value()) {
         // Kept as they are until a cell is needed: most outputs are only
