@@ -1,5 +1,7 @@
 #include "PoolTask.hpp"
 
+#include <memory>
+
 namespace localpool {
 
 PoolTask::PoolTask(boost::intrusive_ptr<dvArray> function, unsigned int numOutputs,
@@ -9,9 +11,12 @@ PoolTask::PoolTask(boost::intrusive_ptr<dvArray> function, unsigned int numOutpu
       numOutputs_(numOutputs), inputs_(inputs.begin(), inputs.end()) {}
 
 void PoolTask::run() noexcept {
+    // The function may write its inputs: it gets arrays no one else has, in a
+    // vector that this worker thread reuses (only workerLoop calls run).
+    thread_local DvArrayVector own;
     executor::Evaluated evaluated = executor::evaluateCapturing(stopFlag(), [this] {
-        // The function may write its inputs: it gets arrays no one else has.
-        DvArrayVector own;
+        const std::unique_ptr<DvArrayVector, void (*)(DvArrayVector*)> emptied(
+            &own, [](DvArrayVector* arrays) { arrays->clear(); });
         own.reserve(inputs_.size());
         for (const auto& input : inputs_) {
             own.emplace_back(input ? matrix::to_korvex(matrix::detail::do_shared_copy(input.get()))
