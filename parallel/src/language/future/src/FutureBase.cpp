@@ -640,6 +640,11 @@ bool FutureBase::wait(std::vector<std::shared_ptr<FutureBase>> futures, FutureSt
 bool FutureBase::wait(std::vector<std::shared_ptr<FutureBase>> futures, FutureState state,
                       const SteadyTimePoint& deadline) {
     QZ_FUTURE_TRACE(logger());
+    return waitFor(futures, state, deadline);
+}
+
+bool FutureBase::waitFor(std::span<const std::shared_ptr<FutureBase>> futures, FutureState state,
+                         const SteadyTimePoint& deadline) {
     const auto reachedState = [state](FutureState current) {
         return current == FutureState::Finished ||
                (state == FutureState::Running && current == FutureState::Running);
@@ -776,7 +781,8 @@ DvArrayVector FutureBase::fetchOutputs(std::vector<std::shared_ptr<FutureBase>> 
     }
     if (!std::all_of(futures.begin(), futures.end(),
                      [](const auto& future) { return future->getRead(); })) {
-        wait(futures, FutureState::Finished, Seconds(std::numeric_limits<double>::max()));
+        waitFor(futures, FutureState::Finished,
+                getCurrentSteadyTime() + Seconds(std::numeric_limits<double>::max()));
     }
     for (const auto& future : futures) {
         future->setRead(true);

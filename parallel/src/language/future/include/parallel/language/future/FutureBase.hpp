@@ -248,6 +248,9 @@ private:
     // first (the future is owned through it), then doFetchNext.
     static std::tuple<FetchNextState, std::size_t, DvArrayVector>
     fetchAt(std::shared_ptr<FutureBase> future, std::size_t index, unsigned int numOutputs);
+    // wait, on futures the caller holds for the whole call.
+    static bool waitFor(std::span<const std::shared_ptr<FutureBase>> futures, FutureState state,
+                        const SteadyTimePoint& deadline);
     // fetchNext by a walk over every future, from the first.
     static std::tuple<FetchNextState, std::size_t, DvArrayVector>
     fetchNextAmong(std::span<const std::shared_ptr<FutureBase>> futures, unsigned int numOutputs,
