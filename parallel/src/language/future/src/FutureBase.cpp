@@ -791,7 +791,8 @@ DvArrayVector FutureBase::fetchOutputs(std::vector<std::shared_ptr<FutureBase>> 
     const KExceptionEnvelope executionErrors = envelopeOf(errors::ExecutionErrors());
     if (futures.size() == 1) {
         raiseExecutionErrors(futures.front()->getError(), executionErrors);
-    } else {
+    } else if (std::any_of(futures.begin(), futures.end(),
+                           [](const auto& future) { return future->hasError(); })) {
         std::vector<std::exception_ptr> errors;
         errors.reserve(futures.size());
         for (const auto& future : futures) {
