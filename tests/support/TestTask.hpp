@@ -19,6 +19,7 @@ public:
     using TaskBase::doNotifyCancelled;
     using TaskBase::doNotifyFinished;
     using TaskBase::doNotifyPending;
+    using TaskBase::doNotifyPendingAndQueued;
     using TaskBase::doNotifyQueued;
     using TaskBase::doNotifyRunning;
 

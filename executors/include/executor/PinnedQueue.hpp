@@ -15,6 +15,9 @@
 // Ownership: shared by the executor and its workers; tasks reach it weakly.
 // Threads: every public member is safe from any thread; one mutex guards all
 // state, and one condition variable (`news_`) wakes whoever waits for work.
+// A worker that finds no work may first look again without the mutex for a
+// short while (`looking_`, one worker at a time, watching `newsCount_`); a
+// push leaves the task it can take to it instead of waking a sleeper.
 
 #include <executor/ExecutorErrors.hpp>
 #include <executor/WorkerTask.hpp>
@@ -22,12 +25,15 @@
 #include <foundation/core/sync/Mutex.hpp>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <iterator>
 #include <memory>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -52,15 +58,21 @@ public:
     std::size_t getNumWorkers() const noexcept { return numWorkers_; }
 
     // Appends `task` for any worker; false (nothing queued) once closed.
+    // Wakes a sleeping worker unless the one looking for work takes it.
     bool push(TaskPtr task) QZ_EXCLUDES(mutex_) {
+        bool wake = false;
         {
             const LockGuard lock(mutex_);
             if (closed_) {
                 return false;
             }
             waiting_.push_back(std::move(task));
+            wake = waiting_.size() > (looking_ ? 1u : 0u);
+            tellLooker();
         }
-        news_.notify_one();
+        if (wake) {
+            news_.notify_one();
+        }
         return true;
     }
 
@@ -79,6 +91,7 @@ public:
             for (std::size_t i = 0; i < tasks.size(); ++i) {
                 pinned_[i].push_back(std::move(tasks[i]));
             }
+            tellLooker();
         }
         // One condition for every waiter: only waking them all reaches the
         // workers that the tasks are pinned to.
@@ -87,10 +100,23 @@ public:
     }
 
     // Blocks until there is a task for `worker` and puts it in the worker's
-    // hand; null once the queue is closed. Worker thread.
+    // hand; null once the queue is closed. Finding none, one worker at a
+    // time first looks again for a short while (kLookFor) without the lock
+    // before it sleeps: work pushed meanwhile is taken without a sleep and a
+    // wake-up. Worker thread.
     TaskPtr takeNext(std::size_t worker) QZ_EXCLUDES(mutex_) {
         UniqueLock lock(mutex_);
+        bool looked = false;
         while (!closed_ && !hasWorkFor(worker)) {
+            if (!looked && !looking_) {
+                looked = looking_ = true;
+                const std::uint64_t seen = newsCount_.load(std::memory_order_relaxed);
+                lock.unlock();
+                lookForNews(seen);
+                lock.lock();
+                looking_ = false;
+                continue;
+            }
             news_.wait(lock.native());
         }
         return closed_ ? nullptr : takeFor(worker);
@@ -100,6 +126,22 @@ public:
     TaskPtr release(std::size_t worker) QZ_EXCLUDES(mutex_) {
         const LockGuard lock(mutex_);
         return std::exchange(inHand_.at(worker), nullptr);
+    }
+
+    // release(worker), then takeNext(worker), under one lock when there is
+    // work already: the worker's loop once it is done with the task in its
+    // hand. The queue's reference to that task is dropped without the lock,
+    // before any wait. Worker thread.
+    TaskPtr releaseAndTakeNext(std::size_t worker) QZ_EXCLUDES(mutex_) {
+        {
+            TaskPtr done;
+            const LockGuard lock(mutex_);
+            done = std::exchange(inHand_.at(worker), nullptr);
+            if (closed_ || hasWorkFor(worker)) {
+                return closed_ ? nullptr : takeFor(worker);
+            }
+        }
+        return takeNext(worker);
     }
 
     bool withdraw(const WorkerTask& task) override QZ_EXCLUDES(mutex_) {
@@ -130,6 +172,7 @@ public:
         {
             const LockGuard lock(mutex_);
             closed_ = true;
+            tellLooker();
             abandoned.assign(std::make_move_iterator(waiting_.begin()),
                              std::make_move_iterator(waiting_.end()));
             waiting_.clear();
@@ -156,6 +199,26 @@ public:
         std::ranges::copy_if(inHand_, std::back_inserter(tasks),
                              [](const TaskPtr& task) { return task != nullptr; });
         return tasks;
+    }
+
+private:
+    // How long a worker that finds no work looks again before it sleeps.
+    static constexpr std::chrono::microseconds kLookFor{50};
+
+    // Tells the worker looking for work that something changed.
+    void tellLooker() QZ_REQUIRES(mutex_) { newsCount_.fetch_add(1, std::memory_order_release); }
+
+    // Returns once something changed since `seen`, or after kLookFor. Gives
+    // its processor to other threads as it goes, so that a busy machine
+    // loses little to the looking. Without the mutex.
+    void lookForNews(std::uint64_t seen) const noexcept {
+        const auto until = std::chrono::steady_clock::now() + kLookFor;
+        while (newsCount_.load(std::memory_order_acquire) == seen) {
+            if (std::chrono::steady_clock::now() > until) {
+                return;
+            }
+            std::this_thread::yield();
+        }
     }
 
 protected:
@@ -204,6 +267,8 @@ protected:
 
 private:
     std::deque<TaskPtr> waiting_ QZ_GUARDED_BY(mutex_);
+    bool looking_ QZ_GUARDED_BY(mutex_) = false; // a worker looks for work without the lock
+    std::atomic<std::uint64_t> newsCount_{0};    // changed by every push, and the close
     std::vector<std::deque<TaskPtr>> pinned_ QZ_GUARDED_BY(mutex_); // one per worker
 };
 

@@ -8,10 +8,19 @@
 //   makeTask(function, numOutputs, inputs, pinnedWorker) -> std::shared_ptr<Task>
 //       makes one task (pinnedWorker: std::nullopt for any worker); it may
 //       refuse the work by throwing. The future is made only afterwards.
+//       `inputs` are the future's shared copies of the caller's: the task
+//       may keep and read them, never write them (a worker that hands them
+//       to a function copies them first).
+//
+//   makeTask(function, numOutputs, inputs, pinnedWorker, allocator)
+//       the same, for a makeTask that also takes a PairAllocator<Task>: it
+//       makes the task with std::allocate_shared through it, and the task
+//       and its future share one heap block (Executor::submit only).
 //
 // Threads: any thread.
 
 #include <executor/ExecutorErrors.hpp>
+#include <executor/PairBlock.hpp>
 #include <executor/PinnedQueue.hpp>
 
 #include <parallel/language/future/FevalFuture.hpp>
@@ -24,6 +33,7 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <type_traits>
 #include <vector>
 
 namespace executor {
@@ -50,13 +60,29 @@ template <class Task, class MakeTask>
 std::shared_ptr<parallel::language::future::FevalFuture>
 submitTo(PinnedQueue<Task>& queue, boost::intrusive_ptr<dvArray> function, unsigned int numOutputs,
          DvArrayVector inputs, kcos::COSInterface* parent, MakeTask makeTask) {
+    using parallel::language::future::FevalFuture;
     checkSubmission(function, numOutputs);
-    std::shared_ptr<Task> task = makeTask(function, numOutputs, inputs, std::nullopt);
-    auto future = std::make_shared<parallel::language::future::FevalFuture>(
-        parent, std::move(function), numOutputs, std::move(inputs), task);
-    const std::shared_ptr<WorkerTask> asWorkerTask = task; // one task: no vector to allocate
-    markSubmitted({&asWorkerTask, 1});
+    parallel::language::future::InputCopies copies(std::move(inputs));
+    std::shared_ptr<Task> task;
+    std::shared_ptr<FevalFuture> future;
+    if constexpr (std::is_invocable_v<MakeTask&, const boost::intrusive_ptr<dvArray>&, unsigned int,
+                                      const DvArrayVector&, std::optional<std::size_t>,
+                                      PairAllocator<Task>>) {
+        const PairBlock::Holder block(PairBlock::roomFor<Task>() +
+                                      PairBlock::roomFor<FevalFuture>());
+        task = makeTask(function, numOutputs, copies.arrays, std::nullopt,
+                        PairAllocator<Task>(block.get()));
+        future = std::allocate_shared<FevalFuture>(PairAllocator<FevalFuture>(block.get()), parent,
+                                                   std::move(function), numOutputs,
+                                                   std::move(copies), task);
+    } else {
+        task = makeTask(function, numOutputs, copies.arrays, std::nullopt);
+        future = std::make_shared<FevalFuture>(parent, std::move(function), numOutputs,
+                                               std::move(copies), task);
+    }
+    task->markPendingAndQueued(); // what markSubmitted does for one task
     if (!queue.push(task)) {
+        const std::shared_ptr<WorkerTask> asWorkerTask = task;
         refuseAfterShutdown({&asWorkerTask, 1});
     }
     return future;
@@ -69,10 +95,11 @@ submitOnAllTo(PinnedQueue<Task>& queue, boost::intrusive_ptr<dvArray> function,
               unsigned int numOutputs, DvArrayVector inputs, kcos::COSInterface* parent,
               MakeTask makeTask) {
     checkSubmission(function, numOutputs);
+    const parallel::language::future::InputCopies copies(inputs); // read by every task
     std::vector<std::shared_ptr<Task>> tasks;
     tasks.reserve(queue.getNumWorkers());
     for (std::size_t i = 0; i < queue.getNumWorkers(); ++i) {
-        tasks.push_back(makeTask(function, numOutputs, inputs, i));
+        tasks.push_back(makeTask(function, numOutputs, copies.arrays, i));
     }
     const std::vector<std::shared_ptr<WorkerTask>> asWorkerTasks(tasks.begin(), tasks.end());
     auto future = std::make_shared<parallel::language::future::FevalOnAllFuture>(

@@ -61,6 +61,7 @@ public:
     // Progress notifications. The submitting thread, then the executor's.
     void markPending() { doNotifyPending(); }
     void markQueued() { doNotifyQueued(); }
+    void markPendingAndQueued() { doNotifyPendingAndQueued(); } // no other thread has the task
     void markRunning() { doNotifyRunning(); }
     void markFinished() { doNotifyFinished(); }
 

@@ -75,9 +75,10 @@ void workerLoop(const std::shared_ptr<TaskQueue>& queue, const std::shared_ptr<W
                 std::size_t worker) noexcept {
     parallel::language::future::TimelineRecorder::nameThisThread("worker " +
                                                                  std::to_string(worker + 1));
-    while (const auto task = queue->takeNext(worker)) {
+    for (auto task = queue->takeNext(worker); task;) {
         executor::runAsWorker("localpool", *task);
-        queue->release(worker);
+        task.reset(); // not held while the worker waits
+        task = queue->releaseAndTakeNext(worker);
     }
     exits->markExited(worker);
 }
@@ -92,13 +93,24 @@ std::size_t resolveNumWorkers(std::size_t requested) noexcept {
 // Longer grace periods are cut to this, which keeps the deadline representable.
 constexpr std::chrono::milliseconds kLongestGrace = std::chrono::hours(24 * 365);
 
-// Makes the tasks of submissions, for any worker or pinned to one.
-auto taskMaker(const std::shared_ptr<TaskQueue>& queue) {
-    return [queue](const boost::intrusive_ptr<dvArray>& function, unsigned int numOutputs,
-                   const DvArrayVector& inputs, std::optional<std::size_t> worker) {
+// Makes the tasks of submissions, for any worker or pinned to one; for one
+// submission, in the block its future shares.
+struct TaskMaker {
+    std::shared_ptr<TaskQueue> queue;
+
+    std::shared_ptr<PoolTask> operator()(const boost::intrusive_ptr<dvArray>& function,
+                                         unsigned int numOutputs, const DvArrayVector& inputs,
+                                         std::optional<std::size_t> worker) const {
         return std::make_shared<PoolTask>(function, numOutputs, inputs, queue, worker);
-    };
-}
+    }
+    std::shared_ptr<PoolTask> operator()(const boost::intrusive_ptr<dvArray>& function,
+                                         unsigned int numOutputs, const DvArrayVector& inputs,
+                                         std::optional<std::size_t> worker,
+                                         executor::PairAllocator<PoolTask> allocator) const {
+        return std::allocate_shared<PoolTask>(allocator, function, numOutputs, inputs, queue,
+                                              worker);
+    }
+};
 
 } // namespace
 
@@ -179,7 +191,7 @@ std::shared_ptr<FevalFuture> LocalPool::submit(boost::intrusive_ptr<dvArray> fun
                                                unsigned int numOutputs, DvArrayVector inputs,
                                                kcos::COSInterface* parent) {
     return executor::submitTo(*impl_->queue, std::move(function), numOutputs, std::move(inputs),
-                              parent, taskMaker(impl_->queue));
+                              parent, TaskMaker{impl_->queue});
 }
 
 std::shared_ptr<FevalOnAllFuture> LocalPool::submitOnAll(boost::intrusive_ptr<dvArray> function,
@@ -187,7 +199,7 @@ std::shared_ptr<FevalOnAllFuture> LocalPool::submitOnAll(boost::intrusive_ptr<dv
                                                          DvArrayVector inputs,
                                                          kcos::COSInterface* parent) {
     return executor::submitOnAllTo(*impl_->queue, std::move(function), numOutputs,
-                                   std::move(inputs), parent, taskMaker(impl_->queue));
+                                   std::move(inputs), parent, TaskMaker{impl_->queue});
 }
 
 } // namespace localpool

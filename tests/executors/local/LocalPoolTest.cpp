@@ -73,6 +73,15 @@ TEST(LocalPool, RunsOnItsOwnInputsAndKeepsOutputsTimesAndDiary) {
     mutated.count_down();
 
     EXPECT_EQ(outputOf(f), 42);
+    // A function that writes its inputs writes arrays of its own.
+    auto writer = pool.submit(functionHandle("w",
+                                             [](std::size_t, const DvArrayVector& in) {
+                                                 dvGetMutableDoubles(in[0].get())[0] = 7;
+                                                 return in;
+                                             }),
+                              1, {input});
+    EXPECT_EQ(outputOf(writer), 7);
+    EXPECT_EQ(valueOf(writer->getInputs().getAsSingle()->at(0).get()), 100);
     EXPECT_EQ(f->getTask()->getDiary(), u"adding one\n");
     EXPECT_GT(f->getStartTime().time_since_epoch().count(), 0.0);
     EXPECT_LE(f->getStartTime(), f->getFinishTime());

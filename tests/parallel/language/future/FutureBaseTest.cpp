@@ -64,6 +64,7 @@ TEST(FutureBase, OutputsAreCachedOnceFinishedAndReadBackAsIndependentValues) {
     dvGetMutableDoubles(outputs[0].get())[0] = 99.0;
     EXPECT_EQ(valueOf(f.future->getOutputs().getAsSingle()->at(0).get()), 1.0);
     EXPECT_FALSE(f.future->hasError());
+    EXPECT_EQ(valueOf(dvGetCell(f.future->getOutputsAsDvArray().get(), 1)), 2.0);
     EXPECT_EQ(f.task->outputsCalls, 1);
     // One task's outputs in cells of their own (concatenated: FutureMethodsTest.cpp).
     const DvArrayVector cells = f.future->getOutputsAs(2, OutputFormat::Cell);

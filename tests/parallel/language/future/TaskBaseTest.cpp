@@ -129,6 +129,7 @@ TEST(TaskBase, CancelOfQueuedTaskFreezesItPastRunningWithoutTellingListeners) {
     EXPECT_EQ(task->outputsCalls, 0);
 
     const double finish = seconds(task->getFinishTime());
+    task->doNotifyPendingAndQueued();
     task->doNotifyRunning();
     task->doNotifyFinished();
     EXPECT_EQ(task->getState(), FutureState::Finished);
@@ -170,7 +171,7 @@ TEST(TaskBase, NotificationsInAnyOrderAreFollowed) {
     task->doNotifyPending();
     EXPECT_EQ(task->getState(), FutureState::Pending);
     task->doNotifyFinished();
-    task->doNotifyQueued();
+    task->doNotifyPendingAndQueued();
     EXPECT_EQ(task->getState(), FutureState::Queued);
     // The finished future became ready at the first finish and stays ready.
     EXPECT_TRUE(task->getWaitableFuture().is_ready());

@@ -8,8 +8,13 @@ namespace parallel::language::future {
 FevalFuture::FevalFuture(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
                          unsigned int numOutputs, DvArrayVector inputs,
                          std::shared_ptr<TaskBase> task, std::optional<long long> id)
-    : FutureBase(parent, std::move(function), numOutputs,
-                 PerTaskVariant<DvArrayVector>(std::move(inputs)), id),
+    : FevalFuture(parent, std::move(function), numOutputs, InputCopies(std::move(inputs)),
+                  std::move(task), id) {}
+
+FevalFuture::FevalFuture(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
+                         unsigned int numOutputs, InputCopies inputs,
+                         std::shared_ptr<TaskBase> task, std::optional<long long> id)
+    : FutureBase(parent, std::move(function), numOutputs, std::move(inputs), id),
       task_(std::move(task)) {
     detail::timeline::onFutureCreated(task_.get(), *this, "FevalFuture");
 }

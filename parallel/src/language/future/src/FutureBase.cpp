@@ -1,5 +1,6 @@
 #include <parallel/language/future/FutureBase.hpp>
 
+#include <parallel/language/future/FevalFuture.hpp>
 #include <parallel/language/future/FutureErrors.hpp>
 #include <parallel/language/future/ScopedTaskFinishedListener.hpp>
 
@@ -13,6 +14,8 @@
 #include <interpreter/Kdispatcher.hpp>
 #include <iqm/Iqm.hpp>
 #include <kvm/KVM.hpp>
+
+#include <foundation/core/sync/Mutex.hpp>
 
 #include <algorithm>
 #include <atomic>
@@ -65,32 +68,6 @@ PerTaskVariant<R> mapEntries(const PerTaskVariant<T>& entries, Convert&& convert
 
 PerTaskVariant<PropertyDvArray> toPropertyCells(const PerTaskVariant<DvArrayVector>& inputs) {
     return mapEntries<PropertyDvArray>(inputs, detail::makePropertyCell);
-}
-
-// Replaces each array by a shared copy of its own (null stays null): the
-// values as they are now, whatever becomes of the caller's arrays.
-DvArrayVector sharedCopies(DvArrayVector arrays) {
-    for (auto& array : arrays) {
-        if (array) {
-            array.reset(matrix::to_korvex(matrix::detail::do_shared_copy(array.get())), false);
-        }
-    }
-    return arrays;
-}
-
-// The property cell detail::makePropertyCell would make of `copies`, made of
-// the copies themselves, which the cell takes over (each held here only).
-PropertyDvArray wrapIntoPropertyCell(DvArrayVector copies) {
-    const matrix::Dimensions dims =
-        copies.empty() ? matrix::Dimensions{0, 0} : matrix::Dimensions{1, copies.size()};
-    matrix::unique_dvArray cell = matrix::detail::do_create_cell(dims);
-    for (std::size_t i = 0; i < copies.size(); ++i) {
-        if (copies[i]) {
-            dvSetCell(cell.get(), i, matrix::from_korvex(copies[i].detach()));
-        }
-    }
-    return PropertyDvArray(
-        omPrepareArrayForPropertyContainment(matrix::to_korvex(std::move(cell))));
 }
 
 // A single entry's copy, or a 1-by-N cell of copies of each entry, of the
@@ -198,6 +175,47 @@ private:
     std::shared_ptr<iqm::Iqm> queueManager_;
 };
 
+// Wakes the interpreter that waits for every future to finish when a task
+// finishes: at every finish, or, while it watches a task, only once that one
+// has finished (the waiter has nothing to do before its last future is
+// done). Any thread.
+class WakeWhenWatchedFinishesListener : public TaskFinishedListener {
+public:
+    explicit WakeWhenWatchedFinishesListener(std::shared_ptr<iqm::Iqm> queueManager)
+        : queueManager_(std::move(queueManager)) {}
+
+    // The task to watch; null: none. Set before the waiter looks at the
+    // task's state, so that a finish it has not seen finds the task here.
+    void watch(const std::shared_ptr<TaskBase>& task) QZ_EXCLUDES(mutex_) {
+        const foundation::core::sync::LockGuard lock(mutex_);
+        watched_ = task;
+        watching_.store(task != nullptr, std::memory_order_relaxed);
+    }
+
+    void onTaskFinished() override QZ_EXCLUDES(mutex_) {
+        std::shared_ptr<TaskBase> watched;
+        if (watching_.load(std::memory_order_relaxed)) { // a wake-up too many is harmless
+            const foundation::core::sync::LockGuard lock(mutex_);
+            watched = watched_;
+        }
+        if (!watched || watched->getState() == FutureState::Finished) {
+            queueManager_->wakeUp();
+        }
+    }
+
+private:
+    const std::shared_ptr<iqm::Iqm> queueManager_;
+    foundation::core::sync::Mutex mutex_;
+    std::shared_ptr<TaskBase> watched_ QZ_GUARDED_BY(mutex_);
+    std::atomic<bool> watching_{false}; // whether watched_ is set: no lock to find it empty
+};
+
+// The one task whose state is the future's, if it has one.
+std::shared_ptr<TaskBase> singleTaskOf(const FutureBase& future) {
+    const auto* feval = dynamic_cast<const FevalFuture*>(&future);
+    return feval != nullptr ? feval->getTask() : nullptr;
+}
+
 Candidates::const_iterator firstReady(Candidates::const_iterator first,
                                       Candidates::const_iterator last) {
     return std::find_if(first, last, [](const FetchNextWaitableFuture& candidate) {
@@ -266,18 +284,71 @@ FutureBase::FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray>
       inputs_(inputs.isMulti() ? toPropertyCells(inputs) : PerTaskVariant(PropertyDvArray())) {
     keepFunction(std::move(function));
     if (!inputs.isMulti()) {
-        inputsToWrap_ = sharedCopies(std::move(inputs.getAsSingle()));
+        inputsToWrap_ = InputCopies(std::move(inputs.getAsSingle())).arrays;
         inputsWrapped_ = false;
+    }
+}
+
+FutureBase::FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
+                       unsigned int numOutputs, InputCopies inputs, std::optional<long long> id)
+    : createTime_(getCurrentTime()), id_(id ? *id : getNextID()), numOutputs_(numOutputs),
+      inputsWrapped_(false), parent_(parent, kcos::COSReferenceType::Weak),
+      inputs_(PropertyDvArray()), inputsToWrap_(std::move(inputs.arrays)) {
+    keepFunction(std::move(function));
+}
+
+InputCopies::InputCopies(DvArrayVector inputs) : arrays(std::move(inputs)) {
+    for (auto& array : arrays) {
+        if (array) {
+            array.reset(matrix::to_korvex(matrix::detail::do_shared_copy(array.get())), false);
+        }
     }
 }
 
 void FutureBase::wrapInputsIfNeeded() const {
     if (!inputsWrapped_) {
-        DvArrayVector copies;
-        copies.swap(inputsToWrap_);
-        inputs_.getAsSingle() = wrapIntoPropertyCell(std::move(copies));
+        // Copied again: the executor may still be reading the arrays kept.
+        inputs_.getAsSingle() = detail::makePropertyCell(inputsToWrap_);
+        inputsToWrap_.clear();
         inputsWrapped_ = true;
     }
+}
+
+void FutureBase::wrapOutputsIfNeeded() {
+    if (!outputsWrapped_) {
+        DvArrayVector outputs;
+        outputs.swap(*doOutputsToWrap());
+        outputsWrapped_ = true;
+        setOutputsOrError(PerTaskVariant<OutputsOrError>(
+            OutputsOrError(std::optional<DvArrayVector>(std::move(outputs)))));
+    }
+}
+
+boost::intrusive_ptr<dvArray> FutureBase::copyOfOutput(std::size_t i, unsigned int k) const {
+    const dvArray* output = nullptr;
+    if (!outputsWrapped_) {
+        const DvArrayVector& outputs = *doOutputsToWrap();
+        output = k < outputs.size() ? outputs[k].get() : nullptr;
+    } else if (const dvArray* cell = outputsOrError_[i].getIfOutputs()) {
+        if (dvGetClassID(cell) != matrix::ClassID::Cell) {
+            throw std::invalid_argument("Array is not cell array.");
+        }
+        output = k < dvGetNumberOfElements(cell) ? dvGetCell(cell, k) : nullptr;
+    }
+    return {matrix::to_korvex(detail::copyArray(output)), false};
+}
+
+std::optional<DvArrayVector> FutureBase::copiesOfOutputs(std::size_t i) const {
+    if (outputsWrapped_) {
+        return detail::readCell(outputsOrError_[i].getIfOutputs());
+    }
+    DvArrayVector copies;
+    const DvArrayVector& outputs = *doOutputsToWrap();
+    copies.reserve(outputs.size());
+    for (const auto& output : outputs) {
+        copies.emplace_back(matrix::to_korvex(detail::copyArray(output.get())), false);
+    }
+    return copies;
 }
 
 FutureBase::FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
@@ -320,6 +391,10 @@ FutureBase::~FutureBase() = default;
 
 bool FutureBase::doIsMultiFuture() const {
     return false;
+}
+
+DvArrayVector* FutureBase::doOutputsToWrap() const noexcept {
+    return nullptr;
 }
 
 boost::intrusive_ptr<dvArray> FutureBase::getFunction() const {
@@ -367,14 +442,20 @@ matrix::unique_dvArray FutureBase::getInputsAsDvArray() const {
 
 PerTaskVariant<std::optional<DvArrayVector>> FutureBase::getOutputs() {
     initOutputsOrErrorIfNeeded();
-    return mapEntries<std::optional<DvArrayVector>>(
-        outputsOrError_, [](const OutputsOrErrorPropertyDvArray& entry) {
-            return detail::readCell(entry.getIfOutputs());
-        });
+    if (!outputsOrError_.isMulti()) {
+        return PerTaskVariant<std::optional<DvArrayVector>>(copiesOfOutputs(0));
+    }
+    std::vector<std::optional<DvArrayVector>> outputs;
+    outputs.reserve(outputsOrError_.size());
+    for (std::size_t i = 0; i < outputsOrError_.size(); ++i) {
+        outputs.push_back(copiesOfOutputs(i));
+    }
+    return PerTaskVariant<std::optional<DvArrayVector>>(std::move(outputs));
 }
 
 matrix::unique_dvArray FutureBase::getOutputsAsDvArray() {
     initOutputsOrErrorIfNeeded();
+    wrapOutputsIfNeeded();
     return entriesAsDvArray(outputsOrError_, [](const OutputsOrErrorPropertyDvArray& entry) {
         return entry.getIfOutputs();
     });
@@ -412,19 +493,17 @@ DvArrayVector FutureBase::getOutputsAs(unsigned int numOutputs, OutputFormat for
     initOutputsOrErrorIfNeeded();
     if (format == OutputFormat::Concatenated && !outputsOrError_.isMulti()) {
         // What concatenateEach makes of one source or none, without the
-        // vector of sources (fetchOutputs comes here once per future).
-        std::optional<DvArrayVector> outputs =
-            detail::readCell(outputsOrError_.getAsSingle().getIfOutputs());
-        if (!outputs) {
-            return DvArrayVector(numOutputs);
+        // vector of sources.
+        DvArrayVector outputs;
+        outputs.reserve(numOutputs);
+        for (unsigned int k = 0; k < numOutputs; ++k) {
+            outputs.push_back(copyOfOutput(0, k));
         }
-        outputs->resize(numOutputs);
-        return std::move(*outputs);
+        return outputs;
     }
     std::vector<DvArrayVector> collected;
     for (std::size_t i = 0; i < outputsOrError_.size(); ++i) {
-        if (std::optional<DvArrayVector> outputs =
-                detail::readCell(outputsOrError_[i].getIfOutputs())) {
+        if (std::optional<DvArrayVector> outputs = copiesOfOutputs(i)) {
             collected.push_back(std::move(*outputs));
         }
     }
@@ -437,6 +516,7 @@ DvArrayVector FutureBase::getOutputsAs(unsigned int numOutputs, OutputFormat for
 std::vector<dvArray*> FutureBase::getOwnedResources() {
     wrapFunctionIfNeeded();
     wrapInputsIfNeeded();
+    wrapOutputsIfNeeded();
     std::vector<dvArray*> owned;
     owned.reserve(1 + inputs_.size() + outputsOrError_.size());
     if (function_) {
@@ -482,6 +562,10 @@ void FutureBase::setInputs(std::size_t index, const DvArrayVector& inputs) {
 }
 
 void FutureBase::setOutputsOrError(const PerTaskVariant<OutputsOrError>& outputsOrError) {
+    if (!outputsWrapped_) {
+        doOutputsToWrap()->clear();
+        outputsWrapped_ = true;
+    }
     outputsOrError_ =
         mapEntries<OutputsOrErrorPropertyDvArray>(outputsOrError, [](const OutputsOrError& entry) {
             return OutputsOrErrorPropertyDvArray(entry);
@@ -492,15 +576,30 @@ void FutureBase::setOutputsOrError(const PerTaskVariant<OutputsOrError>& outputs
 }
 
 void FutureBase::setOutputsOrError(std::size_t index, const OutputsOrError& outputsOrError) {
+    wrapOutputsIfNeeded();
     outputsOrError_[index] = OutputsOrErrorPropertyDvArray(outputsOrError);
     setChildParentRoot(outputsOrError_[index].get());
 }
 
 void FutureBase::initOutputsOrErrorIfNeeded() {
-    if (isOutputsOrErrorCached() || doGetState() != FutureState::Finished) {
+    if (isOutputsOrErrorCached()) {
         return;
     }
-    const PerTaskVariant<OutputsOrError> fresh = doGetOutputsOrError();
+    // A kind with room for unwrapped outputs has one task, which itself
+    // answers nothing before it has finished: no separate look at the state.
+    DvArrayVector* const keep = doOutputsToWrap();
+    if (keep == nullptr && doGetState() != FutureState::Finished) {
+        return;
+    }
+    PerTaskVariant<OutputsOrError> fresh = doGetOutputsOrError();
+    if (keep != nullptr && !outputsOrError_.isMulti() && !fresh.isMulti() && !cosi_ &&
+        !fresh.getAsSingle().hasError() && fresh.getAsSingle().value()) {
+        // Kept as they are until a cell is needed: most outputs are only
+        // fetched, and each fetch copies what it hands out.
+        *keep = std::move(*fresh.getAsSingle().value());
+        outputsWrapped_ = false;
+        return;
+    }
     if (!outputsOrError_.isMulti() || fresh.size() != outputsOrError_.size()) {
         setOutputsOrError(fresh);
         return;
@@ -514,6 +613,9 @@ void FutureBase::initOutputsOrErrorIfNeeded() {
 }
 
 bool FutureBase::isOutputsOrErrorCached() const {
+    if (!outputsWrapped_) {
+        return true;
+    }
     for (std::size_t i = 0; i < outputsOrError_.size(); ++i) {
         if (outputsOrError_[i].get() == nullptr) {
             return false;
@@ -538,9 +640,28 @@ bool FutureBase::wait(std::vector<std::shared_ptr<FutureBase>> futures, FutureSt
 bool FutureBase::wait(std::vector<std::shared_ptr<FutureBase>> futures, FutureState state,
                       const SteadyTimePoint& deadline) {
     QZ_FUTURE_TRACE(logger());
-    for (const auto& future : futures) {
-        const FutureState current = future->getState();
+    return waitFor(futures, state, deadline);
+}
+
+bool FutureBase::waitFor(std::span<const std::shared_ptr<FutureBase>> futures, FutureState state,
+                         const SteadyTimePoint& deadline) {
+    const auto reachedState = [state](FutureState current) {
+        return current == FutureState::Finished ||
+               (state == FutureState::Running && current == FutureState::Running);
+    };
+    const auto reached = [&](const FutureBase& future) { return reachedState(future.getState()); };
+    // Looked at after every wake-up: the futures already seen there are not
+    // asked again: a wait on N futures asks N times plus once per wake-up
+    // (the check below counts for the leading ones that have reached it).
+    // Waiting for Finished, the waiter is woken only once the last future
+    // not seen finished yet is done, when that future has a task to watch.
+    std::size_t firstUnreached = 0;
+    for (std::size_t i = 0; i < futures.size(); ++i) {
+        const FutureState current = futures[i]->getState();
         if (current != FutureState::Pending && current != FutureState::Unavailable) {
+            if (i == firstUnreached && reachedState(current)) {
+                ++firstUnreached;
+            }
             continue;
         }
         if (std::any_of(futures.begin(), futures.end(),
@@ -549,19 +670,30 @@ bool FutureBase::wait(std::vector<std::shared_ptr<FutureBase>> futures, FutureSt
         }
         throw errors::WaitOnUnsubmittedFuture();
     }
-    const auto reached = [state](const FutureBase& future) {
-        const FutureState current = future.getState();
-        return current == FutureState::Finished ||
-               (state == FutureState::Running && current == FutureState::Running);
+    std::size_t lastUnreached = futures.size(); // those behind it have finished
+    std::shared_ptr<WakeWhenWatchedFinishesListener> waker;
+    const auto watchLastUnreached = [&] {
+        while (lastUnreached > firstUnreached) {
+            const FutureBase& last = *futures[lastUnreached - 1];
+            std::shared_ptr<TaskBase> task = singleTaskOf(last);
+            waker->watch(task);
+            if (!task || !reached(last)) {
+                return;
+            }
+            --lastUnreached;
+        }
     };
-    // Looked at after every wake-up: the futures already seen there are not
-    // asked again: a wait on N futures asks N times plus once per wake-up.
-    std::size_t firstUnreached = 0;
     const auto allReached = [&] {
         while (firstUnreached < futures.size() && reached(*futures[firstUnreached])) {
             ++firstUnreached;
         }
-        return firstUnreached == futures.size();
+        if (firstUnreached == futures.size()) {
+            return true;
+        }
+        if (waker && state == FutureState::Finished) {
+            watchLastUnreached();
+        }
+        return false;
     };
     const std::shared_ptr<iqm::Iqm> queueManager = iqm::Iqm::getCurrent();
     // Inside queued work nested as deep as it may go, this wait runs no
@@ -574,8 +706,15 @@ bool FutureBase::wait(std::vector<std::shared_ptr<FutureBase>> futures, FutureSt
     }
     // Queued work and interrupt requests wake the queue manager themselves.
     std::optional<ScopedTaskFinishedListener> wakeOnFinish;
+    // Let go of before the registration ends: a notification still under way
+    // may hold the listener, but no longer the task it watched.
+    std::unique_ptr<WakeWhenWatchedFinishesListener, void (*)(WakeWhenWatchedFinishesListener*)>
+        unwatch(nullptr,
+                [](WakeWhenWatchedFinishesListener* listener) { listener->watch(nullptr); });
     if (queueManager) {
-        wakeOnFinish.emplace(std::make_shared<WaitForAnyTaskFinishedListener>(queueManager));
+        waker = std::make_shared<WakeWhenWatchedFinishesListener>(queueManager);
+        wakeOnFinish.emplace(std::shared_ptr<TaskFinishedListener>(waker));
+        unwatch.reset(waker.get());
     }
     const Seconds longestPass =
         queueManager && state == FutureState::Running ? kRunningLookInterval : kWaitSlice;
@@ -642,7 +781,8 @@ DvArrayVector FutureBase::fetchOutputs(std::vector<std::shared_ptr<FutureBase>> 
     }
     if (!std::all_of(futures.begin(), futures.end(),
                      [](const auto& future) { return future->getRead(); })) {
-        wait(futures, FutureState::Finished, Seconds(std::numeric_limits<double>::max()));
+        waitFor(futures, FutureState::Finished,
+                getCurrentSteadyTime() + Seconds(std::numeric_limits<double>::max()));
     }
     for (const auto& future : futures) {
         future->setRead(true);
@@ -651,7 +791,8 @@ DvArrayVector FutureBase::fetchOutputs(std::vector<std::shared_ptr<FutureBase>> 
     const KExceptionEnvelope executionErrors = envelopeOf(errors::ExecutionErrors());
     if (futures.size() == 1) {
         raiseExecutionErrors(futures.front()->getError(), executionErrors);
-    } else {
+    } else if (std::any_of(futures.begin(), futures.end(),
+                           [](const auto& future) { return future->hasError(); })) {
         std::vector<std::exception_ptr> errors;
         errors.reserve(futures.size());
         for (const auto& future : futures) {
@@ -663,6 +804,23 @@ DvArrayVector FutureBase::fetchOutputs(std::vector<std::shared_ptr<FutureBase>> 
 
     if (numOutputs == 0) {
         return {};
+    }
+    if (uniformOutput && futures.size() >= 2) {
+        // Output k of every future (each single, as checked above) goes
+        // straight into the parts of output k, without a vector per future.
+        DvArrayVector joined;
+        joined.reserve(numOutputs);
+        DvArrayVector parts;
+        parts.reserve(futures.size());
+        for (unsigned int k = 0; k < numOutputs; ++k) {
+            parts.clear();
+            for (const auto& future : futures) {
+                parts.push_back(future->copyOfOutput(0, k));
+            }
+            joined.push_back(
+                detail::concatenateVertically<errors::FetchOutputsConcatenationFailed>(parts));
+        }
+        return joined;
     }
     const OutputFormat format = uniformOutput ? OutputFormat::Concatenated : OutputFormat::Cell;
     std::vector<DvArrayVector> perFuture;

@@ -228,6 +228,18 @@ void TaskBase::doNotifyQueued() {
     detail::timeline::onQueued(this);
 }
 
+void TaskBase::doNotifyPendingAndQueued() {
+    QZ_FUTURE_TRACE_OF(logger(), "task", serial_);
+    {
+        foundation::core::sync::LockGuard lock(mutex_);
+        if (cancelled_) {
+            return;
+        }
+        setState(FutureState::Queued);
+    }
+    detail::timeline::onQueued(this);
+}
+
 void TaskBase::doNotifyRunning() {
     QZ_FUTURE_TRACE_OF(logger(), "task", serial_);
     {
@@ -255,15 +267,19 @@ void TaskBase::doNotifyRunning() {
 
 void TaskBase::doNotifyFinished() {
     QZ_FUTURE_TRACE_OF(logger(), "task", serial_);
+    // Recorded before the state changes, so that whatever the finish lets
+    // happen is recorded after it.
+    detail::timeline::onFinished(this);
+    FinishedWaiters waiters;
     {
         foundation::core::sync::LockGuard lock(mutex_);
         if (!cancelled_) {
             setFinishTime();
             setState(FutureState::Finished);
         }
+        waiters = takeFinishedWaiters();
     }
-    detail::timeline::onFinished(this);
-    reachFinished();
+    waiters.release();
     detail::notifyTaskFinished();
 }
 
@@ -280,21 +296,30 @@ void TaskBase::doNotifyCancelled() {
 }
 
 void TaskBase::reachFinished() {
-    Callbacks callbacks;
-    LazyPromise* promise = nullptr;
+    FinishedWaiters waiters;
     {
         foundation::core::sync::LockGuard lock(mutex_);
-        if (finished_) {
-            return;
-        }
-        finished_ = true;
-        if (waiters_) {
-            callbacks.swap(waiters_->finished);
-            // Made before finished_ was set and never replaced: safe to use
-            // without the mutex, which its continuations must not run under.
-            promise = waiters_->finishedPromise.get();
-        }
+        waiters = takeFinishedWaiters();
     }
+    waiters.release();
+}
+
+TaskBase::FinishedWaiters TaskBase::takeFinishedWaiters() {
+    FinishedWaiters taken;
+    if (finished_) {
+        return taken;
+    }
+    finished_ = true;
+    if (waiters_) {
+        taken.callbacks.swap(waiters_->finished);
+        // Made before finished_ was set and never replaced: safe to use
+        // without the mutex, which its continuations must not run under.
+        taken.promise = waiters_->finishedPromise.get();
+    }
+    return taken;
+}
+
+void TaskBase::FinishedWaiters::release() {
     runAll(callbacks);
     if (promise != nullptr) {
         promise->promise.set_value();

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <memory>
 #include <stdexcept>
 #include <vector>
 
@@ -27,39 +28,44 @@ using ProcessStore = foundation::usm::Detail<foundation::usm::scope::Process>;
 std::atomic<long long> gListenerCount{0};
 
 // The process-wide listener registry, owned by the host's process store.
-// Its mutex guards the list only: listeners are called on a copy, without it.
-// Any thread.
+// The list is never changed in place: adding or removing a listener replaces
+// it, so that a notification pass takes the list under the mutex (one
+// reference) and calls the listeners without it. Any thread.
 class GlobalTaskFinishedListenerUSM {
 public:
+    using Listeners = std::vector<std::shared_ptr<TaskFinishedListener>>;
+
     void add(const std::shared_ptr<TaskFinishedListener>& listener) QZ_EXCLUDES(mutex_) {
         foundation::core::sync::LockGuard lock(mutex_);
-        listeners_.push_back(listener);
+        auto changed = std::make_shared<Listeners>(*listeners_);
+        changed->push_back(listener);
+        listeners_ = std::move(changed);
         ++gListenerCount;
     }
 
     void remove(const TaskFinishedListener* listener) QZ_EXCLUDES(mutex_) {
         foundation::core::sync::LockGuard lock(mutex_);
+        auto changed = std::make_shared<Listeners>(*listeners_);
         gListenerCount -= static_cast<long long>(std::erase_if(
-            listeners_, [listener](const auto& entry) { return entry.get() == listener; }));
+            *changed, [listener](const auto& entry) { return entry.get() == listener; }));
+        listeners_ = std::move(changed);
     }
 
     void notifyTaskFinished() QZ_EXCLUDES(mutex_) {
-        std::vector<std::shared_ptr<TaskFinishedListener>> pass;
+        std::shared_ptr<const Listeners> pass;
         {
             foundation::core::sync::LockGuard lock(mutex_);
-            if (listeners_.empty()) {
-                return;
-            }
             pass = listeners_;
         }
-        for (const auto& listener : pass) {
+        for (const auto& listener : *pass) {
             listener->onTaskFinished();
         }
     }
 
 private:
     foundation::core::sync::Mutex mutex_;
-    std::vector<std::shared_ptr<TaskFinishedListener>> listeners_ QZ_GUARDED_BY(mutex_);
+    std::shared_ptr<const Listeners>
+        listeners_ QZ_GUARDED_BY(mutex_) = std::make_shared<const Listeners>();
 };
 
 GlobalTaskFinishedListenerUSM& registry() {

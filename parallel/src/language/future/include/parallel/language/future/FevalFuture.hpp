@@ -20,6 +20,11 @@ public:
     FevalFuture(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
                 unsigned int numOutputs, DvArrayVector inputs, std::shared_ptr<TaskBase> task,
                 std::optional<long long> id = std::nullopt);
+    // The same with inputs copied already, which the future keeps as they are
+    // (its task may read the same arrays).
+    FevalFuture(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
+                unsigned int numOutputs, InputCopies inputs, std::shared_ptr<TaskBase> task,
+                std::optional<long long> id = std::nullopt);
     ~FevalFuture() override;
 
     std::shared_ptr<TaskBase> getTask() const { return task_; }
@@ -35,8 +40,10 @@ private:
     WallClockTimePoint doGetStartTime() const override;
     FutureState doGetState() const override;
     const char* doGetCosAliasName() const override;
+    DvArrayVector* doOutputsToWrap() const noexcept override { return &outputsToWrap_; }
 
     std::shared_ptr<TaskBase> task_;
+    mutable DvArrayVector outputsToWrap_; // see FutureBase::doOutputsToWrap
 };
 
 } // namespace parallel::language::future

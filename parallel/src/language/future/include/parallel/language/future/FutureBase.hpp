@@ -30,6 +30,15 @@ class FetchNextDrain;
 // one sequentially consistent fetch-and-add.
 QZ_FUTURE_API long long getNextID();
 
+// Inputs replaced by shared copies of their own (null stays null): the values
+// as they were when copied, whatever becomes of the caller's arrays. A future
+// keeps them as they are; an executor may read the same arrays meanwhile,
+// and neither writes them.
+struct QZ_FUTURE_API InputCopies {
+    explicit InputCopies(DvArrayVector inputs);
+    DvArrayVector arrays;
+};
+
 // The base of every future the language sees. It owns what a future has
 // whatever executes its work: the ID, the creation time, the function, the
 // number of outputs, the inputs, the cached outputs-or-error, the Read flag
@@ -54,6 +63,9 @@ public:
     FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
                unsigned int numOutputs, PerTaskVariant<DvArrayVector> inputs,
                std::optional<long long> id);
+    // For futures that run `function` on one input vector, copied already.
+    FutureBase(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray> function,
+               unsigned int numOutputs, InputCopies inputs, std::optional<long long> id);
     // For continuation futures: run `function` once `predecessors` have
     // finished. The predecessors are kept as an object array of their
     // language objects; the future has no inputs of its own. Interpreter
@@ -203,11 +215,21 @@ private:
     virtual WallClockTimePoint doGetStartTime() const = 0;
     virtual FutureState doGetState() const = 0;
     virtual bool doIsMultiFuture() const;
+    // Where a single future keeps the outputs of its finished work unwrapped
+    // (see outputsOrError_); null, as here, when it always builds the cell.
+    virtual DvArrayVector* doOutputsToWrap() const noexcept;
     virtual const char* doGetCosAliasName() const = 0;
 
     void initOutputsOrErrorIfNeeded();
     // Builds the single input cell from inputsToWrap_, once.
     void wrapInputsIfNeeded() const;
+    // Builds the single outputs cell from the outputs kept unwrapped, once.
+    void wrapOutputsIfNeeded();
+    // A copy of output k of entry `i` of the cache (null when it has no
+    // outputs, or fewer); the cache is filled already.
+    boost::intrusive_ptr<dvArray> copyOfOutput(std::size_t i, unsigned int k) const;
+    // Copies of the outputs of entry `i` of the cache; empty when it has none.
+    std::optional<DvArrayVector> copiesOfOutputs(std::size_t i) const;
     // Holds `function` (see functionToWrap_); null stays null.
     void keepFunction(boost::intrusive_ptr<dvArray> function);
     // Makes function_ from functionToWrap_, once.
@@ -226,6 +248,9 @@ private:
     // first (the future is owned through it), then doFetchNext.
     static std::tuple<FetchNextState, std::size_t, DvArrayVector>
     fetchAt(std::shared_ptr<FutureBase> future, std::size_t index, unsigned int numOutputs);
+    // wait, on futures the caller holds for the whole call.
+    static bool waitFor(std::span<const std::shared_ptr<FutureBase>> futures, FutureState state,
+                        const SteadyTimePoint& deadline);
     // fetchNext by a walk over every future, from the first.
     static std::tuple<FetchNextState, std::size_t, DvArrayVector>
     fetchNextAmong(std::span<const std::shared_ptr<FutureBase>> futures, unsigned int numOutputs,
@@ -249,13 +274,20 @@ private:
     unsigned int numOutputs_ = 0;
     bool read_ = false;                 // next to id_: both read on every fetchNext visit
     mutable bool inputsWrapped_ = true; // false while inputsToWrap_ holds the inputs
+    bool outputsWrapped_ = true;        // false while doOutputsToWrap() holds the outputs
     kcos::COSInterfacePtr parent_;
     PropertyDvArray predecessors_;
     // The inputs as property cells, one per task. A single future keeps its
-    // inputs as shared copies (inputsToWrap_) until a cell is first needed:
-    // a future that never meets the language never builds one.
+    // inputs as shared copies (inputsToWrap_, which its executor may read
+    // too) until a cell is first needed: a future that never meets the
+    // language never builds one.
     mutable PerTaskVariant<PropertyDvArray> inputs_;
     mutable DvArrayVector inputsToWrap_;
+    // The outputs-or-error cache, one entry per task. A single future without
+    // a language object, of a kind that has room for it (doOutputsToWrap),
+    // keeps the outputs of its finished work as the work gave them (shared
+    // with the task, read only) until a cell is first needed; its entry stays
+    // empty meanwhile.
     PerTaskVariant<OutputsOrErrorPropertyDvArray> outputsOrError_;
     kcos::COSInterfacePtr cosi_;
 };

@@ -108,6 +108,9 @@ protected:
     // Notifications, called by the executor. Any thread.
     void doNotifyPending() QZ_EXCLUDES(mutex_);
     void doNotifyQueued() QZ_EXCLUDES(mutex_);
+    // Pending then Queued in one step, for a task that no other thread can
+    // reach yet (the submission of one task).
+    void doNotifyPendingAndQueued() QZ_EXCLUDES(mutex_);
     // Throws boost::promise_already_satisfied for a second Running without a
     // re-queue between (state and start time are updated first).
     void doNotifyRunning() QZ_EXCLUDES(mutex_);
@@ -144,6 +147,15 @@ private:
     void setState(FutureState state) QZ_REQUIRES(mutex_);
     void setStartTime() QZ_REQUIRES(mutex_);
     void setFinishTime() QZ_REQUIRES(mutex_);
+    // What waits for the first Finished or Cancelled, taken out of the task
+    // at that event (nothing at a later one).
+    struct FinishedWaiters {
+        Callbacks callbacks;
+        LazyPromise* promise = nullptr;
+        // Runs the callbacks and makes the promise ready. Without the mutex.
+        void release();
+    };
+    FinishedWaiters takeFinishedWaiters() QZ_REQUIRES(mutex_);
     // The first Finished or Cancelled: runs the finished callbacks and makes
     // the finished promise ready, if there is one. Without the task mutex.
     void reachFinished() QZ_EXCLUDES(mutex_);
