@@ -30,11 +30,13 @@ AfterEachFuture::build(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray>
         predecessorArray.reset(matrix::to_korvex(FutureBase::toKorvexArray(predecessors, {})),
                                false);
     }
+    // The interpreter and its distributor, looked up once for all.
+    const ContinuationTask::Destination destination = ContinuationTask::Destination::current();
     try {
         for (std::size_t i = 0; i < predecessors.size(); ++i) {
-            continuations.push_back(ContinuationTask::build(function, numOutputs, {predecessors[i]},
-                                                            predecessorArray, shapeOfOne(),
-                                                            passFuture, i));
+            continuations.push_back(ContinuationTask::build(destination, function, numOutputs,
+                                                            {predecessors[i]}, predecessorArray,
+                                                            shapeOfOne(), passFuture, i));
         }
     } catch (...) {
         // A predecessor refused its continuation: the call fails as a whole,
@@ -55,7 +57,7 @@ AfterEachFuture::build(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray>
     const std::weak_ptr<AfterEachFuture> weakFuture = future;
     for (std::size_t i = 0; i < continuations.size(); ++i) {
         detail::attachCacheCallbacks(
-            continuations[i], weakFuture, detail::kAfterEachFutureSource,
+            continuations[i], weakFuture, detail::kAfterEachFutureSource, destination.kcrID,
             [i](AfterEachFuture& self, DvArrayVector inputs) { self.setInputs(i, inputs); },
             [i](AfterEachFuture& self, OutputsOrError result) {
                 self.setOutputsOrError(i, result);

@@ -19,14 +19,14 @@ namespace parallel::language::future::detail {
 // there, posted otherwise) and only while `future` exists. The callbacks name
 // the interpreter by its identifier and hold the future weakly, so that
 // neither is kept alive by a continuation that never runs. Interpreter thread.
+// With `interpreter`, the identifier of the calling thread's interpreter,
+// resolved by the caller.
 template <class Future, class SetInputs, class SetOutputsOrError>
 void attachCacheCallbacks(const std::shared_ptr<ContinuationTask>& task,
                           const std::weak_ptr<Future>& future, const char* sourceLabel,
-                          SetInputs setInputs, SetOutputsOrError setOutputsOrError) {
-    const std::shared_ptr<kvm::KVM> interpreter =
-        kvm::Factory::getCurrentLocalKVM(kvm::NoActiveUSMBehavior::ReturnNull);
-    const kvm::Target target =
-        interpreter ? interpreter->getID() : kvutil::contextmgr::UndefinedKcrID;
+                          kvutil::contextmgr::KcrID interpreter, SetInputs setInputs,
+                          SetOutputsOrError setOutputsOrError) {
+    const kvm::Target target = interpreter;
     // The running promise of a task that never runs stays pending: this
     // callback must not hold the task, or the task would hold itself.
     const std::weak_ptr<ContinuationTask> weakTask = task;
@@ -54,6 +54,17 @@ void attachCacheCallbacks(const std::shared_ptr<ContinuationTask>& task,
             },
             sourceLabel);
     });
+}
+
+template <class Future, class SetInputs, class SetOutputsOrError>
+void attachCacheCallbacks(const std::shared_ptr<ContinuationTask>& task,
+                          const std::weak_ptr<Future>& future, const char* sourceLabel,
+                          SetInputs setInputs, SetOutputsOrError setOutputsOrError) {
+    const std::shared_ptr<kvm::KVM> interpreter =
+        kvm::Factory::getCurrentLocalKVM(kvm::NoActiveUSMBehavior::ReturnNull);
+    attachCacheCallbacks(task, future, sourceLabel,
+                         interpreter ? interpreter->getID() : kvutil::contextmgr::UndefinedKcrID,
+                         std::move(setInputs), std::move(setOutputsOrError));
 }
 
 } // namespace parallel::language::future::detail

@@ -377,10 +377,28 @@ ContinuationTask::build(boost::intrusive_ptr<dvArray> function, std::size_t numO
                         boost::intrusive_ptr<dvArray> predecessorArray,
                         std::vector<std::size_t> predecessorSize, bool passFuture,
                         std::optional<std::size_t> predecessorIndex) {
+    return build(Destination::current(), std::move(function), numOutputs, predecessors,
+                 std::move(predecessorArray), std::move(predecessorSize), passFuture,
+                 predecessorIndex);
+}
+
+ContinuationTask::Destination ContinuationTask::Destination::current() {
+    Destination destination;
+    destination.interpreter = kvm::Factory::getCurrentLocalKVM();
+    if (destination.interpreter) {
+        destination.kcrID = destination.interpreter->getID();
+        destination.distributor = cmddistributor::CmdDistributor::instance(destination.kcrID);
+    }
+    return destination;
+}
+
+std::shared_ptr<ContinuationTask> ContinuationTask::build(
+    const Destination& destination, boost::intrusive_ptr<dvArray> function, std::size_t numOutputs,
+    const std::vector<std::shared_ptr<FutureBase>>& predecessors,
+    boost::intrusive_ptr<dvArray> predecessorArray, std::vector<std::size_t> predecessorSize,
+    bool passFuture, std::optional<std::size_t> predecessorIndex) {
     checkBuildArguments(function, predecessors);
-    const std::shared_ptr<kvm::KVM> interpreter = kvm::Factory::getCurrentLocalKVM();
-    const kvutil::contextmgr::KcrID kcrID =
-        interpreter ? interpreter->getID() : kvutil::contextmgr::UndefinedKcrID;
+    const kvutil::contextmgr::KcrID kcrID = destination.kcrID;
     auto task = std::make_shared<ContinuationTask>(Token{});
 
     task->function_ = InterpreterOwnedArray(referenceForWork(std::move(function)),
@@ -392,19 +410,31 @@ ContinuationTask::build(boost::intrusive_ptr<dvArray> function, std::size_t numO
     task->predecessorSize_ = std::move(predecessorSize);
     task->passFuture_ = passFuture;
 
+    // A predecessor once finished stays so: when all are already, the
+    // request goes ready at once and needs no finish callback. Otherwise it
+    // is held back until the last one finishes (even if that has happened
+    // meanwhile: the callback then runs at once).
+    const bool allFinished =
+        std::all_of(predecessors.begin(), predecessors.end(), [](const auto& predecessor) {
+            return predecessor->getState() == FutureState::Finished;
+        });
+
     // Default sinks: printed output reaches the console as any other, and a
     // failure's message is not written anywhere (the task keeps the error).
     cmddistributor::RunOptions options(cmddistributor::WhenToDequeue::AtDequeuePoint,
                                        detail::parallelQueueName());
-    options.setReadyToExecute(false);
+    options.setReadyToExecute(allFinished);
 
     task->doNotifyQueued();
     auto delegate = boost::make_shared<FinishingDelegate>(task);
-    boost::shared_ptr<kvm::TaskReference> reference = detail::submitToInterpreter<RequestResult>(
-        interpreter, boost::function<RequestResult()>(ContinuationWork{task.get()}),
+    boost::shared_ptr<kvm::TaskReference> reference = detail::submitToDistributor<RequestResult>(
+        destination.distributor, boost::function<RequestResult()>(ContinuationWork{task.get()}),
         std::move(options), kvm::detail::createID(), detail::kContinuationTaskSource,
         std::move(delegate));
     task->taskReference_ = reference;
+    if (allFinished) {
+        return task;
+    }
 
     try {
         releaseWhenAllFinished(predecessors, std::move(reference));

@@ -14,6 +14,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <tuple>
 
 namespace parallel::language::future::detail {
 
@@ -40,6 +41,31 @@ struct Submission {
     boost::shared_ptr<kvm::TaskReference> reference;
 };
 
+// Submits `work` to `distributor` (already resolved; may be null) with
+// `options` and their sinks; otherwise as submitToInterpreter below. Any
+// thread.
+template <class T>
+boost::shared_ptr<kvm::TaskReference>
+submitToDistributor(const std::shared_ptr<cmddistributor::CmdDistributor>& distributor,
+                    boost::function<T()> work, cmddistributor::RunOptions options,
+                    cmddistributor::IDType id, const char* sourceLabel,
+                    boost::shared_ptr<cmddistributor::PromiseDelegate> delegate) {
+    if (!distributor) {
+        cmddistributor::IIPResult missing;
+        missing.executionStatus = cmddistributor::NoDistributor;
+        missing.message = kNoCmdDistributorMessage;
+        delegate->deliver(&missing);
+        return boost::make_shared<kvm::detail::NullCmdDistributorTaskReference>();
+    }
+    auto request = boost::make_shared<cmddistributor::FcnCmdRequest<T>>(
+        kStreamID, options.getOutputStream(), options.getErrorStream(), std::move(work),
+        sourceLabel);
+    boost::shared_ptr<kvm::TaskReference> reference =
+        boost::make_shared<kvm::detail::CmdDistributorTaskReference>(distributor, id);
+    distributor->submit(std::move(request), std::move(delegate), std::move(options), id);
+    return reference;
+}
+
 // Submits `work` to `target`'s command distributor with `options`; `delegate`
 // receives the result. Without a distributor nothing is thrown: the delegate
 // receives at once a result of status NoDistributor and the reference is a
@@ -50,20 +76,9 @@ submitToInterpreter(const kvm::Target& target, boost::function<T()> work,
                     cmddistributor::RunOptions options, cmddistributor::IDType id,
                     const char* sourceLabel,
                     boost::shared_ptr<cmddistributor::PromiseDelegate> delegate) {
-    auto [distributor, output, error] = kvm::detail::getCmdDistributorAndSinks(target, options);
-    if (!distributor) {
-        cmddistributor::IIPResult missing;
-        missing.executionStatus = cmddistributor::NoDistributor;
-        missing.message = kNoCmdDistributorMessage;
-        delegate->deliver(&missing);
-        return boost::make_shared<kvm::detail::NullCmdDistributorTaskReference>();
-    }
-    auto request = boost::make_shared<cmddistributor::FcnCmdRequest<T>>(
-        kStreamID, std::move(output), std::move(error), std::move(work), sourceLabel);
-    boost::shared_ptr<kvm::TaskReference> reference =
-        boost::make_shared<kvm::detail::CmdDistributorTaskReference>(distributor, id);
-    distributor->submit(std::move(request), std::move(delegate), std::move(options), id);
-    return reference;
+    const auto distributor = std::get<0>(kvm::detail::getCmdDistributorAndSinks(target, options));
+    return submitToDistributor<T>(distributor, std::move(work), std::move(options), id, sourceLabel,
+                                  std::move(delegate));
 }
 
 // As above, the result going to a future: its value, or its error (a

@@ -27,8 +27,9 @@ class FinishingDelegate;
 //
 // Life of a continuation:
 //   build:   Unavailable -> Queued; the work is submitted at once to the
-//            interpreter's command distributor, held back (not ready).
-//   last predecessor finishes (its thread): the request is made ready.
+//            interpreter's command distributor: ready when every predecessor
+//            has already finished, otherwise held back (not ready).
+//   last predecessor finishes (its thread): a held request is made ready.
 //   work item (interpreter thread, at a dequeue point of "parallel"): makes
 //            the arguments -> Running -> calls the function -> stores outputs.
 //   request completes (thread that completes it): -> Finished.
@@ -77,6 +78,23 @@ public:
           const std::vector<std::shared_ptr<FutureBase>>& predecessors,
           boost::intrusive_ptr<dvArray> predecessorArray, std::vector<std::size_t> predecessorSize,
           bool passFuture, std::optional<std::size_t> predecessorIndex = std::nullopt);
+
+    // The interpreter of the calling thread and its command distributor
+    // (either may be null), resolved once for several builds. Interpreter
+    // thread.
+    struct Destination {
+        std::shared_ptr<kvm::KVM> interpreter;
+        kvutil::contextmgr::KcrID kcrID = kvutil::contextmgr::UndefinedKcrID;
+        std::shared_ptr<cmddistributor::CmdDistributor> distributor;
+
+        static Destination current();
+    };
+    // The same, submitted to `destination`, which must be current().
+    static std::shared_ptr<ContinuationTask>
+    build(const Destination& destination, boost::intrusive_ptr<dvArray> function,
+          std::size_t numOutputs, const std::vector<std::shared_ptr<FutureBase>>& predecessors,
+          boost::intrusive_ptr<dvArray> predecessorArray, std::vector<std::size_t> predecessorSize,
+          bool passFuture, std::optional<std::size_t> predecessorIndex);
 
     explicit ContinuationTask(Token);
     ~ContinuationTask() override;
