@@ -212,33 +212,42 @@ DvArrayVector argumentOfFutures(const std::vector<std::shared_ptr<FutureBase>>& 
     return {boost::intrusive_ptr<dvArray>(matrix::to_korvex(std::move(array)), false)};
 }
 
+// A request submitted not ready, released by its ID; nothing is done once
+// its distributor is gone (or when there was none). Any thread.
+struct HeldRequest {
+    std::weak_ptr<cmddistributor::CmdDistributor> distributor;
+    cmddistributor::IDType id{};
+
+    void release() const {
+        if (const auto owner = distributor.lock()) {
+            owner->setReadyToExecute(id);
+        }
+    }
+};
+
 // Makes the held-back request ready once every predecessor has finished:
 // with one predecessor straight from its finish, with several when a shared
 // countdown reaches zero (acq_rel: the last decrement sees every earlier
 // predecessor's finish). Interpreter thread; the callbacks run on the thread
 // that finishes each predecessor.
 void releaseWhenAllFinished(const std::vector<std::shared_ptr<FutureBase>>& predecessors,
-                            boost::shared_ptr<kvm::TaskReference> reference) {
+                            HeldRequest request) {
     if (predecessors.size() == 1) {
-        predecessors.front()->afterFinishThen(boost::launch::sync, [reference] {
-            if (reference) {
-                reference->setReadyToExecute();
-            }
-        });
+        predecessors.front()->afterFinishThen(
+            boost::launch::sync, [request = std::move(request)] { request.release(); });
         return;
     }
     struct Countdown {
         std::atomic<std::size_t> remaining;
-        boost::shared_ptr<kvm::TaskReference> reference;
+        HeldRequest request;
     };
     const auto countdown = std::make_shared<Countdown>();
     countdown->remaining.store(predecessors.size(), std::memory_order_relaxed);
-    countdown->reference = std::move(reference);
+    countdown->request = std::move(request);
     for (const auto& predecessor : predecessors) {
         predecessor->afterFinishThen(boost::launch::sync, [countdown] {
-            if (countdown->remaining.fetch_sub(1, std::memory_order_acq_rel) == 1 &&
-                countdown->reference) {
-                countdown->reference->setReadyToExecute();
+            if (countdown->remaining.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+                countdown->request.release();
             }
         });
     }
@@ -427,17 +436,19 @@ std::shared_ptr<ContinuationTask> ContinuationTask::build(
 
     task->doNotifyQueued();
     auto delegate = boost::make_shared<FinishingDelegate>(task);
-    boost::shared_ptr<kvm::TaskReference> reference = detail::submitToDistributor<RequestResult>(
-        destination.distributor, boost::function<RequestResult()>(ContinuationWork{task.get()}),
-        std::move(options), kvm::detail::createID(), detail::kContinuationTaskSource,
-        std::move(delegate));
-    task->taskReference_ = reference;
+    const cmddistributor::IDType id = kvm::detail::createID();
+    if (detail::submitRequest<RequestResult>(
+            destination.distributor, boost::function<RequestResult()>(ContinuationWork{task.get()}),
+            std::move(options), id, detail::kContinuationTaskSource, std::move(delegate))) {
+        task->distributor_ = destination.distributor;
+        task->requestID_ = id;
+    }
     if (allFinished) {
         return task;
     }
 
     try {
-        releaseWhenAllFinished(predecessors, std::move(reference));
+        releaseWhenAllFinished(predecessors, HeldRequest{task->distributor_, id});
     } catch (...) {
         // A predecessor that cannot report its finish: the continuation
         // would never run. Withdraw it.
@@ -453,8 +464,8 @@ DvArrayVector ContinuationTask::takeInputs() {
 }
 
 void ContinuationTask::doCancel() {
-    if (taskReference_) {
-        taskReference_->cancel();
+    if (const auto distributor = distributor_.lock()) {
+        distributor->cancel(requestID_);
     }
 }
 

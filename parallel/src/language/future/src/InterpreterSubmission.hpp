@@ -42,28 +42,26 @@ struct Submission {
 };
 
 // Submits `work` to `distributor` (already resolved; may be null) with
-// `options` and their sinks; otherwise as submitToInterpreter below. Any
-// thread.
+// `options` and their sinks, as request `id`; `delegate` receives the result.
+// Without a distributor nothing is thrown: the delegate receives at once a
+// result of status NoDistributor and false is returned. Any thread.
 template <class T>
-boost::shared_ptr<kvm::TaskReference>
-submitToDistributor(const std::shared_ptr<cmddistributor::CmdDistributor>& distributor,
-                    boost::function<T()> work, cmddistributor::RunOptions options,
-                    cmddistributor::IDType id, const char* sourceLabel,
-                    boost::shared_ptr<cmddistributor::PromiseDelegate> delegate) {
+bool submitRequest(const std::shared_ptr<cmddistributor::CmdDistributor>& distributor,
+                   boost::function<T()> work, cmddistributor::RunOptions options,
+                   cmddistributor::IDType id, const char* sourceLabel,
+                   boost::shared_ptr<cmddistributor::PromiseDelegate> delegate) {
     if (!distributor) {
         cmddistributor::IIPResult missing;
         missing.executionStatus = cmddistributor::NoDistributor;
         missing.message = kNoCmdDistributorMessage;
         delegate->deliver(&missing);
-        return boost::make_shared<kvm::detail::NullCmdDistributorTaskReference>();
+        return false;
     }
     auto request = boost::make_shared<cmddistributor::FcnCmdRequest<T>>(
         kStreamID, options.getOutputStream(), options.getErrorStream(), std::move(work),
         sourceLabel);
-    boost::shared_ptr<kvm::TaskReference> reference =
-        boost::make_shared<kvm::detail::CmdDistributorTaskReference>(distributor, id);
     distributor->submit(std::move(request), std::move(delegate), std::move(options), id);
-    return reference;
+    return true;
 }
 
 // Submits `work` to `target`'s command distributor with `options`; `delegate`
@@ -77,8 +75,11 @@ submitToInterpreter(const kvm::Target& target, boost::function<T()> work,
                     const char* sourceLabel,
                     boost::shared_ptr<cmddistributor::PromiseDelegate> delegate) {
     const auto distributor = std::get<0>(kvm::detail::getCmdDistributorAndSinks(target, options));
-    return submitToDistributor<T>(distributor, std::move(work), std::move(options), id, sourceLabel,
-                                  std::move(delegate));
+    if (!submitRequest<T>(distributor, std::move(work), std::move(options), id, sourceLabel,
+                          std::move(delegate))) {
+        return boost::make_shared<kvm::detail::NullCmdDistributorTaskReference>();
+    }
+    return boost::make_shared<kvm::detail::CmdDistributorTaskReference>(distributor, id);
 }
 
 // As above, the result going to a future: its value, or its error (a

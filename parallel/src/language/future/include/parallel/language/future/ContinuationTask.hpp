@@ -43,7 +43,8 @@ class FinishingDelegate;
 // distributor holds the request's delegate, and with it the task, until the
 // request is done (the work item refers to the task without owning it); the
 // delegate stores the request's error in the task before it reports
-// Finished. The task holds its request weakly (through the task reference).
+// Finished. The task holds its request weakly (its distributor's weak
+// pointer and the request's ID).
 //
 // Threads: build on the interpreter thread. The task's own mutex guards the
 // input arguments, the outputs and the request's error only; state and times
@@ -137,7 +138,10 @@ private:
     DvArrayVector inputArguments_ QZ_GUARDED_BY(mutex_);
     DvArrayVector outputs_ QZ_GUARDED_BY(mutex_);
     std::exception_ptr requestError_ QZ_GUARDED_BY(mutex_); // the request's, once Finished
-    boost::shared_ptr<kvm::TaskReference> taskReference_;   // null until submitted
+    // The request: its distributor (empty until submitted, and without one)
+    // and its ID there.
+    std::weak_ptr<cmddistributor::CmdDistributor> distributor_;
+    cmddistributor::IDType requestID_{};
 };
 
 } // namespace parallel::language::future
