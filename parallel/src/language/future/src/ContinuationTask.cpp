@@ -393,9 +393,8 @@ ContinuationTask::build(boost::intrusive_ptr<dvArray> function, std::size_t numO
 
 ContinuationTask::Destination ContinuationTask::Destination::current() {
     Destination destination;
-    destination.interpreter = kvm::Factory::getCurrentLocalKVM();
-    if (destination.interpreter) {
-        destination.kcrID = destination.interpreter->getID();
+    if (const std::shared_ptr<kvm::KVM> interpreter = kvm::Factory::getCurrentLocalKVM()) {
+        destination.kcrID = interpreter->getID();
         destination.distributor = cmddistributor::CmdDistributor::instance(destination.kcrID);
     }
     return destination;

@@ -80,11 +80,10 @@ public:
           boost::intrusive_ptr<dvArray> predecessorArray, std::vector<std::size_t> predecessorSize,
           bool passFuture, std::optional<std::size_t> predecessorIndex = std::nullopt);
 
-    // The interpreter of the calling thread and its command distributor
-    // (either may be null), resolved once for several builds. Interpreter
-    // thread.
+    // The interpreter of the calling thread (undefined without one) and its
+    // command distributor (null without one), resolved once for several
+    // builds. Interpreter thread.
     struct Destination {
-        std::shared_ptr<kvm::KVM> interpreter;
         kvutil::contextmgr::KcrID kcrID = kvutil::contextmgr::UndefinedKcrID;
         std::shared_ptr<cmddistributor::CmdDistributor> distributor;
 
