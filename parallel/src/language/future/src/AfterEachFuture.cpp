@@ -34,9 +34,9 @@ AfterEachFuture::build(kcos::COSInterface* parent, boost::intrusive_ptr<dvArray>
     const ContinuationTask::Destination destination = ContinuationTask::Destination::current();
     try {
         for (std::size_t i = 0; i < predecessors.size(); ++i) {
-            continuations.push_back(ContinuationTask::build(destination, function, numOutputs,
-                                                            {predecessors[i]}, predecessorArray,
-                                                            shapeOfOne(), passFuture, i));
+            continuations.push_back(ContinuationTask::build(
+                destination, function, numOutputs, std::span(&predecessors[i], 1), predecessorArray,
+                shapeOfOne(), passFuture, i));
         }
     } catch (...) {
         // A predecessor refused its continuation: the call fails as a whole,

@@ -19,6 +19,7 @@
 #include <atomic>
 #include <limits>
 #include <optional>
+#include <span>
 #include <stdexcept>
 #include <string>
 
@@ -63,6 +64,8 @@ void runOnInterpreter(const kvm::Target& target, std::function<void()> callback,
 } // namespace detail
 
 namespace {
+
+using Predecessors = std::span<const std::shared_ptr<FutureBase>>;
 
 // Releases a host array the standard way.
 void releaseArray(dvArray* array) {
@@ -127,8 +130,7 @@ dvArray* referenceForWork(boost::intrusive_ptr<dvArray> function) {
 }
 
 // Refuses a null function or no predecessors (std::invalid_argument).
-void checkBuildArguments(const boost::intrusive_ptr<dvArray>& function,
-                         const std::vector<std::shared_ptr<FutureBase>>& predecessors) {
+void checkBuildArguments(const boost::intrusive_ptr<dvArray>& function, Predecessors predecessors) {
     if (!function) {
         throw std::invalid_argument("A continuation needs a function.");
     }
@@ -230,8 +232,7 @@ struct HeldRequest {
 // countdown reaches zero (acq_rel: the last decrement sees every earlier
 // predecessor's finish). Interpreter thread; the callbacks run on the thread
 // that finishes each predecessor.
-void releaseWhenAllFinished(const std::vector<std::shared_ptr<FutureBase>>& predecessors,
-                            HeldRequest request) {
+void releaseWhenAllFinished(Predecessors predecessors, HeldRequest request) {
     if (predecessors.size() == 1) {
         predecessors.front()->afterFinishThen(
             boost::launch::sync, [request = std::move(request)] { request.release(); });
@@ -400,11 +401,12 @@ ContinuationTask::Destination ContinuationTask::Destination::current() {
     return destination;
 }
 
-std::shared_ptr<ContinuationTask> ContinuationTask::build(
-    const Destination& destination, boost::intrusive_ptr<dvArray> function, std::size_t numOutputs,
-    const std::vector<std::shared_ptr<FutureBase>>& predecessors,
-    boost::intrusive_ptr<dvArray> predecessorArray, std::vector<std::size_t> predecessorSize,
-    bool passFuture, std::optional<std::size_t> predecessorIndex) {
+std::shared_ptr<ContinuationTask>
+ContinuationTask::build(const Destination& destination, boost::intrusive_ptr<dvArray> function,
+                        std::size_t numOutputs, Predecessors predecessors,
+                        boost::intrusive_ptr<dvArray> predecessorArray,
+                        std::vector<std::size_t> predecessorSize, bool passFuture,
+                        std::optional<std::size_t> predecessorIndex) {
     checkBuildArguments(function, predecessors);
     const kvutil::contextmgr::KcrID kcrID = destination.kcrID;
     auto task = std::make_shared<ContinuationTask>(Token{});

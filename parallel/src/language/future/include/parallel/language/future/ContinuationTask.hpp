@@ -14,6 +14,7 @@
 #include <exception>
 #include <memory>
 #include <optional>
+#include <span>
 #include <vector>
 
 namespace parallel::language::future {
@@ -92,7 +93,7 @@ public:
     // The same, submitted to `destination`, which must be current().
     static std::shared_ptr<ContinuationTask>
     build(const Destination& destination, boost::intrusive_ptr<dvArray> function,
-          std::size_t numOutputs, const std::vector<std::shared_ptr<FutureBase>>& predecessors,
+          std::size_t numOutputs, std::span<const std::shared_ptr<FutureBase>> predecessors,
           boost::intrusive_ptr<dvArray> predecessorArray, std::vector<std::size_t> predecessorSize,
           bool passFuture, std::optional<std::size_t> predecessorIndex);
 
