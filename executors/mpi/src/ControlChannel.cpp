@@ -77,6 +77,10 @@ std::unique_ptr<local::acceptor> localListener(boost::asio::io_context& io, std:
     std::random_device random;
     name = "qzmpipool-" + std::to_string(::getpid()) + "-" + std::to_string(random()) +
            std::to_string(random());
+    if (!protocol::sameHostShortcuts()) {
+        name = "-";
+        return nullptr;
+    }
     try {
         return std::make_unique<local::acceptor>(io, local::endpoint(std::string(1, '\0') + name));
     } catch (const boost::system::system_error&) {

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <thread>
@@ -49,6 +50,11 @@ std::size_t chunkSize() noexcept {
 
 void setChunkSize(std::size_t bytes) noexcept {
     gChunkSize.store(std::clamp<std::size_t>(bytes, 1, INT_MAX), std::memory_order_relaxed);
+}
+
+bool sameHostShortcuts() noexcept {
+    const char* tcpOnly = std::getenv("KORVEX_MPIPOOL_TCP_ONLY");
+    return tcpOnly == nullptr || *tcpOnly == '\0' || std::strcmp(tcpOnly, "0") == 0;
 }
 
 Outbox::~Outbox() {

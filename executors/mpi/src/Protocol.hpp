@@ -90,6 +90,13 @@ using Bytes = std::string;
 std::size_t chunkSize() noexcept;
 void setChunkSize(std::size_t bytes) noexcept;
 
+// Whether workers on the client's host take the shortcuts open to them: a
+// local control socket and starts recorded in shared memory. False when
+// KORVEX_MPIPOOL_TCP_ONLY is set (not empty, not "0"): every worker is then
+// served as one on another host is (TCP, a start frame per task). The
+// client decides; any thread.
+bool sameHostShortcuts() noexcept;
+
 // Sends buffers without blocking and keeps each one alive until MPI is done
 // with it. The thread that owns it (one per process side) calls progress()
 // while anything is pending: MPI moves a large buffer only when called.

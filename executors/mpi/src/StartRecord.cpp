@@ -1,5 +1,7 @@
 #include "StartRecord.hpp"
 
+#include "Protocol.hpp"
+
 #include <boost/interprocess/shared_memory_object.hpp>
 #include <boost/mpi/collectives/broadcast.hpp>
 #include <boost/serialization/string.hpp>
@@ -47,7 +49,7 @@ std::unique_ptr<StartRecord> StartRecord::share(const boost::mpi::communicator& 
     std::array<std::uint64_t, 2> nonce{};
     std::unique_ptr<StartRecord> record;
     const auto slots = static_cast<std::size_t>(comm.size() - 1);
-    if (comm.rank() == protocol::kClientRank) {
+    if (comm.rank() == protocol::kClientRank && protocol::sameHostShortcuts()) {
         std::random_device random;
         for (auto& part : nonce) {
             part = (std::uint64_t{random()} << 32) ^ random();
