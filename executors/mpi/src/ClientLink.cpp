@@ -161,6 +161,11 @@ void ClientLink::run() noexcept {
 }
 
 void ClientLink::sendNow() {
+    if (!isLinkThread() && !work_->anyIdle()) {
+        // Every worker has work in flight: the link thread sends the new
+        // tasks, batched, when the next report arrives.
+        return;
+    }
     if (isLinkThread() || !mpiMutex_.try_lock()) {
         // From a notification, or the link thread is at MPI: it sends on its
         // next turn.
@@ -182,7 +187,7 @@ void ClientLink::sendNow() {
 
 bool ClientLink::sendTaken() {
     std::vector<Event> failed;
-    for (const WorkList::Send& batch : work_->takeSends(windows())) {
+    for (const WorkList::Send& batch : work_->takeSendsToIdle(windows())) {
         send(batch, failed);
     }
     std::ranges::move(failed, std::back_inserter(stashed_));

@@ -40,11 +40,11 @@ void WorkList::fillWindow(std::size_t worker, std::size_t window, std::vector<Se
     }
 }
 
-std::vector<WorkList::Send> WorkList::takeSends(const std::vector<std::size_t>& window) {
+std::vector<WorkList::Send> WorkList::takeSendsToIdle(const std::vector<std::size_t>& window) {
     std::vector<Send> sends;
     const LockGuard lock(mutex_);
     for (std::size_t worker = 0; worker < numWorkers_; ++worker) {
-        if (!lost_[worker]) {
+        if (!lost_[worker] && flight_[worker].empty()) {
             fillWindow(worker, window.at(worker), sends);
         }
     }
@@ -131,6 +131,16 @@ std::vector<WorkList::TaskPtr> WorkList::close() {
     }
     news();
     return abandoned;
+}
+
+bool WorkList::anyIdle() {
+    const LockGuard lock(mutex_);
+    for (std::size_t worker = 0; worker < numWorkers_; ++worker) {
+        if (!lost_[worker] && flight_[worker].empty()) {
+            return true;
+        }
+    }
+    return false;
 }
 
 bool WorkList::anyInFlight() const {

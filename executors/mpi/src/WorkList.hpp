@@ -50,8 +50,12 @@ public:
     // Fills every live worker's window (its own pinned tasks first) and takes
     // the pending stop requests. Link thread.
     Orders takeOrders(const std::vector<std::size_t>& window) QZ_EXCLUDES(mutex_);
-    // The sends of takeOrders only. Any thread (with the link's MPI mutex).
-    std::vector<Send> takeSends(const std::vector<std::size_t>& window) QZ_EXCLUDES(mutex_);
+    // The sends of takeOrders, for the live workers with nothing in flight
+    // only: a busy worker's report brings the link thread, which sends its
+    // next tasks then, batched. Any thread (with the link's MPI mutex).
+    std::vector<Send> takeSendsToIdle(const std::vector<std::size_t>& window) QZ_EXCLUDES(mutex_);
+    // Whether a live worker has nothing in flight. Any thread.
+    bool anyIdle() QZ_EXCLUDES(mutex_);
     struct Flight {
         TaskPtr task;
         bool started = false; // reported started
