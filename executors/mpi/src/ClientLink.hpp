@@ -1,7 +1,8 @@
 #pragma once
 
-// The client's side of an open pool: the link thread, the only thread of
-// rank 0 that calls MPI while the pool is open. It sends the work list's
+// The client's side of an open pool: the link thread, which calls MPI for
+// rank 0 while the pool is open (as does a submitting thread that finds a
+// worker idle, under the same MPI mutex: sendNow). It sends the work list's
 // tasks to the workers in batches, passes stop requests on, turns the
 // workers' reports into task notifications (Running, Finished) and results,
 // and fails the work of a worker that is lost. It sleeps in poll() on the
@@ -63,9 +64,10 @@ public:
 
     const std::shared_ptr<WorkList>& getWorkList() const noexcept { return work_; }
 
-    // Sends the work list's tasks that can go now on the calling thread (the
-    // submitting one: no hand-over to the link thread), unless the link
-    // thread is at MPI, which then sends them. Any thread.
+    // Sends the work list's tasks to the idle workers on the calling thread
+    // (the submitting one: no hand-over to the link thread), unless the link
+    // thread is at MPI, which then sends them. With every worker busy it
+    // does nothing: the link thread sends on the next report. Any thread.
     void sendNow() QZ_EXCLUDES(mpiMutex_);
 
     // Refuses further work, cancels the waiting work and asks the workers to
