@@ -93,6 +93,7 @@ void WorkerLoop::runQueued() {
     while (true) {
         codec::TaskMessage task;
         bool holdBack = false;
+        std::optional<Clock::time_point> start; // read once where a start costs no write
         {
             const LockGuard lock(mutex_);
             if (queue_.empty() || leaving_) {
@@ -103,7 +104,8 @@ void WorkerLoop::runQueued() {
             running_ = task.id;
             stop_ = false;
             if (starts_ != nullptr) {
-                runningSince_ = Clock::now();
+                start = Clock::now();
+                runningSince_ = *start;
                 startFramed_ = false; // the reader's timer is set while a task is queued
             } else {
                 // Held back while more tasks follow: the next start, a report
@@ -123,9 +125,11 @@ void WorkerLoop::runQueued() {
         } else {
             control_.write(protocol::Frame::Started, task.id, holdBack);
         }
-        const auto start = Clock::now();
+        if (!start) {
+            start = Clock::now(); // after the frame: the run's time leaves it out
+        }
         protocol::Bytes result = evaluate(task, stop_);
-        const std::uint64_t runMicros = microsSince(start);
+        const std::uint64_t runMicros = microsSince(*start);
         bool due = false;
         {
             const LockGuard lock(mutex_);
