@@ -14,15 +14,19 @@
 
 #include <executor/WorkerTask.hpp>
 
+#include <boost/container/small_vector.hpp>
+
 namespace mpipool {
 
 class ClusterTask final : public executor::WorkerTask {
 public:
+    // Keeps `inputs`, the future's copies (see executor::submitTo), and only
+    // reads them.
     ClusterTask(codec::TaskId id, boost::intrusive_ptr<dvArray> function, unsigned int numOutputs,
-                codec::DvArrayVector inputs, std::weak_ptr<executor::WaitingTasks> work,
+                const codec::DvArrayVector& inputs, std::weak_ptr<executor::WaitingTasks> work,
                 std::optional<std::size_t> pinnedWorker)
         : WorkerTask(std::move(work), pinnedWorker), id_(id), function_(std::move(function)),
-          numOutputs_(numOutputs), inputs_(std::move(inputs)) {}
+          numOutputs_(numOutputs), inputs_(inputs.begin(), inputs.end()) {}
 
     codec::TaskId getId() const noexcept { return id_; }
 
@@ -35,7 +39,9 @@ private:
     const codec::TaskId id_;
     const boost::intrusive_ptr<dvArray> function_;
     const unsigned int numOutputs_;
-    const codec::DvArrayVector inputs_; // shared with the future: arrays are not copied
+    // Shared with the future: arrays are not copied. Room for one input in
+    // place, as most evaluations have.
+    const boost::container::small_vector<boost::intrusive_ptr<dvArray>, 1> inputs_;
 };
 
 } // namespace mpipool

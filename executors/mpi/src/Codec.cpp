@@ -499,31 +499,34 @@ Envelope toEnvelope(const std::exception_ptr& error) {
 
 void checkSendable(const dvArray* function, const DvArrayVector& inputs) {
     registeredName(function);
-    std::vector<const dvArray*> unchecked;
-    for (const auto& input : inputs) {
-        unchecked.push_back(input.get());
-    }
-    while (!unchecked.empty()) {
-        const dvArray* array = unchecked.back();
-        unchecked.pop_back();
+    std::vector<const dvArray*> containers; // cells and structs still to look into
+    const auto check = [&containers](const dvArray* array) {
         switch (kindOf(array)) {
         case Kind::FunctionHandle:
             registeredName(array);
             break;
         case Kind::Cell:
         case Kind::Struct:
-            for (std::size_t i = 0, n = heldCount(array); i < n; ++i) {
-                unchecked.push_back(elementOf(array, i));
-            }
+            containers.push_back(array);
             break;
         default:
             break;
+        }
+    };
+    for (const auto& input : inputs) {
+        check(input.get());
+    }
+    while (!containers.empty()) {
+        const dvArray* container = containers.back();
+        containers.pop_back();
+        for (std::size_t i = 0, n = heldCount(container); i < n; ++i) {
+            check(elementOf(container, i));
         }
     }
 }
 
 protocol::Bytes encodeTask(TaskId id, const dvArray* function, unsigned int numOutputs,
-                           const DvArrayVector& inputs) {
+                           std::span<const boost::intrusive_ptr<dvArray>> inputs) {
     const std::string& name = registeredName(function);
     return written([&](Writer& out) {
         out.put(id);

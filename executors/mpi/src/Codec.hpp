@@ -26,6 +26,7 @@
 #include <cstdint>
 #include <exception>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -44,7 +45,7 @@ inline constexpr std::size_t kMaxCauseDepth = 256;
 // function handle among the inputs, is not registered) and
 // KORVEX:mpipool:UnsupportedArray (an input cannot be sent).
 protocol::Bytes encodeTask(TaskId id, const dvArray* function, unsigned int numOutputs,
-                           const DvArrayVector& inputs);
+                           std::span<const boost::intrusive_ptr<dvArray>> inputs);
 
 // What encodeTask would refuse, found without encoding (the cluster pool
 // checks at submit and encodes when it sends): the same errors. Walks nested

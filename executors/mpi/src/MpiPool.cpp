@@ -36,17 +36,31 @@ std::size_t checkedNumWorkers(const Cluster& cluster, std::size_t available,
 struct MpiPool::Impl {
     std::shared_ptr<ClientLink> link;
 
-    // Makes the tasks of submissions. What cannot be sent is refused before
-    // the future is made; the link thread encodes the rest when it sends it.
-    auto taskMaker() const {
-        return [work = link->getWorkList()](const boost::intrusive_ptr<dvArray>& function,
-                                            unsigned int numOutputs, const DvArrayVector& inputs,
-                                            std::optional<std::size_t> worker) {
+    // Makes the tasks of submissions, for any worker or pinned to one; for one
+    // submission, in the block its future shares. What cannot be sent is
+    // refused before the future is made; the link thread encodes the rest
+    // when it sends it.
+    struct TaskMaker {
+        std::shared_ptr<WorkList> work;
+
+        std::shared_ptr<ClusterTask> operator()(const boost::intrusive_ptr<dvArray>& function,
+                                                unsigned int numOutputs,
+                                                const DvArrayVector& inputs,
+                                                std::optional<std::size_t> worker) const {
             codec::checkSendable(function.get(), inputs);
             return std::make_shared<ClusterTask>(gNextTaskId++, function, numOutputs, inputs, work,
                                                  worker);
-        };
-    }
+        }
+        std::shared_ptr<ClusterTask>
+        operator()(const boost::intrusive_ptr<dvArray>& function, unsigned int numOutputs,
+                   const DvArrayVector& inputs, std::optional<std::size_t> worker,
+                   executor::PairAllocator<ClusterTask> allocator) const {
+            codec::checkSendable(function.get(), inputs);
+            return std::allocate_shared<ClusterTask>(allocator, gNextTaskId++, function, numOutputs,
+                                                     inputs, work, worker);
+        }
+    };
+    TaskMaker taskMaker() const { return {link->getWorkList()}; }
 
     // Refuses work once every worker is gone.
     void checkWorkersLeft() const {
