@@ -50,9 +50,19 @@ boost::intrusive_ptr<dvArray> functionHandle(std::string_view name) {
 }
 
 bool isRegistered(std::string_view name) {
+    // Names are never unregistered: the last one found here needs no lock
+    // (most submissions call one function).
+    thread_local std::string lastFound;
+    if (!lastFound.empty() && name == lastFound) {
+        return true;
+    }
     Registry& functions = registry();
     const foundation::core::sync::LockGuard lock(functions.mutex);
-    return functions.handles.contains(name);
+    if (!functions.handles.contains(name)) {
+        return false;
+    }
+    lastFound = name;
+    return true;
 }
 
 } // namespace mpipool

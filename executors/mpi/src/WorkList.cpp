@@ -6,7 +6,8 @@
 namespace mpipool {
 
 WorkList::WorkList(std::size_t numWorkers)
-    : PinnedQueue(numWorkers), flight_(numWorkers), lost_(numWorkers, false) {}
+    : PinnedQueue(numWorkers), flight_(numWorkers), lost_(numWorkers, false), live_(numWorkers),
+      idle_(numWorkers) {}
 
 WorkList::Orders WorkList::takeOrders(const std::vector<std::size_t>& window) {
     Orders orders;
@@ -30,6 +31,9 @@ WorkList::Orders WorkList::takeOrders(const std::vector<std::size_t>& window) {
 
 void WorkList::fillWindow(std::size_t worker, std::size_t window, std::vector<Send>& sends) {
     Send send{worker, {}};
+    if (flight_[worker].empty() && hasWorkFor(worker)) {
+        idle_.fetch_sub(1, std::memory_order_relaxed);
+    }
     while (flight_[worker].size() < window && hasWorkFor(worker)) {
         TaskPtr task = popFor(worker); // in flight, not in hand: a worker holds several
         flight_[worker].push_back({task});
@@ -71,6 +75,9 @@ WorkList::Flight WorkList::finish(std::size_t worker, codec::TaskId id) {
     }
     Flight flight = std::move(*found);
     flights.erase(found);
+    if (flights.empty()) {
+        idle_.fetch_add(1, std::memory_order_relaxed);
+    }
     return flight;
 }
 
@@ -78,7 +85,13 @@ WorkList::Loss WorkList::lose(std::size_t worker, const std::vector<codec::TaskI
     Loss loss;
     {
         const LockGuard lock(mutex_);
-        lost_.at(worker) = true;
+        if (!lost_.at(worker)) {
+            lost_[worker] = true;
+            live_.fetch_sub(1, std::memory_order_relaxed);
+            if (flight_[worker].empty()) {
+                idle_.fetch_sub(1, std::memory_order_relaxed);
+            }
+        }
         for (Flight& flight : flight_[worker]) {
             const bool started =
                 flight.started ||
@@ -93,11 +106,6 @@ WorkList::Loss WorkList::lose(std::size_t worker, const std::vector<codec::TaskI
     std::erase_if(loss.refused, [this](const TaskPtr& task) { return push(task); });
     news();
     return loss;
-}
-
-std::size_t WorkList::liveWorkers() const {
-    const LockGuard lock(mutex_);
-    return static_cast<std::size_t>(std::ranges::count(lost_, false));
 }
 
 bool WorkList::withdraw(const executor::WorkerTask& task) {
@@ -131,16 +139,6 @@ std::vector<WorkList::TaskPtr> WorkList::close() {
     }
     news();
     return abandoned;
-}
-
-bool WorkList::anyIdle() {
-    const LockGuard lock(mutex_);
-    for (std::size_t worker = 0; worker < numWorkers_; ++worker) {
-        if (!lost_[worker] && flight_[worker].empty()) {
-            return true;
-        }
-    }
-    return false;
 }
 
 bool WorkList::anyInFlight() const {

@@ -23,6 +23,7 @@
 
 #include <executor/PinnedQueue.hpp>
 
+#include <atomic>
 #include <cstddef>
 #include <deque>
 #include <vector>
@@ -54,8 +55,14 @@ public:
     // only: a busy worker's report brings the link thread, which sends its
     // next tasks then, batched. Any thread (with the link's MPI mutex).
     std::vector<Send> takeSendsToIdle(const std::vector<std::size_t>& window) QZ_EXCLUDES(mutex_);
-    // Whether a live worker has nothing in flight. Any thread.
-    bool anyIdle() QZ_EXCLUDES(mutex_);
+    // Whether a live worker has nothing in flight. Any thread, without the
+    // lock: a worker that turns idle just after is served by the link thread,
+    // which takes its orders after the report that idled it.
+    bool anyIdle() const noexcept { return idle_.load(std::memory_order_relaxed) > 0; }
+    // Whether no live worker has anything in flight. As anyIdle.
+    bool allIdle() const noexcept {
+        return idle_.load(std::memory_order_relaxed) == live_.load(std::memory_order_relaxed);
+    }
     struct Flight {
         TaskPtr task;
         bool started = false; // reported started
@@ -76,7 +83,7 @@ public:
     // reported.
     Loss lose(std::size_t worker, const std::vector<codec::TaskId>& startedThere)
         QZ_EXCLUDES(mutex_);
-    std::size_t liveWorkers() const QZ_EXCLUDES(mutex_);
+    std::size_t liveWorkers() const noexcept { return live_.load(std::memory_order_relaxed); }
 
     bool withdraw(const executor::WorkerTask& task) override QZ_EXCLUDES(mutex_);
     // PinnedQueue::close, and stop requests for the tasks in flight.
@@ -95,6 +102,10 @@ private:
     std::vector<std::deque<Flight>> flight_ QZ_GUARDED_BY(mutex_); // per worker, oldest first
     std::vector<bool> lost_ QZ_GUARDED_BY(mutex_);
     std::vector<Stop> stops_ QZ_GUARDED_BY(mutex_);
+    // Counts of the live workers, and of those with nothing in flight:
+    // written under the lock, read without.
+    std::atomic<std::size_t> live_;
+    std::atomic<std::size_t> idle_;
 };
 
 } // namespace mpipool
