@@ -89,6 +89,8 @@ void ClientLink::run() noexcept {
         fds.push_back(socket->fd());
     }
     std::vector<bool> ready(fds.size(), false);
+    // Kept from turn to turn with its room: a busy turn has hundreds.
+    std::vector<Event> events;
     while (true) {
         try {
             if (ready[0]) {
@@ -98,7 +100,7 @@ void ClientLink::run() noexcept {
             // before the notifications run, so that workers and client
             // overlap. The notifications run without the MPI mutex: what
             // they call may submit.
-            std::vector<Event> events;
+            events.clear();
             WorkList::Orders orders;
             std::vector<std::size_t> lostNow;
             bool busy = false;
@@ -106,7 +108,12 @@ void ClientLink::run() noexcept {
                 const LockGuard mpi(mpiMutex_);
                 readFrames(ready, events);
                 receiveReports(events);
+                if (!events.empty()) {
+                    lastReport_ = std::chrono::steady_clock::now();
+                }
+                const bool poolWasIdle = work_->allIdle();
                 orders = work_->takeOrders(windows());
+                watchFirst(poolWasIdle, orders.sends);
                 for (const WorkList::Send& batch : orders.sends) {
                     send(batch, events);
                 }
@@ -124,7 +131,8 @@ void ClientLink::run() noexcept {
                 }
                 outbox_.progress();
                 busy = !outbox_.idle() ||
-                       std::ranges::any_of(announced_, [](std::size_t n) { return n > 0; });
+                       std::ranges::any_of(announced_, [](std::size_t n) { return n > 0; }) ||
+                       watching();
             }
             for (const auto& task : orders.unrunnable) {
                 const auto pinned = task->getPinnedWorker();
@@ -135,6 +143,7 @@ void ClientLink::run() noexcept {
             for (Event& event : events) {
                 deliver(event);
             }
+            events.clear(); // the tasks are not kept until the next turn
             // Last, so that what a lost worker reported before it went counts.
             for (const std::size_t worker : lostNow) {
                 lose(worker);
@@ -142,8 +151,8 @@ void ClientLink::run() noexcept {
             if (orders.drained) {
                 return;
             }
-            // Asleep until a frame or news, but for a message on its way in
-            // or a send that MPI moves only while it is called.
+            // Asleep until a frame or news, but for a message on its way in,
+            // a send that MPI moves only while it is called, or a watch.
             std::chrono::microseconds limit(-1);
             if (busy) {
                 limit = std::chrono::microseconds(0);
@@ -173,25 +182,45 @@ void ClientLink::sendNow() {
         return;
     }
     bool failed = false;
+    bool watch = false;
     try {
-        failed = sendTaken();
+        failed = sendTaken(watch);
     } catch (...) {
         mpiMutex_.unlock();
         throw;
     }
     mpiMutex_.unlock();
-    if (failed) {
-        work_->news(); // their notifications are the link thread's to run
+    if (failed || watch) {
+        work_->news(); // the link thread runs their notifications, or watches
     }
 }
 
-bool ClientLink::sendTaken() {
+bool ClientLink::sendTaken(bool& watch) {
     std::vector<Event> failed;
-    for (const WorkList::Send& batch : work_->takeSendsToIdle(windows())) {
+    const bool poolWasIdle = work_->allIdle();
+    const std::vector<WorkList::Send> sends = work_->takeSendsToIdle(windows());
+    watch = watchFirst(poolWasIdle, sends);
+    for (const WorkList::Send& batch : sends) {
         send(batch, failed);
     }
     std::ranges::move(failed, std::back_inserter(stashed_));
     return !failed.empty();
+}
+
+bool ClientLink::watchFirst(bool poolWasIdle, const std::vector<WorkList::Send>& sends) {
+    if (!poolWasIdle || sends.empty()) {
+        return false;
+    }
+    const auto now = std::chrono::steady_clock::now();
+    if (now - lastReport_ < kQuietBeforeWatch) {
+        return false; // steady work: the reports keep the link thread busy
+    }
+    watchUntil_ = now + kWatch;
+    return true;
+}
+
+bool ClientLink::watching() const {
+    return !work_->allIdle() && std::chrono::steady_clock::now() < watchUntil_;
 }
 
 void ClientLink::readFrames(const std::vector<bool>& ready, std::vector<Event>& events) {

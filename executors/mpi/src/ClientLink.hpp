@@ -7,7 +7,9 @@
 // workers' reports into task notifications (Running, Finished) and results,
 // and fails the work of a worker that is lost. It sleeps in poll() on the
 // workers' control sockets and the work list's waker: nothing is polled
-// while nothing happens.
+// while nothing happens. When work goes to a pool that has been quiet, the
+// link thread polls for up to kWatch instead (a watch): the report of a
+// short task then finds it awake, which saves the round trip a wake-up.
 //
 // States: Open -> Closing (close(): the work list refuses work, waiting
 // tasks are cancelled, workers are asked to stop what they have) -> Finished
@@ -33,6 +35,7 @@
 #include <boost/mpi/communicator.hpp>
 
 #include <atomic>
+#include <chrono>
 #include <future>
 #include <memory>
 #include <optional>
@@ -51,6 +54,12 @@ public:
     static constexpr std::size_t kMaxInFlight = 128;
     static constexpr std::uint64_t kShortRunMicros = 1000;
     static constexpr std::size_t kSmallTask = std::size_t{64} << 10;
+    // How long the link thread watches for the report of work sent to a pool
+    // that had nothing in flight, polling instead of sleeping: a short task's
+    // result is then taken in without waking the thread (sporadic work).
+    static constexpr std::chrono::microseconds kWatch{300};
+    // Only after this long without a report: steady work needs no watch.
+    static constexpr std::chrono::milliseconds kQuietBeforeWatch{1};
 
     // Starts the link thread for workers `ranks`, reached through `control`
     // (index rank - 1), with their start records if shared (may be null).
@@ -94,7 +103,13 @@ private:
     void run() noexcept;
     // sendNow's part with the MPI mutex: true when a task could not be sent
     // (its failure is stashed for the link thread).
-    bool sendTaken() QZ_REQUIRES(mpiMutex_);
+    bool sendTaken(bool& watch) QZ_REQUIRES(mpiMutex_);
+    // Watches for kWatch when `sends` go to a pool with nothing in flight
+    // before; true if so.
+    bool watchFirst(bool poolWasIdle, const std::vector<WorkList::Send>& sends)
+        QZ_REQUIRES(mpiMutex_);
+    // Whether the link thread polls instead of sleeping.
+    bool watching() const QZ_REQUIRES(mpiMutex_);
     // Reads the control frames of the ready sockets. Link thread.
     void readFrames(const std::vector<bool>& ready, std::vector<Event>& events)
         QZ_REQUIRES(mpiMutex_);
@@ -135,6 +150,8 @@ private:
     std::vector<bool> gone_ QZ_GUARDED_BY(mpiMutex_);             // its control stream has ended
     std::vector<std::uint64_t> lastRun_ QZ_GUARDED_BY(mpiMutex_); // its last task's, in µs
     std::vector<std::size_t> lastSize_ QZ_GUARDED_BY(mpiMutex_);  // its last task, encoded
+    std::chrono::steady_clock::time_point watchUntil_ QZ_GUARDED_BY(mpiMutex_);
+    std::chrono::steady_clock::time_point lastReport_ QZ_GUARDED_BY(mpiMutex_);
 
     std::shared_future<void> finished_;
     std::thread::id threadId_;
