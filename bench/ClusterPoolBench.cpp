@@ -6,11 +6,13 @@
 //                           input) and fetchOutputs it on the interpreter
 //                           thread; wall-clock time per round trip.
 //   Throughput/<pool>/2     submit 10,000 trivial evaluations, then
-//                           fetchOutputs them all; items_per_second.
+//                           fetchOutputs them all; items_per_second, and
+//                           the CPU time of every process per evaluation.
 //   MonteCarlo/<pool>/<n>   estimate pi from 64 evaluations of 1,000,000
 //                           samples each on n workers; wall-clock time.
 //   Sporadic/<pool>         one round trip every 10 ms (the workers idle
-//                           in between); time per round trip.
+//                           in between); time per round trip, its median
+//                           and 99th percentile.
 //   LargeArray/<pool>       a 64 MiB double array there and back.
 //   StopLatency/<how>       from cancel on the client to the running
 //                           function seeing stopRequested() on its worker
@@ -144,10 +146,25 @@ void BM_RoundTrip(benchmark::State& state, bool cluster) {
     }
 }
 
+// CPU seconds used so far by this process and, for the cluster, by the
+// pool's worker processes.
+double poolCpuSeconds(executor::Executor& pool, bool cluster) {
+    double total = processCpuSeconds();
+    if (cluster) {
+        const pf::DvArrayVector perWorker = pf::FutureBase::fetchOutputs(
+            {pool.submitOnAll(mpipool::functionHandle("cpuSeconds"), 1, {})}, true, 1);
+        for (const double seconds : dvGetDoubles(perWorker.front().get())) {
+            total += seconds;
+        }
+    }
+    return total;
+}
+
 void BM_Throughput(benchmark::State& state, bool cluster) {
     const auto pool = openPool(cluster, static_cast<std::size_t>(state.range(0)));
     const Array function = mpipool::functionHandle("identity");
     const Array input = scalar(1.0);
+    const double cpuBefore = poolCpuSeconds(*pool, cluster);
     for (auto _ : state) {
         std::vector<std::shared_ptr<pf::FutureBase>> futures;
         futures.reserve(kThroughputBatch);
@@ -158,6 +175,10 @@ void BM_Throughput(benchmark::State& state, bool cluster) {
         benchmark::DoNotOptimize(outputs.front().get());
     }
     state.SetItemsProcessed(state.iterations() * kThroughputBatch);
+    // Every process's CPU per evaluation: on a machine whose cores the
+    // processes share, the throughput follows it.
+    state.counters["cpu_us_per_item"] = (poolCpuSeconds(*pool, cluster) - cpuBefore) * 1e6 /
+                                        static_cast<double>(state.iterations() * kThroughputBatch);
 }
 
 void BM_MonteCarlo(benchmark::State& state, bool cluster) {
@@ -184,15 +205,20 @@ void BM_Sporadic(benchmark::State& state, bool cluster) {
     const auto pool = openPool(cluster, 2);
     const Array function = mpipool::functionHandle("identity");
     const Array input = scalar(1.0);
+    std::vector<double> latencies;
     for (auto _ : state) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
         const auto start = std::chrono::steady_clock::now();
         std::shared_ptr<pf::FutureBase> future = pool->submit(function, 1, {input});
         pf::DvArrayVector outputs = pf::FutureBase::fetchOutputs({std::move(future)}, true, 1);
-        state.SetIterationTime(
-            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+        state.SetIterationTime(took.count());
+        latencies.push_back(took.count() * 1e9);
         benchmark::DoNotOptimize(outputs.front().get());
     }
+    // The mean (the reported time) takes in the rare round trip that a busy
+    // machine delays by milliseconds; the median does not.
+    bench::reportPercentiles(state, std::move(latencies));
 }
 
 void BM_LargeArray(benchmark::State& state, bool cluster) {
