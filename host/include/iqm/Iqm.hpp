@@ -75,6 +75,19 @@ public:
     // Wakes a thread sleeping in processUntil so that it asks its predicate again.
     void wakeUp();
 
+    // A file descriptor that the sleeping interpreter thread serves itself:
+    // while processUntil sleeps and `fd` turns readable, `serve` runs on the
+    // interpreter thread (not as queued work), and processUntil then asks its
+    // predicate again. For a library whose results arrive on a socket: the
+    // thread that waits for them takes them in, instead of being woken by a
+    // thread that did. `serve` answers whether to go on polling `fd` (false
+    // once it has ended: the source is then removed); it must not throw, and
+    // may run once more after removeReadable returns on another thread. `fd`
+    // stays open until the source is removed. Any thread.
+    using SourceId = std::uint64_t;
+    SourceId addReadable(int fd, std::function<bool()> serve);
+    void removeReadable(SourceId source);
+
     // Runs queued work of one queue, at most `limit` pieces (all that is
     // queued when empty).
     void runQueue(const QueueName& queue, std::optional<std::size_t> limit);

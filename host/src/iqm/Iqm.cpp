@@ -1,4 +1,7 @@
 // The queue manager: one mutex and one condition variable guard every queue.
+// With readable sources added, the interpreter thread sleeps in poll() on
+// their descriptors and an eventfd instead, which posts and wake-ups then
+// also write.
 // Each piece of work carries a sequence number from one counter, so that a
 // processing call naming several queues can take the oldest piece among them.
 // Work always runs with the mutex released: it may post more work or wake the
@@ -10,6 +13,7 @@
 #include <foundation/core/except/Exception.hpp>
 #include <kvm/KVM.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <condition_variable>
 #include <cstdint>
@@ -23,6 +27,11 @@
 #include <thread>
 #include <unordered_map>
 #include <utility>
+#include <vector>
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 namespace iqm {
 
@@ -111,9 +120,25 @@ std::optional<Clock::time_point> clockDeadline(const std::optional<SteadyTimePoi
 } // namespace
 
 struct Iqm::Impl {
+    struct Source {
+        SourceId id;
+        int fd;
+        std::shared_ptr<const std::function<bool()>> serve;
+    };
+
+    ~Impl() {
+        if (wakeFd >= 0) {
+            ::close(wakeFd);
+        }
+    }
+
     const std::thread::id interpreterThread = std::this_thread::get_id();
     mutable std::mutex mutex;
     std::condition_variable wakeUps;
+    std::vector<Source> sources;
+    SourceId nextSource = 1;
+    int wakeFd = -1;           // made with the first source; kept until the end
+    bool pollSleeping = false; // the interpreter thread sleeps in poll()
     Queues queues;
     Sequence nextSequence = 0;
     // Counts posts and wake-up calls, so that a sleeper can tell whether one
@@ -135,13 +160,25 @@ struct Iqm::Impl {
         if (!item.work) {
             throw std::invalid_argument("Queued work must be callable.");
         }
+        bool pollWake = false;
         {
             std::lock_guard lock(mutex);
             item.sequence = nextSequence++;
             queues[queue].push_back(std::move(item));
             ++wakeUpCount;
+            pollWake = pollSleeping;
         }
+        wake(pollWake);
+    }
+
+    // Wakes the sleeper after a wake-up was counted; `pollWake`: it sleeps in
+    // poll(). Any thread, without the mutex.
+    void wake(bool pollWake) {
         wakeUps.notify_all();
+        if (pollWake) {
+            const std::uint64_t one = 1;
+            [[maybe_unused]] const ssize_t n = ::write(wakeFd, &one, sizeof one);
+        }
     }
 
     // Any thread.
@@ -215,10 +252,49 @@ struct Iqm::Impl {
     void sleep(std::uint64_t seen, const std::optional<Clock::time_point>& deadline) {
         std::unique_lock lock(mutex);
         const auto woken = [&] { return wakeUpCount != seen; };
-        if (deadline) {
+        if (!sources.empty() && !woken()) {
+            const std::vector<Source> polled = sources;
+            pollSleeping = true;
+            lock.unlock();
+            sleepPolling(polled, deadline);
+            lock.lock();
+            pollSleeping = false;
+        } else if (deadline) {
             wakeUps.wait_until(lock, *deadline, woken);
         } else {
             wakeUps.wait(lock, woken);
+        }
+    }
+
+    // Sleeps in poll() on the wake-up eventfd and the sources' descriptors,
+    // then serves the readable sources. Interpreter thread only, without the
+    // mutex.
+    void sleepPolling(const std::vector<Source>& polled,
+                      const std::optional<Clock::time_point>& deadline) {
+        std::vector<pollfd> fds{{wakeFd, POLLIN, 0}};
+        for (const Source& source : polled) {
+            fds.push_back({source.fd, POLLIN, 0});
+        }
+        timespec limit{};
+        if (deadline) {
+            const auto left = std::max(
+                std::chrono::duration_cast<std::chrono::nanoseconds>(*deadline - Clock::now()),
+                std::chrono::nanoseconds(0));
+            limit.tv_sec = static_cast<time_t>(left.count() / 1'000'000'000);
+            limit.tv_nsec = static_cast<long>(left.count() % 1'000'000'000);
+        }
+        if (::ppoll(fds.data(), fds.size(), deadline ? &limit : nullptr, nullptr) <= 0) {
+            return; // the wake-by time, or a signal: the caller looks again
+        }
+        if (fds[0].revents != 0) {
+            std::uint64_t count = 0;
+            [[maybe_unused]] const ssize_t n = ::read(wakeFd, &count, sizeof count);
+        }
+        for (std::size_t i = 1; i < fds.size(); ++i) {
+            if (fds[i].revents != 0 && !(*polled[i - 1].serve)()) {
+                std::lock_guard lock(mutex);
+                std::erase_if(sources, [&](const Source& s) { return s.id == polled[i - 1].id; });
+            }
         }
     }
 };
@@ -291,11 +367,35 @@ void Iqm::processUntil(const QueueNames& queues, const std::function<bool()>& st
 }
 
 void Iqm::wakeUp() {
+    bool pollWake = false;
     {
         std::lock_guard lock(impl_->mutex);
         ++impl_->wakeUpCount;
+        pollWake = impl_->pollSleeping;
     }
-    impl_->wakeUps.notify_all();
+    impl_->wake(pollWake);
+}
+
+Iqm::SourceId Iqm::addReadable(int fd, std::function<bool()> serve) {
+    if (fd < 0 || !serve) {
+        throw std::invalid_argument("A readable source needs a descriptor and a function.");
+    }
+    auto shared = std::make_shared<const std::function<bool()>>(std::move(serve));
+    std::lock_guard lock(impl_->mutex);
+    if (impl_->wakeFd < 0) {
+        impl_->wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+        if (impl_->wakeFd < 0) {
+            throw std::runtime_error("No event descriptor for the queue manager.");
+        }
+    }
+    const SourceId id = impl_->nextSource++;
+    impl_->sources.push_back({id, fd, std::move(shared)});
+    return id;
+}
+
+void Iqm::removeReadable(SourceId source) {
+    std::lock_guard lock(impl_->mutex);
+    std::erase_if(impl_->sources, [source](const Impl::Source& s) { return s.id == source; });
 }
 
 void Iqm::runQueue(const QueueName& queue, std::optional<std::size_t> limit) {

@@ -14,6 +14,8 @@
 #include <thread>
 #include <utility>
 
+#include <unistd.h>
+
 using iqm::Iqm;
 using iqm::SteadyTimePoint;
 using namespace std::chrono_literals;
@@ -108,6 +110,41 @@ TEST(Iqm, ProcessUntilAsksAfterEachPieceAndWakesForPostsWakeUpsAndItsWakeBy) {
             {u"q"}, [&] { return done; }, SteadyTimePoint(std::chrono::duration<double>(at)));
         EXPECT_EQ(done, at == largest) << at;
     }
+}
+
+TEST(Iqm, ASleeperServesItsReadableSourcesAndStillWakesForPostsAndWakeUps) {
+    Iqm iqm;
+    int pipeFds[2];
+    ASSERT_EQ(::pipe(pipeFds), 0);
+    int served = 0;
+    std::thread::id servedOn;
+    // Reads what arrived; the pipe's end ends the source.
+    const Iqm::SourceId source = iqm.addReadable(pipeFds[0], [&] {
+        ++served;
+        servedOn = std::this_thread::get_id();
+        char byte = 0;
+        return ::read(pipeFds[0], &byte, 1) == 1;
+    });
+    const auto write = [&] { EXPECT_EQ(::write(pipeFds[1], "x", 1), 1); };
+
+    EXPECT_TRUE(processUntilAfter(
+        iqm, [&] { return served == 1; }, write));
+    EXPECT_EQ(servedOn, std::this_thread::get_id());
+    bool posted = false;
+    EXPECT_TRUE(processUntilAfter(
+        iqm, [&] { return posted; }, [&] { iqm.postDetached(u"q", [&] { posted = true; }); }));
+    EXPECT_TRUE(processUntilAfter(
+        iqm, [] { return true; }, [&] { iqm.wakeUp(); }));
+
+    // An ended source is served once more, then no longer polled.
+    EXPECT_TRUE(processUntilAfter(
+        iqm, [&] { return served == 2; }, [&] { ::close(pipeFds[1]); }));
+    iqm.processUntil(
+        {u"q"}, [] { return false; }, steadyNow() + 20ms);
+    EXPECT_EQ(served, 2);
+    iqm.removeReadable(source); // gone already: nothing to do
+    ::close(pipeFds[0]);
+    EXPECT_THROW(iqm.addReadable(-1, [] { return true; }), std::invalid_argument);
 }
 
 TEST(Iqm, ThrowingWorkReachesItsFutureOrTheDetachedHandler) {

@@ -762,6 +762,10 @@ void TimelineRecorder::nameThisThread(std::string name) {
     ++detail::timeline::tThis.nameVersion;
 }
 
+std::string TimelineRecorder::thisThreadName() {
+    return detail::timeline::tOwned.name;
+}
+
 void TimelineRecorder::nameThisThreadByDefault(std::string_view executorName) noexcept {
     std::string& name = detail::timeline::tOwned.name;
     if (!name.empty()) {

@@ -92,6 +92,9 @@ public:
     // thread by nameThisThreadByDefault. Works with or without a recorder;
     // costs a thread-local string assignment. Any thread.
     static void nameThisThread(std::string name);
+    // The calling thread's lane name given by nameThisThread; empty if none.
+    // Any thread.
+    static std::string thisThreadName();
 
     // Names the calling thread's lane "<executorName> worker N" unless it has
     // a name already; N counts the threads of `executorName` named so, in the
