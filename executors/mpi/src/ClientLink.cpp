@@ -130,6 +130,7 @@ void ClientLink::run() noexcept {
                     }
                 }
                 outbox_.progress();
+                ended_ = orders.drained;
                 busy = !outbox_.idle() ||
                        std::ranges::any_of(announced_, [](std::size_t n) { return n > 0; }) ||
                        watching();
@@ -208,7 +209,7 @@ bool ClientLink::sendTaken(bool& watch) {
 }
 
 bool ClientLink::watchFirst(bool poolWasIdle, const std::vector<WorkList::Send>& sends) {
-    if (!poolWasIdle || sends.empty()) {
+    if (!poolWasIdle || sends.empty() || waiterServes_) {
         return false;
     }
     const auto now = std::chrono::steady_clock::now();
@@ -221,6 +222,38 @@ bool ClientLink::watchFirst(bool poolWasIdle, const std::vector<WorkList::Send>&
 
 bool ClientLink::watching() const {
     return !work_->allIdle() && std::chrono::steady_clock::now() < watchUntil_;
+}
+
+bool ClientLink::serveWaiter(std::size_t worker) noexcept {
+    std::vector<Event> events;
+    bool gone = false;
+    mpiMutex_.lock();
+    try {
+        if (ended_) {
+            mpiMutex_.unlock();
+            return false; // the sockets may serve another pool now
+        }
+        std::vector<bool> ready(control_.size() + 1, false);
+        ready.at(worker + 1) = true;
+        readFrames(ready, events);
+        receiveReports(events);
+        if (!events.empty()) {
+            lastReport_ = std::chrono::steady_clock::now();
+        }
+        gone = gone_.at(worker);
+    } catch (...) {
+        // What the link thread meets again on its turn, and ends the job for.
+        gone = true;
+    }
+    mpiMutex_.unlock();
+    for (Event& event : events) {
+        deliver(event);
+    }
+    if (!events.empty() || gone) {
+        // The link thread refills the freed windows and handles a loss.
+        work_->news();
+    }
+    return !gone;
 }
 
 void ClientLink::readFrames(const std::vector<bool>& ready, std::vector<Event>& events) {
@@ -321,12 +354,21 @@ void ClientLink::send(const WorkList::Send& send, std::vector<Event>& events) {
 void ClientLink::deliver(Event& event) {
     ClusterTask& task = *event.task;
     switch (event.kind) {
-    case Event::Started:
+    case Event::Started: {
         // The timeline puts the task on the lane of the rank that runs it.
-        parallel::language::future::TimelineRecorder::nameThisThread(
-            "rank " + std::to_string(ranks_[event.worker]));
+        using parallel::language::future::TimelineRecorder;
+        std::string waiterLane;
+        const bool waiter = !isLinkThread();
+        if (waiter) {
+            waiterLane = TimelineRecorder::thisThreadName();
+        }
+        TimelineRecorder::nameThisThread("rank " + std::to_string(ranks_[event.worker]));
         executor::notifySafely("mpipool", "Running", [&] { task.markRunning(); });
+        if (waiter) {
+            TimelineRecorder::nameThisThread(std::move(waiterLane));
+        }
         break;
+    }
     case Event::Finished:
         task.setResult(std::move(event.result->result), std::move(event.result->diary));
         executor::notifySafely("mpipool", "Finished", [&] { task.markFinished(); });

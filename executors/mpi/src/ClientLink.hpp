@@ -7,9 +7,13 @@
 // workers' reports into task notifications (Running, Finished) and results,
 // and fails the work of a worker that is lost. It sleeps in poll() on the
 // workers' control sockets and the work list's waker: nothing is polled
-// while nothing happens. When work goes to a pool that has been quiet, the
-// link thread polls for up to kWatch instead (a watch): the report of a
-// short task then finds it awake, which saves the round trip a wake-up.
+// while nothing happens. A thread that waits for results on the interpreter
+// thread that opened the pool sleeps on the same sockets (MpiPool) and takes
+// in a report itself when it comes first (serveWaiter): the report that ends
+// a wait wakes the waiter, not the link thread that would then wake it. For
+// a pool opened elsewhere, when work goes to a pool that has been quiet, the
+// link thread polls for up to kWatch instead of sleeping (a watch): the
+// report of a short task then finds it awake.
 //
 // States: Open -> Closing (close(): the work list refuses work, waiting
 // tasks are cancelled, workers are asked to stop what they have) -> Finished
@@ -21,8 +25,9 @@
 // for it is waiting for Finished. The control sockets and the lost-rank
 // flags are the cluster's, which outlives its pools.
 //
-// Threads: close() and waitUntilFinished() from any thread;
-// run() is the link thread's.
+// Threads: close(), waitUntilFinished() and serveWaiter() from any thread;
+// run() is the link thread's. The MPI mutex makes one thread at a time read
+// the control sockets and call MPI.
 
 #include "Batch.hpp"
 #include "Codec.hpp"
@@ -79,6 +84,19 @@ public:
     // does nothing: the link thread sends on the next report. Any thread.
     void sendNow() QZ_EXCLUDES(mpiMutex_);
 
+    // Takes in what the workers said and runs its notifications on the
+    // calling thread: one that waits for results, woken by the control
+    // socket of `worker` (see MpiPool). With the link thread at it, it waits
+    // for its turn to end. False once the socket has ended or the link has.
+    // Any thread but the link thread.
+    bool serveWaiter(std::size_t worker) noexcept QZ_EXCLUDES(mpiMutex_);
+    // The control socket of `worker`, for a waiter to poll.
+    int controlFd(std::size_t worker) const { return control_.at(worker)->fd(); }
+    std::size_t numWorkers() const noexcept { return control_.size(); }
+    // Whether a waiting thread serves the workers' reports (MpiPool sets it
+    // once, before any work): the link thread then keeps no watch.
+    void setWaiterServes() noexcept { waiterServes_ = true; }
+
     // Refuses further work, cancels the waiting work and asks the workers to
     // stop what they run. Any thread.
     void close() noexcept;
@@ -126,6 +144,9 @@ private:
     // Encodes and sends a worker's tasks; one that cannot be encoded fails
     // through `events`.
     void send(const WorkList::Send& send, std::vector<Event>& events) QZ_REQUIRES(mpiMutex_);
+    // Runs the notifications of `event`; on the link thread, its Running
+    // goes on the lane of the worker's rank, as it does on a waiter, which
+    // then gets its own lane back.
     void deliver(Event& event);
     // Finishes `task` with `error`, as if it ran. Link thread.
     static void fail(ClusterTask& task, std::exception_ptr error);
@@ -152,6 +173,8 @@ private:
     std::vector<std::size_t> lastSize_ QZ_GUARDED_BY(mpiMutex_);  // its last task, encoded
     std::chrono::steady_clock::time_point watchUntil_ QZ_GUARDED_BY(mpiMutex_);
     std::chrono::steady_clock::time_point lastReport_ QZ_GUARDED_BY(mpiMutex_);
+    bool ended_ QZ_GUARDED_BY(mpiMutex_) = false; // the link thread has left
+    std::atomic<bool> waiterServes_{false};
 
     std::shared_future<void> finished_;
     std::thread::id threadId_;

@@ -13,8 +13,8 @@
 // answering is noticed by TCP keepalive and the unacknowledged-data timeout
 // (kDeadPeerTimeout).
 //
-// Threads: a ControlSocket is read by one thread; any thread writes (one
-// frame at a time, under its mutex).
+// Threads: a ControlSocket is read by one thread at a time; any thread
+// writes (one frame at a time, under its mutex).
 
 #include "Protocol.hpp"
 

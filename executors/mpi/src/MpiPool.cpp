@@ -5,6 +5,8 @@
 
 #include <executor/Submission.hpp>
 
+#include <iqm/Iqm.hpp>
+
 #include <atomic>
 #include <cstdint>
 
@@ -35,6 +37,38 @@ std::size_t checkedNumWorkers(const Cluster& cluster, std::size_t available,
 
 struct MpiPool::Impl {
     std::shared_ptr<ClientLink> link;
+    // The queue manager of the interpreter thread that opened the pool, whose
+    // waits take the workers' reports in themselves, and its sources.
+    std::weak_ptr<iqm::Iqm> waiters;
+    std::vector<iqm::Iqm::SourceId> sources;
+
+    // A wait on the interpreter thread sleeps on the workers' control
+    // sockets too: the report that ends it wakes that thread directly, not
+    // the link thread, which would then wake it. Calling thread.
+    void letWaitersServe() {
+        const std::shared_ptr<iqm::Iqm> queueManager = iqm::Iqm::getCurrent();
+        if (!queueManager) {
+            return;
+        }
+        link->setWaiterServes();
+        waiters = queueManager;
+        for (std::size_t worker = 0; worker < link->numWorkers(); ++worker) {
+            sources.push_back(queueManager->addReadable(
+                link->controlFd(worker), [weakLink = std::weak_ptr<ClientLink>(link), worker] {
+                    const std::shared_ptr<ClientLink> served = weakLink.lock();
+                    return served && served->serveWaiter(worker);
+                }));
+        }
+    }
+
+    void stopServing() noexcept {
+        if (const std::shared_ptr<iqm::Iqm> queueManager = waiters.lock()) {
+            for (const iqm::Iqm::SourceId source : sources) {
+                queueManager->removeReadable(source);
+            }
+        }
+        sources.clear();
+    }
 
     // Makes the tasks of submissions, for any worker or pinned to one; for one
     // submission, in the block its future shares. What cannot be sent is
@@ -77,6 +111,12 @@ MpiPool::MpiPool(Cluster& cluster, std::optional<std::size_t> numWorkers)
     }
     impl_->link = cluster.impl_->openLink(
         checkedNumWorkers(cluster, cluster.impl_->liveRanks().size(), numWorkers));
+    try {
+        impl_->letWaitersServe();
+    } catch (...) {
+        shutdown();
+        throw;
+    }
 }
 
 MpiPool::~MpiPool() {
@@ -86,6 +126,7 @@ MpiPool::~MpiPool() {
 void MpiPool::shutdown() noexcept {
     impl_->link->close();
     impl_->link->waitUntilFinished();
+    impl_->stopServing();
 }
 
 std::size_t MpiPool::getNumWorkers() const noexcept {
