@@ -249,8 +249,9 @@ bool ClientLink::serveWaiter(std::size_t worker) noexcept {
     for (Event& event : events) {
         deliver(event);
     }
-    if (!events.empty() || gone) {
-        // The link thread refills the freed windows and handles a loss.
+    if (gone || (!events.empty() && work_->anyWaiting())) {
+        // The link thread handles a loss, and refills the windows freed: it
+        // may have missed the reports this thread took.
         work_->news();
     }
     return !gone;

@@ -141,6 +141,16 @@ std::vector<WorkList::TaskPtr> WorkList::close() {
     return abandoned;
 }
 
+bool WorkList::anyWaiting() const {
+    const LockGuard lock(mutex_);
+    for (std::size_t worker = 0; worker < numWorkers_; ++worker) {
+        if (!lost_[worker] && hasWorkFor(worker)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 bool WorkList::anyInFlight() const {
     return std::ranges::any_of(flight_, [](const auto& flights) { return !flights.empty(); });
 }

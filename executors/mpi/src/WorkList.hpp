@@ -59,6 +59,8 @@ public:
     // lock: a worker that turns idle just after is served by the link thread,
     // which takes its orders after the report that idled it.
     bool anyIdle() const noexcept { return idle_.load(std::memory_order_relaxed) > 0; }
+    // Whether any work waits to be sent. Any thread.
+    bool anyWaiting() const QZ_EXCLUDES(mutex_);
     // Whether no live worker has anything in flight. As anyIdle.
     bool allIdle() const noexcept {
         return idle_.load(std::memory_order_relaxed) == live_.load(std::memory_order_relaxed);
