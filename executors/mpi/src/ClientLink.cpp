@@ -224,14 +224,18 @@ bool ClientLink::watching() const {
     return !work_->allIdle() && std::chrono::steady_clock::now() < watchUntil_;
 }
 
-bool ClientLink::serveWaiter(std::size_t worker) noexcept {
+iqm::Iqm::Served ClientLink::serveWaiter(std::size_t worker) noexcept {
     std::vector<Event> events;
     bool gone = false;
-    mpiMutex_.lock();
+    if (!mpiMutex_.try_lock()) {
+        // The link thread is at it (for as long as a large send takes): it
+        // takes the reports in, and their notifications wake the waiter.
+        return iqm::Iqm::Served::Elsewhere;
+    }
     try {
         if (ended_) {
             mpiMutex_.unlock();
-            return false; // the sockets may serve another pool now
+            return iqm::Iqm::Served::Ended; // the sockets may serve another pool now
         }
         std::vector<bool> ready(control_.size() + 1, false);
         ready.at(worker + 1) = true;
@@ -254,7 +258,7 @@ bool ClientLink::serveWaiter(std::size_t worker) noexcept {
         // may have missed the reports this thread took.
         work_->news();
     }
-    return !gone;
+    return gone ? iqm::Iqm::Served::Ended : iqm::Iqm::Served::Again;
 }
 
 void ClientLink::readFrames(const std::vector<bool>& ready, std::vector<Event>& events) {

@@ -36,6 +36,7 @@
 #include "WorkList.hpp"
 
 #include <foundation/core/sync/Mutex.hpp>
+#include <iqm/Iqm.hpp>
 
 #include <boost/mpi/communicator.hpp>
 
@@ -86,10 +87,10 @@ public:
 
     // Takes in what the workers said and runs its notifications on the
     // calling thread: one that waits for results, woken by the control
-    // socket of `worker` (see MpiPool). With the link thread at it, it waits
-    // for its turn to end. False once the socket has ended or the link has.
-    // Any thread but the link thread.
-    bool serveWaiter(std::size_t worker) noexcept QZ_EXCLUDES(mpiMutex_);
+    // socket of `worker` (see MpiPool). Leaves it to the link thread when
+    // that is at it; Ended once the socket has ended or the link has. Any
+    // thread but the link thread.
+    iqm::Iqm::Served serveWaiter(std::size_t worker) noexcept QZ_EXCLUDES(mpiMutex_);
     // The control socket of `worker`, for a waiter to poll.
     int controlFd(std::size_t worker) const { return control_.at(worker)->fd(); }
     std::size_t numWorkers() const noexcept { return control_.size(); }

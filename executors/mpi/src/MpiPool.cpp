@@ -56,7 +56,7 @@ struct MpiPool::Impl {
             sources.push_back(queueManager->addReadable(
                 link->controlFd(worker), [weakLink = std::weak_ptr<ClientLink>(link), worker] {
                     const std::shared_ptr<ClientLink> served = weakLink.lock();
-                    return served && served->serveWaiter(worker);
+                    return served ? served->serveWaiter(worker) : iqm::Iqm::Served::Ended;
                 }));
         }
     }

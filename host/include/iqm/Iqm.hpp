@@ -80,12 +80,17 @@ public:
     // interpreter thread (not as queued work), and processUntil then asks its
     // predicate again. For a library whose results arrive on a socket: the
     // thread that waits for them takes them in, instead of being woken by a
-    // thread that did. `serve` answers whether to go on polling `fd` (false
-    // once it has ended: the source is then removed); it must not throw, and
-    // may run once more after removeReadable returns on another thread. `fd`
-    // stays open until the source is removed. Any thread.
+    // thread that did. `serve` answers how to go on (Served); it must not
+    // throw, and may run once more after removeReadable returns on another
+    // thread. `fd` stays open until the source is removed. Any thread.
+    enum class Served {
+        Again,     // poll it in the next sleep
+        Elsewhere, // another thread takes its input in and wakes the manager
+                   // if it matters: not polled in the next sleep
+        Ended,     // the descriptor has ended: the source is removed
+    };
     using SourceId = std::uint64_t;
-    SourceId addReadable(int fd, std::function<bool()> serve);
+    SourceId addReadable(int fd, std::function<Served()> serve);
     void removeReadable(SourceId source);
 
     // Runs queued work of one queue, at most `limit` pieces (all that is

@@ -123,7 +123,8 @@ struct Iqm::Impl {
     struct Source {
         SourceId id;
         int fd;
-        std::shared_ptr<const std::function<bool()>> serve;
+        std::shared_ptr<const std::function<Served()>> serve;
+        bool resting = false; // left out of the next sleep
     };
 
     ~Impl() {
@@ -252,8 +253,13 @@ struct Iqm::Impl {
     void sleep(std::uint64_t seen, const std::optional<Clock::time_point>& deadline) {
         std::unique_lock lock(mutex);
         const auto woken = [&] { return wakeUpCount != seen; };
-        if (!sources.empty() && !woken()) {
-            const std::vector<Source> polled = sources;
+        std::vector<Source> polled;
+        for (Source& source : sources) {
+            if (!std::exchange(source.resting, false)) {
+                polled.push_back(source);
+            }
+        }
+        if (!polled.empty() && !woken()) {
             pollSleeping = true;
             lock.unlock();
             sleepPolling(polled, deadline);
@@ -291,9 +297,23 @@ struct Iqm::Impl {
             [[maybe_unused]] const ssize_t n = ::read(wakeFd, &count, sizeof count);
         }
         for (std::size_t i = 1; i < fds.size(); ++i) {
-            if (fds[i].revents != 0 && !(*polled[i - 1].serve)()) {
-                std::lock_guard lock(mutex);
-                std::erase_if(sources, [&](const Source& s) { return s.id == polled[i - 1].id; });
+            if (fds[i].revents == 0) {
+                continue;
+            }
+            const Served served = (*polled[i - 1].serve)();
+            if (served == Served::Again) {
+                continue;
+            }
+            std::lock_guard lock(mutex);
+            const auto found = std::ranges::find_if(
+                sources, [&](const Source& source) { return source.id == polled[i - 1].id; });
+            if (found == sources.end()) {
+                continue;
+            }
+            if (served == Served::Ended) {
+                sources.erase(found);
+            } else {
+                found->resting = true;
             }
         }
     }
@@ -376,11 +396,11 @@ void Iqm::wakeUp() {
     impl_->wake(pollWake);
 }
 
-Iqm::SourceId Iqm::addReadable(int fd, std::function<bool()> serve) {
+Iqm::SourceId Iqm::addReadable(int fd, std::function<Served()> serve) {
     if (fd < 0 || !serve) {
         throw std::invalid_argument("A readable source needs a descriptor and a function.");
     }
-    auto shared = std::make_shared<const std::function<bool()>>(std::move(serve));
+    auto shared = std::make_shared<const std::function<Served()>>(std::move(serve));
     std::lock_guard lock(impl_->mutex);
     if (impl_->wakeFd < 0) {
         impl_->wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);

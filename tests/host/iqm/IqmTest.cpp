@@ -118,12 +118,16 @@ TEST(Iqm, ASleeperServesItsReadableSourcesAndStillWakesForPostsAndWakeUps) {
     ASSERT_EQ(::pipe(pipeFds), 0);
     int served = 0;
     std::thread::id servedOn;
+    bool leaveIt = false; // to another thread: nothing is read
     // Reads what arrived; the pipe's end ends the source.
     const Iqm::SourceId source = iqm.addReadable(pipeFds[0], [&] {
         ++served;
         servedOn = std::this_thread::get_id();
+        if (leaveIt) {
+            return Iqm::Served::Elsewhere;
+        }
         char byte = 0;
-        return ::read(pipeFds[0], &byte, 1) == 1;
+        return ::read(pipeFds[0], &byte, 1) == 1 ? Iqm::Served::Again : Iqm::Served::Ended;
     });
     const auto write = [&] { EXPECT_EQ(::write(pipeFds[1], "x", 1), 1); };
 
@@ -136,15 +140,26 @@ TEST(Iqm, ASleeperServesItsReadableSourcesAndStillWakesForPostsAndWakeUps) {
     EXPECT_TRUE(processUntilAfter(
         iqm, [] { return true; }, [&] { iqm.wakeUp(); }));
 
-    // An ended source is served once more, then no longer polled.
-    EXPECT_TRUE(processUntilAfter(
-        iqm, [&] { return served == 2; }, [&] { ::close(pipeFds[1]); }));
+    // Left to another thread, the unread input is not polled in the next
+    // sleep (no spinning on it), but in the one after.
+    leaveIt = true;
+    write();
     iqm.processUntil(
         {u"q"}, [] { return false; }, steadyNow() + 20ms);
     EXPECT_EQ(served, 2);
+    leaveIt = false;
+    EXPECT_TRUE(processUntilAfter(
+        iqm, [&] { return served == 3; }, [] {}));
+
+    // An ended source is served once more, then no longer polled.
+    EXPECT_TRUE(processUntilAfter(
+        iqm, [&] { return served == 4; }, [&] { ::close(pipeFds[1]); }));
+    iqm.processUntil(
+        {u"q"}, [] { return false; }, steadyNow() + 20ms);
+    EXPECT_EQ(served, 4);
     iqm.removeReadable(source); // gone already: nothing to do
     ::close(pipeFds[0]);
-    EXPECT_THROW(iqm.addReadable(-1, [] { return true; }), std::invalid_argument);
+    EXPECT_THROW(iqm.addReadable(-1, [] { return Iqm::Served::Again; }), std::invalid_argument);
 }
 
 TEST(Iqm, ThrowingWorkReachesItsFutureOrTheDetachedHandler) {
