@@ -120,9 +120,13 @@ private:
     const char* end_;
 };
 
+// Room for a small message at once: appending would grow it several times.
+constexpr std::size_t kFirstRoom = 256;
+
 template <class Write>
 protocol::Bytes written(Write write) {
     protocol::Bytes bytes;
+    bytes.reserve(kFirstRoom);
     Writer out(bytes);
     write(out);
     return bytes;

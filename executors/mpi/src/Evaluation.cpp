@@ -1,5 +1,7 @@
 #include "Evaluation.hpp"
 
+#include "RegisteredFunctions.hpp"
+
 #include <mpipool/FunctionRegistry.hpp>
 #include <mpipool/MpiPool.hpp>
 
@@ -13,8 +15,11 @@ protocol::Bytes evaluate(const codec::TaskMessage& task, const std::atomic<bool>
         if (task.inputError) {
             std::rethrow_exception(task.inputError);
         }
-        const boost::intrusive_ptr<dvArray> function = functionHandle(task.function);
-        return dvInvokeFunctionHandle(function.get(), task.numOutputs, task.inputs);
+        const dvArray* function = findRegistered(task.function);
+        if (function == nullptr) {
+            functionHandle(task.function); // throws the error that says so
+        }
+        return dvInvokeFunctionHandle(function, task.numOutputs, task.inputs);
     });
     const codec::Outcome outcome =
         evaluated.result.hasError() ? codec::Outcome::Error : codec::Outcome::Outputs;

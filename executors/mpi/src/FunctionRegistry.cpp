@@ -1,6 +1,7 @@
 #include <mpipool/FunctionRegistry.hpp>
 
 #include "MpiErrors.hpp"
+#include "RegisteredFunctions.hpp"
 
 #include <foundation/core/str/Utf.hpp>
 #include <foundation/core/sync/Mutex.hpp>
@@ -49,20 +50,26 @@ boost::intrusive_ptr<dvArray> functionHandle(std::string_view name) {
     return {matrix::to_korvex(matrix::detail::do_shared_copy(found->second.get())), false};
 }
 
-bool isRegistered(std::string_view name) {
-    // Names are never unregistered: the last one found here needs no lock
-    // (most submissions call one function).
-    thread_local std::string lastFound;
-    if (!lastFound.empty() && name == lastFound) {
-        return true;
+const dvArray* findRegistered(std::string_view name) {
+    // Most submissions, and most evaluations on a worker, call one function.
+    thread_local std::string lastName;
+    thread_local const dvArray* lastHandle = nullptr;
+    if (lastHandle != nullptr && name == lastName) {
+        return lastHandle;
     }
     Registry& functions = registry();
     const foundation::core::sync::LockGuard lock(functions.mutex);
-    if (!functions.handles.contains(name)) {
-        return false;
+    const auto found = functions.handles.find(name);
+    if (found == functions.handles.end()) {
+        return nullptr;
     }
-    lastFound = name;
-    return true;
+    lastName = name;
+    lastHandle = found->second.get();
+    return lastHandle;
+}
+
+bool isRegistered(std::string_view name) {
+    return findRegistered(name) != nullptr;
 }
 
 } // namespace mpipool
