@@ -183,24 +183,29 @@ void ClientLink::sendNow() {
         return;
     }
     bool failed = false;
-    bool watch = false;
+    Quiet quiet = Quiet::No;
     try {
-        failed = sendTaken(watch);
+        failed = sendTaken(quiet);
     } catch (...) {
         mpiMutex_.unlock();
         throw;
     }
     mpiMutex_.unlock();
-    if (failed || watch) {
+    if (failed || quiet == Quiet::Watched) {
         work_->news(); // the link thread runs their notifications, or watches
+    }
+    if (quiet != Quiet::No) {
+        // A worker on this core runs the task now, not once this thread
+        // sleeps: its report is then here when this thread comes to wait.
+        std::this_thread::yield();
     }
 }
 
-bool ClientLink::sendTaken(bool& watch) {
+bool ClientLink::sendTaken(Quiet& quiet) {
     std::vector<Event> failed;
     const bool poolWasIdle = work_->allIdle();
     const std::vector<WorkList::Send> sends = work_->takeSendsToIdle(windows());
-    watch = watchFirst(poolWasIdle, sends);
+    quiet = watchFirst(poolWasIdle, sends);
     for (const WorkList::Send& batch : sends) {
         send(batch, failed);
     }
@@ -208,16 +213,20 @@ bool ClientLink::sendTaken(bool& watch) {
     return !failed.empty();
 }
 
-bool ClientLink::watchFirst(bool poolWasIdle, const std::vector<WorkList::Send>& sends) {
-    if (!poolWasIdle || sends.empty() || waiterServes_) {
-        return false;
+ClientLink::Quiet ClientLink::watchFirst(bool poolWasIdle,
+                                         const std::vector<WorkList::Send>& sends) {
+    if (!poolWasIdle || sends.empty()) {
+        return Quiet::No;
     }
     const auto now = std::chrono::steady_clock::now();
     if (now - lastReport_ < kQuietBeforeWatch) {
-        return false; // steady work: the reports keep the link thread busy
+        return Quiet::No; // steady work: the reports keep the link thread busy
+    }
+    if (waiterServes_) {
+        return Quiet::Yes;
     }
     watchUntil_ = now + kWatch;
-    return true;
+    return Quiet::Watched;
 }
 
 bool ClientLink::watching() const {

@@ -122,10 +122,13 @@ private:
     void run() noexcept;
     // sendNow's part with the MPI mutex: true when a task could not be sent
     // (its failure is stashed for the link thread).
-    bool sendTaken(bool& watch) QZ_REQUIRES(mpiMutex_);
-    // Watches for kWatch when `sends` go to a pool with nothing in flight
-    // before; true if so.
-    bool watchFirst(bool poolWasIdle, const std::vector<WorkList::Send>& sends)
+    // Whether sends went to a quiet pool (nothing in flight, no report for
+    // kQuietBeforeWatch), and whether the link thread watches for them.
+    enum class Quiet { No, Yes, Watched };
+    bool sendTaken(Quiet& quiet) QZ_REQUIRES(mpiMutex_);
+    // Watches for kWatch when `sends` go to a quiet pool and no waiter
+    // serves the reports.
+    Quiet watchFirst(bool poolWasIdle, const std::vector<WorkList::Send>& sends)
         QZ_REQUIRES(mpiMutex_);
     // Whether the link thread polls instead of sleeping.
     bool watching() const QZ_REQUIRES(mpiMutex_);
