@@ -134,6 +134,7 @@ void ClientLink::run() noexcept {
                 busy = !outbox_.idle() ||
                        std::ranges::any_of(announced_, [](std::size_t n) { return n > 0; }) ||
                        watching();
+                deliveryMutex_.lock(); // before a waiter reads what comes next
             }
             for (const auto& task : orders.unrunnable) {
                 const auto pinned = task->getPinnedWorker();
@@ -149,6 +150,7 @@ void ClientLink::run() noexcept {
             for (const std::size_t worker : lostNow) {
                 lose(worker);
             }
+            deliveryMutex_.unlock();
             if (orders.drained) {
                 return;
             }
@@ -234,6 +236,12 @@ bool ClientLink::watching() const {
 }
 
 iqm::Iqm::Served ClientLink::serveWaiter(std::size_t worker) noexcept {
+    // Set while this thread runs notifications here: a wait inside one of
+    // them leaves the sockets to the link thread.
+    thread_local bool delivering = false;
+    if (delivering) {
+        return iqm::Iqm::Served::Elsewhere;
+    }
     std::vector<Event> events;
     bool gone = false;
     if (!mpiMutex_.try_lock()) {
@@ -241,8 +249,15 @@ iqm::Iqm::Served ClientLink::serveWaiter(std::size_t worker) noexcept {
         // takes the reports in, and their notifications wake the waiter.
         return iqm::Iqm::Served::Elsewhere;
     }
+    if (!deliveryMutex_.try_lock()) {
+        // The link thread still runs the notifications of what it read: what
+        // comes next must follow them, and it reads that next.
+        mpiMutex_.unlock();
+        return iqm::Iqm::Served::Elsewhere;
+    }
     try {
         if (ended_) {
+            deliveryMutex_.unlock();
             mpiMutex_.unlock();
             return iqm::Iqm::Served::Ended; // the sockets may serve another pool now
         }
@@ -259,9 +274,12 @@ iqm::Iqm::Served ClientLink::serveWaiter(std::size_t worker) noexcept {
         gone = true;
     }
     mpiMutex_.unlock();
+    delivering = true;
     for (Event& event : events) {
         deliver(event);
     }
+    delivering = false;
+    deliveryMutex_.unlock();
     if (gone || (!events.empty() && work_->anyWaiting())) {
         // The link thread handles a loss, and refills the windows freed: it
         // may have missed the reports this thread took.

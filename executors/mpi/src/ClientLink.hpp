@@ -27,7 +27,8 @@
 //
 // Threads: close(), waitUntilFinished() and serveWaiter() from any thread;
 // run() is the link thread's. The MPI mutex makes one thread at a time read
-// the control sockets and call MPI.
+// the control sockets and call MPI; the delivery mutex, one at a time run
+// the notifications of what was read.
 
 #include "Batch.hpp"
 #include "Codec.hpp"
@@ -179,6 +180,12 @@ private:
     std::chrono::steady_clock::time_point lastReport_ QZ_GUARDED_BY(mpiMutex_);
     bool ended_ QZ_GUARDED_BY(mpiMutex_) = false; // the link thread has left
     std::atomic<bool> waiterServes_{false};
+
+    // Held by whoever runs the notifications of what the workers said (the
+    // link thread or a waiter), taken before the MPI mutex goes: a task's
+    // Running and Finished run in the order they were read. Taken after the
+    // MPI mutex.
+    foundation::core::sync::Mutex deliveryMutex_;
 
     std::shared_future<void> finished_;
     std::thread::id threadId_;
