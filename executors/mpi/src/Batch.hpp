@@ -65,11 +65,14 @@ public:
 private:
     void put(std::uint64_t value) {
         if (bytes_.capacity() < kFirstCapacity) {
-            bytes_.reserve(kFirstCapacity); // one allocation for most batches
+            bytes_.reserve(kFirstCapacity); // one allocation for a few items
         }
         bytes_.append(reinterpret_cast<const char*>(&value), 8);
     }
-    static constexpr std::size_t kFirstCapacity = std::size_t{16} << 10;
+    // Room for about ten small items: a batch of one (a sporadic task or
+    // report) costs a small allocation, not a large one that makes the
+    // allocator tidy its free lists first; a larger batch grows by doubling.
+    static constexpr std::size_t kFirstCapacity = 960;
     protocol::Bytes bytes_;
     std::size_t count_ = 0;
 };
