@@ -16,8 +16,11 @@ protocol::Bytes evaluate(const codec::TaskMessage& task, const std::atomic<bool>
             std::rethrow_exception(task.inputError);
         }
         const dvArray* function = findRegistered(task.function);
+        boost::intrusive_ptr<dvArray> registeredSince;
         if (function == nullptr) {
-            functionHandle(task.function); // throws the error that says so
+            // Throws the error that says so, unless registered meanwhile.
+            registeredSince = functionHandle(task.function);
+            function = registeredSince.get();
         }
         return dvInvokeFunctionHandle(function, task.numOutputs, task.inputs);
     });
