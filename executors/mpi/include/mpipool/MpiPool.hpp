@@ -27,7 +27,9 @@
 // so does every new submission.
 //
 // Threads: any thread, on rank 0 only. Task notifications run on the pool's
-// link thread. Futures stay valid after the pool is gone.
+// link thread, or on the interpreter thread that opened the pool while it
+// waits there (it takes the workers' reports in itself). Futures stay valid
+// after the pool is gone.
 
 #include <executor/Executor.hpp>
 #include <executor/StopRequest.hpp>
