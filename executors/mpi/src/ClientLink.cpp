@@ -106,11 +106,7 @@ void ClientLink::run() noexcept {
             bool busy = false;
             {
                 const LockGuard mpi(mpiMutex_);
-                readFrames(ready, events);
-                receiveReports(events);
-                if (!events.empty()) {
-                    lastReport_ = std::chrono::steady_clock::now();
-                }
+                takeIn(ready, events);
                 const bool poolWasIdle = work_->allIdle();
                 orders = work_->takeOrders(windows());
                 watchFirst(poolWasIdle, orders.sends);
@@ -263,11 +259,7 @@ iqm::Iqm::Served ClientLink::serveWaiter(std::size_t worker) noexcept {
         }
         std::vector<bool> ready(control_.size() + 1, false);
         ready.at(worker + 1) = true;
-        readFrames(ready, events);
-        receiveReports(events);
-        if (!events.empty()) {
-            lastReport_ = std::chrono::steady_clock::now();
-        }
+        takeIn(ready, events);
         gone = gone_.at(worker);
     } catch (...) {
         // What the link thread meets again on its turn, and ends the job for.
@@ -286,6 +278,14 @@ iqm::Iqm::Served ClientLink::serveWaiter(std::size_t worker) noexcept {
         work_->news();
     }
     return gone ? iqm::Iqm::Served::Ended : iqm::Iqm::Served::Again;
+}
+
+void ClientLink::takeIn(const std::vector<bool>& ready, std::vector<Event>& events) {
+    readFrames(ready, events);
+    receiveReports(events);
+    if (!events.empty()) {
+        lastReport_ = std::chrono::steady_clock::now();
+    }
 }
 
 void ClientLink::readFrames(const std::vector<bool>& ready, std::vector<Event>& events) {

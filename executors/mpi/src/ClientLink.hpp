@@ -133,10 +133,13 @@ private:
         QZ_REQUIRES(mpiMutex_);
     // Whether the link thread polls instead of sleeping.
     bool watching() const QZ_REQUIRES(mpiMutex_);
-    // Reads the control frames of the ready sockets. Link thread.
+    // What the workers said on the ready sockets and through MPI, as events.
+    // The link thread, or a waiter.
+    void takeIn(const std::vector<bool>& ready, std::vector<Event>& events) QZ_REQUIRES(mpiMutex_);
+    // Reads the control frames of the ready sockets.
     void readFrames(const std::vector<bool>& ready, std::vector<Event>& events)
         QZ_REQUIRES(mpiMutex_);
-    // Receives the announced reports that have arrived. Link thread.
+    // Receives the announced reports that have arrived.
     void receiveReports(std::vector<Event>& events) QZ_REQUIRES(mpiMutex_);
     void readReports(std::size_t worker, std::string_view bytes, std::vector<Event>& events)
         QZ_REQUIRES(mpiMutex_);
