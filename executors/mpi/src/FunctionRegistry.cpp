@@ -41,13 +41,11 @@ void registerFunction(std::string name, matrix::FunctionBody body) {
 }
 
 boost::intrusive_ptr<dvArray> functionHandle(std::string_view name) {
-    Registry& functions = registry();
-    const foundation::core::sync::LockGuard lock(functions.mutex);
-    const auto found = functions.handles.find(name);
-    if (found == functions.handles.end()) {
+    const dvArray* found = findRegistered(name);
+    if (found == nullptr) {
         throw errors::UnregisteredFunction(utf16(name));
     }
-    return {matrix::to_korvex(matrix::detail::do_shared_copy(found->second.get())), false};
+    return {matrix::to_korvex(matrix::detail::do_shared_copy(found)), false};
 }
 
 const dvArray* findRegistered(std::string_view name) {
