@@ -269,35 +269,31 @@ bool ControlSocket::readAvailable(std::vector<FrameMessage>& frames) {
     }
 }
 
-Waker::Waker() : fd_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+PolledCounter::PolledCounter(int fd, const char* what) : fd_(fd) {
     if (fd_ < 0) {
-        throw std::runtime_error("no event file descriptor for the cluster pool");
+        throw std::runtime_error(std::string("no ") + what + " for the cluster pool");
     }
 }
 
-Waker::~Waker() {
+PolledCounter::~PolledCounter() {
     ::close(fd_);
 }
+
+void PolledCounter::drain() noexcept {
+    std::uint64_t count = 0;
+    [[maybe_unused]] const ssize_t n = ::read(fd_, &count, sizeof count);
+}
+
+Waker::Waker() : PolledCounter(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC), "event file descriptor") {}
 
 void Waker::wake() noexcept {
     const std::uint64_t one = 1;
     [[maybe_unused]] const ssize_t n = ::write(fd_, &one, sizeof one);
 }
 
-void Waker::drain() noexcept {
-    std::uint64_t count = 0;
-    [[maybe_unused]] const ssize_t n = ::read(fd_, &count, sizeof count);
-}
-
-Alarm::Alarm() : fd_(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)) {
-    if (fd_ < 0) {
-        throw std::runtime_error("no timer file descriptor for the cluster pool");
-    }
-}
-
-Alarm::~Alarm() {
-    ::close(fd_);
-}
+Alarm::Alarm()
+    : PolledCounter(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC),
+                    "timer file descriptor") {}
 
 void Alarm::setIn(std::chrono::nanoseconds delay) noexcept {
     const auto nanos = std::max<std::int64_t>(delay.count(), 1); // zero would call it off
@@ -310,11 +306,6 @@ void Alarm::setIn(std::chrono::nanoseconds delay) noexcept {
 void Alarm::callOff() noexcept {
     const itimerspec never{};
     ::timerfd_settime(fd_, 0, &never, nullptr);
-}
-
-void Alarm::drain() noexcept {
-    std::uint64_t count = 0;
-    [[maybe_unused]] const ssize_t n = ::read(fd_, &count, sizeof count);
 }
 
 std::vector<std::unique_ptr<ControlSocket>>

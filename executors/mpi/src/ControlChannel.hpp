@@ -83,39 +83,39 @@ private:
     std::optional<FrameMessage> reading_;
 };
 
-// Wakes a thread asleep in poll() from another thread of this process.
-class Waker {
+// A counter descriptor that a thread asleep in poll() waits on: it reads
+// ready once counted, until drained. Owns the descriptor.
+class PolledCounter {
 public:
-    Waker();
-    ~Waker();
-    Waker(const Waker&) = delete;
-    Waker& operator=(const Waker&) = delete;
+    PolledCounter(const PolledCounter&) = delete;
+    PolledCounter& operator=(const PolledCounter&) = delete;
 
     int fd() const noexcept { return fd_; }
-    void wake() noexcept;
     void drain() noexcept;
 
-private:
-    int fd_;
+protected:
+    // Takes `fd`; throws std::runtime_error naming `what` when it is invalid.
+    PolledCounter(int fd, const char* what);
+    ~PolledCounter();
+
+    const int fd_;
+};
+
+// Wakes a thread asleep in poll() from another thread of this process.
+class Waker : public PolledCounter {
+public:
+    Waker();
+    void wake() noexcept;
 };
 
 // Wakes a thread asleep in poll() on fd() at a time another thread sets,
 // unless it is called off before: setting and calling off wake no one.
-class Alarm {
+class Alarm : public PolledCounter {
 public:
     Alarm();
-    ~Alarm();
-    Alarm(const Alarm&) = delete;
-    Alarm& operator=(const Alarm&) = delete;
-
-    int fd() const noexcept { return fd_; }
     // Rings after `delay` (at once for zero), instead of when set before.
     void setIn(std::chrono::nanoseconds delay) noexcept;
     void callOff() noexcept;
-    void drain() noexcept;
-
-private:
-    int fd_;
 };
 
 // Connects the workers of `comm` to its rank 0: collective, every rank calls
