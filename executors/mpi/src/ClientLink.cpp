@@ -88,6 +88,7 @@ void ClientLink::run() noexcept {
     for (ControlSocket* socket : control_) {
         fds.push_back(socket->fd());
     }
+    const std::vector<int> wakerOnly{fds.front()};
     std::vector<bool> ready(fds.size(), false);
     // Kept from turn to turn with its room: a busy turn has hundreds.
     std::vector<Event> events;
@@ -104,6 +105,7 @@ void ClientLink::run() noexcept {
             WorkList::Orders orders;
             std::vector<std::size_t> lostNow;
             bool busy = false;
+            bool listening = true;
             {
                 const LockGuard mpi(mpiMutex_);
                 takeIn(ready, events);
@@ -130,6 +132,8 @@ void ClientLink::run() noexcept {
                 busy = !outbox_.idle() ||
                        std::ranges::any_of(announced_, [](std::size_t n) { return n > 0; }) ||
                        watching();
+                listening_ = busy || !work_->allIdle();
+                listening = listening_;
                 deliveryMutex_.lock(); // before a waiter reads what comes next
             }
             for (const auto& task : orders.unrunnable) {
@@ -157,7 +161,16 @@ void ClientLink::run() noexcept {
                 limit = std::chrono::microseconds(0);
                 std::this_thread::yield();
             }
-            waitReadable(fds, ready, limit);
+            if (listening) {
+                waitReadable(fds, ready, limit);
+            } else {
+                waitReadable(wakerOnly, ready, kIdleLook);
+                if (ready[0]) {
+                    ready.resize(fds.size(), false);
+                } else {
+                    waitReadable(fds, ready, std::chrono::microseconds(0)); // the look
+                }
+            }
         } catch (...) {
             // MPI reports its failures as exceptions; the job cannot go on
             // without its link.
@@ -182,20 +195,35 @@ void ClientLink::sendNow() {
     }
     bool failed = false;
     Quiet quiet = Quiet::No;
+    bool unheardWork = false;
     try {
         failed = sendTaken(quiet);
+        unheardWork = unheard();
     } catch (...) {
         mpiMutex_.unlock();
         throw;
     }
     mpiMutex_.unlock();
-    if (failed || quiet == Quiet::Watched) {
-        work_->news(); // the link thread runs their notifications, or watches
+    if (failed || quiet == Quiet::Watched || (unheardWork && delivering())) {
+        // The link thread runs their notifications, watches, or listens.
+        work_->news();
+        unheardWork = false;
     }
-    if (quiet != Quiet::No) {
+    if (quiet != Quiet::No || unheardWork) {
         // A worker on this core runs the task now, not once this thread
-        // sleeps: its report is then here when this thread comes to wait.
+        // sleeps: its report is then here when this thread comes to wait,
+        // or to take it in.
         std::this_thread::yield();
+    }
+    if (unheardWork) {
+        std::vector<int> fds;
+        for (const ControlSocket* socket : control_) {
+            fds.push_back(socket->fd());
+        }
+        std::vector<bool> ready;
+        waitReadable(fds, ready, std::chrono::microseconds(0));
+        ready.insert(ready.begin(), false); // index worker + 1
+        static_cast<void>(serveHere(ready));
     }
 }
 
@@ -231,50 +259,66 @@ bool ClientLink::watching() const {
     return !work_->allIdle() && std::chrono::steady_clock::now() < watchUntil_;
 }
 
-iqm::Iqm::Served ClientLink::serveWaiter(std::size_t worker) noexcept {
-    // Set while this thread runs notifications here: a wait inside one of
-    // them leaves the sockets to the link thread.
+bool& ClientLink::delivering() noexcept {
     thread_local bool delivering = false;
-    if (delivering) {
+    return delivering;
+}
+
+iqm::Iqm::Served ClientLink::serveWaiter(std::size_t worker) noexcept {
+    std::vector<bool> ready(control_.size() + 1, false);
+    ready.at(worker + 1) = true;
+    return serveHere(ready);
+}
+
+iqm::Iqm::Served ClientLink::serveHere(const std::vector<bool>& ready) noexcept {
+    if (delivering()) {
         return iqm::Iqm::Served::Elsewhere;
     }
-    std::vector<Event> events;
-    bool gone = false;
     if (!mpiMutex_.try_lock()) {
-        // The link thread is at it (for as long as a large send takes): it
-        // takes the reports in, and their notifications wake the waiter.
+        // The link thread is at it (for as long as a large send takes), or
+        // another thread is: whoever has the MPI mutex takes the reports in
+        // or wakes the link thread for them.
         return iqm::Iqm::Served::Elsewhere;
     }
     if (!deliveryMutex_.try_lock()) {
         // The link thread still runs the notifications of what it read: what
         // comes next must follow them, and it reads that next.
+        const bool wake = unheard();
         mpiMutex_.unlock();
+        if (wake) {
+            work_->news();
+        }
         return iqm::Iqm::Served::Elsewhere;
     }
+    std::vector<Event> events;
+    bool gone = false;
+    bool wake = false;
     try {
         if (ended_) {
             deliveryMutex_.unlock();
             mpiMutex_.unlock();
             return iqm::Iqm::Served::Ended; // the sockets may serve another pool now
         }
-        std::vector<bool> ready(control_.size() + 1, false);
-        ready.at(worker + 1) = true;
         takeIn(ready, events);
-        gone = gone_.at(worker);
+        for (std::size_t worker = 0; worker < gone_.size(); ++worker) {
+            gone = gone || (ready[worker + 1] && gone_[worker]);
+        }
+        wake = unheard();
     } catch (...) {
         // What the link thread meets again on its turn, and ends the job for.
         gone = true;
     }
     mpiMutex_.unlock();
-    delivering = true;
+    delivering() = true;
     for (Event& event : events) {
         deliver(event);
     }
-    delivering = false;
+    delivering() = false;
     deliveryMutex_.unlock();
-    if (gone || (!events.empty() && work_->anyWaiting())) {
-        // The link thread handles a loss, and refills the windows freed: it
-        // may have missed the reports this thread took.
+    if (wake || gone || (!events.empty() && work_->anyWaiting())) {
+        // The link thread listens for the work still out, handles a loss,
+        // and refills the windows freed: it may have missed the reports this
+        // thread took.
         work_->news();
     }
     return gone ? iqm::Iqm::Served::Ended : iqm::Iqm::Served::Again;

@@ -7,13 +7,21 @@
 // workers' reports into task notifications (Running, Finished) and results,
 // and fails the work of a worker that is lost. It sleeps in poll() on the
 // workers' control sockets and the work list's waker: nothing is polled
-// while nothing happens. A thread that waits for results on the interpreter
-// thread that opened the pool sleeps on the same sockets (MpiPool) and takes
-// in a report itself when it comes first (serveWaiter): the report that ends
-// a wait wakes the waiter, not the link thread that would then wake it. For
-// a pool opened elsewhere, when work goes to a pool that has been quiet, the
-// link thread polls for up to kWatch instead of sleeping (a watch): the
-// report of a short task then finds it awake.
+// while nothing happens. While nothing is in flight it leaves the sockets
+// out (but for a look every kIdleLook, for a worker lost meanwhile): a thread
+// that sends to an idle pool yields, then takes in the reports already there
+// itself, and wakes the link thread only for work still out (sendNow). The
+// report of a short task then wakes no thread at all. A thread that waits
+// for results on the interpreter thread that opened the pool sleeps on the
+// sockets too (MpiPool) and takes in a report itself when it comes first
+// (serveWaiter): the report that ends a wait wakes the waiter, not the link
+// thread that would then wake it. For a pool opened elsewhere, when work
+// goes to a pool that has been quiet, the link thread polls for up to kWatch
+// instead of sleeping (a watch): the report of a short task then finds it
+// awake.
+//
+// Whoever leaves the MPI mutex with work in flight while the link thread
+// sleeps without the sockets wakes it (news): no report waits unread.
 //
 // States: Open -> Closing (close(): the work list refuses work, waiting
 // tasks are cancelled, workers are asked to stop what they have) -> Finished
@@ -67,6 +75,8 @@ public:
     static constexpr std::chrono::microseconds kWatch{300};
     // Only after this long without a report: steady work needs no watch.
     static constexpr std::chrono::milliseconds kQuietBeforeWatch{1};
+    // How often the link thread of an idle pool looks at the sockets.
+    static constexpr std::chrono::seconds kIdleLook{1};
 
     // Starts the link thread for workers `ranks`, reached through `control`
     // (index rank - 1), with their start records if shared (may be null).
@@ -83,15 +93,18 @@ public:
     // Sends the work list's tasks to the idle workers on the calling thread
     // (the submitting one: no hand-over to the link thread), unless the link
     // thread is at MPI, which then sends them. With every worker busy it
-    // does nothing: the link thread sends on the next report. Any thread.
-    void sendNow() QZ_EXCLUDES(mpiMutex_);
+    // does nothing: the link thread sends on the next report. After a send
+    // to an idle pool, it yields and takes in the reports already there,
+    // running their notifications on this thread. Any thread.
+    void sendNow() QZ_EXCLUDES(mpiMutex_, deliveryMutex_);
 
     // Takes in what the workers said and runs its notifications on the
     // calling thread: one that waits for results, woken by the control
     // socket of `worker` (see MpiPool). Leaves it to the link thread when
     // that is at it; Ended once the socket has ended or the link has. Any
     // thread but the link thread.
-    iqm::Iqm::Served serveWaiter(std::size_t worker) noexcept QZ_EXCLUDES(mpiMutex_);
+    iqm::Iqm::Served serveWaiter(std::size_t worker) noexcept
+        QZ_EXCLUDES(mpiMutex_, deliveryMutex_);
     // The control socket of `worker`, for a waiter to poll.
     int controlFd(std::size_t worker) const { return control_.at(worker)->fd(); }
     std::size_t numWorkers() const noexcept { return control_.size(); }
@@ -133,6 +146,18 @@ private:
         QZ_REQUIRES(mpiMutex_);
     // Whether the link thread polls instead of sleeping.
     bool watching() const QZ_REQUIRES(mpiMutex_);
+    // Whether work is in flight that no thread listens for: the link thread
+    // sleeps without the sockets.
+    bool unheard() const QZ_REQUIRES(mpiMutex_) { return !listening_ && !work_->allIdle(); }
+    // Takes in what the workers on the `ready` sockets (index worker + 1)
+    // said and runs its notifications on the calling thread, unless another
+    // thread is at it. Elsewhere then; else Ended if a socket has ended.
+    // Wakes the link thread for what it must do after. Not the link thread.
+    iqm::Iqm::Served serveHere(const std::vector<bool>& ready) noexcept
+        QZ_EXCLUDES(mpiMutex_, deliveryMutex_);
+    // Whether this thread runs notifications of the link's (a wait inside one
+    // leaves the sockets to others).
+    static bool& delivering() noexcept;
     // What the workers said on the ready sockets and through MPI, as events.
     // The link thread, or a waiter.
     void takeIn(const std::vector<bool>& ready, std::vector<Event>& events) QZ_REQUIRES(mpiMutex_);
@@ -182,6 +207,9 @@ private:
     std::chrono::steady_clock::time_point watchUntil_ QZ_GUARDED_BY(mpiMutex_);
     std::chrono::steady_clock::time_point lastReport_ QZ_GUARDED_BY(mpiMutex_);
     bool ended_ QZ_GUARDED_BY(mpiMutex_) = false; // the link thread has left
+    // Whether the link thread's sleep takes in the control sockets: set at
+    // the end of each of its turns, false while nothing is in flight.
+    bool listening_ QZ_GUARDED_BY(mpiMutex_) = true;
     std::atomic<bool> waiterServes_{false};
 
     // Held by whoever runs the notifications of what the workers said (the

@@ -92,10 +92,32 @@ void registerFunctions() {
     registerFunction("tallyAndRank", [](std::size_t, const DvArrayVector&) {
         return DvArrayVector{scalar(gTally), scalar(thisRank())};
     });
+    // exitOnRank(rank[, ms]): the process of `rank` dies while it runs this,
+    // at once or `ms` later.
     registerFunction("exitOnRank", [](std::size_t, const DvArrayVector& in) {
         if (thisRank() == static_cast<int>(firstValue(in))) {
+            if (in.size() > 1) {
+                std::this_thread::sleep_for(
+                    std::chrono::duration<double, std::milli>(valueOf(in[1].get())));
+            }
             std::_Exit(0); // a process that dies without a word
         }
+        return one(scalar(thisRank()));
+    });
+    // exitSoonOnRank(rank, ms): returns, and the process of `rank` dies `ms`
+    // later, idle.
+    registerFunction("exitSoonOnRank", [](std::size_t, const DvArrayVector& in) {
+        if (thisRank() == static_cast<int>(firstValue(in))) {
+            std::thread([after =
+                             std::chrono::duration<double, std::milli>(valueOf(in.at(1).get()))] {
+                std::this_thread::sleep_for(after);
+                std::_Exit(0);
+            }).detach();
+        }
+        return one(scalar(thisRank()));
+    });
+    registerFunction("pause", [](std::size_t, const DvArrayVector& in) {
+        std::this_thread::sleep_for(std::chrono::duration<double, std::milli>(firstValue(in)));
         return one(scalar(thisRank()));
     });
     registerFunction("giveObject", [](std::size_t, const DvArrayVector&) {

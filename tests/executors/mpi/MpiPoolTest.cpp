@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <atomic>
 #include <set>
+#include <thread>
 
 namespace mpipool::testing {
 namespace {
@@ -255,6 +256,17 @@ TEST(MpiPool, FetchNextTakesFuturesInFinishingOrder) {
     EXPECT_EQ(next(), std::make_pair(std::size_t{2}, 3.0));
     pool.shutdown();
     EXPECT_EQ(next(), std::make_pair(std::size_t{0}, 1.0));
+}
+
+// Work that outlasts the submitting thread's look for its result, waited for
+// on a thread that takes no reports in: the pool's own link takes it in.
+TEST(MpiPool, ResultsReachAWaitOffTheInterpreterThread) {
+    MpiPool pool(cluster());
+    for (int i = 0; i < 3; ++i) {
+        const FuturePtr f = pool.submit(handle("pause"), 1, {scalar(20)});
+        std::thread elsewhere([&] { EXPECT_TRUE(reaches(f, FutureState::Finished)); });
+        elsewhere.join();
+    }
 }
 
 TEST(MpiPool, RefusesWorkerCountsTheClusterCannotGive) {

@@ -1,11 +1,15 @@
 // A worker process that dies: run under mpirun with --enable-recovery and
-// two workers, so that the job goes on. The work that ran there fails with
+// three workers, so that the job goes on. The work that ran there fails with
 // "KORVEX:mpipool:WorkerLost", the work that never started there runs on the
-// other worker (once), and once the last worker is gone every unfinished
-// future fails and new work is refused.
+// others (once), a worker that dies idle is noticed without any work, and
+// once the last worker is gone every unfinished future fails and new work is
+// refused.
 #include "ClusterTestSupport.hpp"
 
 #include <unistd.h>
+
+#include <chrono>
+#include <thread>
 
 namespace mpipool::testing {
 namespace {
@@ -32,9 +36,9 @@ void expectNothingRanTwice(const std::vector<FuturePtr>& tallies) {
 
 TEST(MpiPoolWorkerLoss, FailsTheLostWorkOnlyAndGoesOnWithTheOthers) {
     MpiPool pool(cluster());
-    ASSERT_EQ(pool.getNumWorkers(), 2u);
+    ASSERT_EQ(pool.getNumWorkers(), 3u);
 
-    // Phase 1: rank 2 dies while both workers have work in flight.
+    // Phase 1: rank 3 dies while every worker has work in flight.
     std::vector<FuturePtr> tallies;
     const auto tally = [&] {
         tallies.push_back(pool.submit(
@@ -43,19 +47,30 @@ TEST(MpiPoolWorkerLoss, FailsTheLostWorkOnlyAndGoesOnWithTheOthers) {
     for (int i = 0; i < 200; ++i) {
         tally();
     }
-    const auto dies = pool.submitOnAll(handle("exitOnRank"), 1, {scalar(2)});
+    const auto dies = pool.submitOnAll(handle("exitOnRank"), 1, {scalar(3)});
     for (int i = 0; i < 200; ++i) {
         tally();
     }
     EXPECT_EQ(errorOfTask(dies, 0), "");
-    EXPECT_EQ(errorOfTask(dies, 1), "KORVEX:mpipool:WorkerLost");
+    EXPECT_EQ(errorOfTask(dies, 1), "");
+    EXPECT_EQ(errorOfTask(dies, 2), "KORVEX:mpipool:WorkerLost");
     expectNothingRanTwice(tallies);
+    EXPECT_EQ(pool.getNumWorkers(), 2u);
+
+    // Phase 2: rank 2 dies while the pool is idle, and no thread waits: the
+    // pool notices on its own, which the loop gives a generous deadline.
+    const auto diesIdle = pool.submitOnAll(handle("exitSoonOnRank"), 1, {scalar(2), scalar(20)});
+    EXPECT_EQ(errorOfTask(diesIdle, 1), "");
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (pool.getNumWorkers() == 2 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
     EXPECT_EQ(pool.getNumWorkers(), 1u);
     const FuturePtr later = pool.submit(handle("tally"), 2, {});
     EXPECT_EQ(errorOf(later), "");
 
-    // Phase 2: the last worker dies with work queued behind it.
-    const FuturePtr last = pool.submit(handle("exitOnRank"), 1, {scalar(1)});
+    // Phase 3: the last worker dies with work queued behind it.
+    const FuturePtr last = pool.submit(handle("exitOnRank"), 1, {scalar(1), scalar(200)});
     std::vector<FuturePtr> stranded;
     for (int i = 0; i < 20; ++i) {
         stranded.push_back(pool.submit(handle("plusOne"), 1, {scalar(i)}));
