@@ -28,7 +28,7 @@ ClientLink::ClientLink(boost::mpi::communicator comm, std::vector<int> ranks,
     : comm_(std::move(comm)), ranks_(std::move(ranks)), control_(std::move(control)),
       lost_(std::move(lost)), starts_(starts), work_(std::make_shared<WorkList>(ranks_.size())),
       outbox_(comm_), announced_(ranks_.size(), 0), gone_(ranks_.size(), false),
-      lastRun_(ranks_.size(), 0), lastSize_(ranks_.size(), 0) {
+      lastRun_(ranks_.size(), 0), lastSize_(ranks_.size(), 0), lastStart_(ranks_.size()) {
     // Until a worker's first task is back, nothing says its tasks are short.
     std::fill(lastRun_.begin(), lastRun_.end(), kShortRunMicros);
 }
@@ -109,6 +109,9 @@ void ClientLink::run() noexcept {
             {
                 const LockGuard mpi(mpiMutex_);
                 takeIn(ready, events);
+                if (starts_ != nullptr && std::ranges::none_of(ready, std::identity{})) {
+                    lookAtStarts(events); // a sleep that nothing ended
+                }
                 const bool poolWasIdle = work_->allIdle();
                 orders = work_->takeOrders(windows());
                 watchFirst(poolWasIdle, orders.sends);
@@ -162,6 +165,9 @@ void ClientLink::run() noexcept {
                 std::this_thread::yield();
             }
             if (listening) {
+                if (limit.count() < 0 && starts_ != nullptr && work_->anyUnstarted()) {
+                    limit = kStartLook;
+                }
                 waitReadable(fds, ready, limit);
             } else {
                 waitReadable(wakerOnly, ready, kIdleLook);
@@ -204,12 +210,15 @@ void ClientLink::sendNow() {
         throw;
     }
     mpiMutex_.unlock();
-    if (failed || quiet == Quiet::Watched || (unheardWork && delivering())) {
-        // The link thread runs their notifications, watches, or listens.
-        work_->news();
+    if (failed || quiet != Quiet::Yes || (unheardWork && delivering())) {
+        // The link thread runs their notifications, watches, or listens
+        // (steady work comes back before a thread would look for it here).
+        if (failed || quiet == Quiet::Watched || unheardWork) {
+            work_->news();
+        }
         unheardWork = false;
     }
-    if (quiet != Quiet::No || unheardWork) {
+    if (quiet != Quiet::No) {
         // A worker on this core runs the task now, not once this thread
         // sleeps: its report is then here when this thread comes to wait,
         // or to take it in.
@@ -399,6 +408,19 @@ void ClientLink::finished(std::size_t worker, codec::ResultMessage result, std::
         events.push_back({std::move(flight.task), Event::Finished, std::move(result), worker});
     }
     // Else not in flight there: a report this build cannot have sent.
+}
+
+void ClientLink::lookAtStarts(std::vector<Event>& events) {
+    for (std::size_t worker = 0; worker < ranks_.size(); ++worker) {
+        const std::optional<codec::TaskId> latest = starts_->latest(ranks_[worker]);
+        if (!latest || latest == lastStart_[worker]) {
+            continue;
+        }
+        lastStart_[worker] = latest;
+        if (auto task = work_->started(worker, *latest)) {
+            events.push_back({std::move(task), Event::Started, std::nullopt, worker});
+        }
+    }
 }
 
 void ClientLink::send(const WorkList::Send& send, std::vector<Event>& events) {

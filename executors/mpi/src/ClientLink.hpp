@@ -77,6 +77,10 @@ public:
     static constexpr std::chrono::milliseconds kQuietBeforeWatch{1};
     // How often the link thread of an idle pool looks at the sockets.
     static constexpr std::chrono::seconds kIdleLook{1};
+    // How long the link thread sleeps before it looks at the start records
+    // while tasks in flight are not known to run: a worker that records its
+    // starts there sends no Started frame.
+    static constexpr std::chrono::microseconds kStartLook{500};
 
     // Starts the link thread for workers `ranks`, reached through `control`
     // (index rank - 1), with their start records if shared (may be null).
@@ -169,11 +173,14 @@ private:
     void readReports(std::size_t worker, std::string_view bytes, std::vector<Event>& events)
         QZ_REQUIRES(mpiMutex_);
     // Takes the task of `result` out of flight at `worker` and adds its
-    // Finished event, after a Started one if none came before (a worker that
-    // records its starts reports them only for long runs); nothing if it is
-    // not in flight there.
+    // Finished event, after a Started one if none came before (the start
+    // records tell only of runs that last); nothing if it is not in flight
+    // there.
     void finished(std::size_t worker, codec::ResultMessage result, std::uint64_t runMicros,
                   std::vector<Event>& events) QZ_REQUIRES(mpiMutex_);
+    // Adds the Started event of the task each worker started last, from the
+    // start records, unless added before. The link thread.
+    void lookAtStarts(std::vector<Event>& events) QZ_REQUIRES(mpiMutex_);
     // Encodes and sends a worker's tasks; one that cannot be encoded fails
     // through `events`.
     void send(const WorkList::Send& send, std::vector<Event>& events) QZ_REQUIRES(mpiMutex_);
@@ -204,6 +211,7 @@ private:
     std::vector<bool> gone_ QZ_GUARDED_BY(mpiMutex_);             // its control stream has ended
     std::vector<std::uint64_t> lastRun_ QZ_GUARDED_BY(mpiMutex_); // its last task's, in µs
     std::vector<std::size_t> lastSize_ QZ_GUARDED_BY(mpiMutex_);  // its last task, encoded
+    std::vector<std::optional<codec::TaskId>> lastStart_ QZ_GUARDED_BY(mpiMutex_); // as recorded
     std::chrono::steady_clock::time_point watchUntil_ QZ_GUARDED_BY(mpiMutex_);
     std::chrono::steady_clock::time_point lastReport_ QZ_GUARDED_BY(mpiMutex_);
     bool ended_ QZ_GUARDED_BY(mpiMutex_) = false; // the link thread has left

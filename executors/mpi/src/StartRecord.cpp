@@ -94,21 +94,34 @@ std::unique_ptr<StartRecord> StartRecord::share(const boost::mpi::communicator& 
 void StartRecord::record(codec::TaskId id) noexcept {
     std::atomic_ref<std::uint64_t> count(own_->count);
     const std::uint64_t n = count.load(std::memory_order_relaxed);
-    own_->ids[n % kRing] = id;
+    // Relaxed: the client may read a slot the ring comes round to again.
+    std::atomic_ref<codec::TaskId>(own_->ids[n % kRing]).store(id, std::memory_order_relaxed);
     count.store(n + 1, std::memory_order_release);
 }
 
-std::vector<codec::TaskId> StartRecord::recent(int rank) const {
+std::uint64_t StartRecord::count(int rank) const noexcept {
     const auto* header = static_cast<const Header*>(region_.get_address());
     if (rank < 1 || static_cast<std::uint64_t>(rank) > header->slots) {
-        return {};
+        return 0;
     }
-    const Slot& ring = *slot(rank);
-    const std::uint64_t n = std::atomic_ref<std::uint64_t>(const_cast<std::uint64_t&>(ring.count))
-                                .load(std::memory_order_acquire);
+    return std::atomic_ref<std::uint64_t>(slot(rank)->count).load(std::memory_order_acquire);
+}
+
+std::optional<codec::TaskId> StartRecord::latest(int rank) const noexcept {
+    const std::uint64_t n = count(rank);
+    if (n == 0) {
+        return std::nullopt;
+    }
+    return std::atomic_ref<codec::TaskId>(slot(rank)->ids[(n - 1) % kRing])
+        .load(std::memory_order_relaxed);
+}
+
+std::vector<codec::TaskId> StartRecord::recent(int rank) const {
+    const std::uint64_t n = count(rank);
     std::vector<codec::TaskId> ids;
     for (std::uint64_t i = n - std::min<std::uint64_t>(n, kRing); i < n; ++i) {
-        ids.push_back(ring.ids[i % kRing]);
+        ids.push_back(std::atomic_ref<codec::TaskId>(slot(rank)->ids[i % kRing])
+                          .load(std::memory_order_relaxed));
     }
     return ids;
 }

@@ -141,6 +141,15 @@ std::vector<WorkList::TaskPtr> WorkList::close() {
     return abandoned;
 }
 
+bool WorkList::anyUnstarted() const {
+    const LockGuard lock(mutex_);
+    // A worker starts its tasks in the order they were sent: when its last
+    // one has started, so have the others.
+    return std::ranges::any_of(flight_, [](const std::deque<Flight>& flights) {
+        return !flights.empty() && !flights.back().started;
+    });
+}
+
 bool WorkList::anyWaiting() const {
     const LockGuard lock(mutex_);
     for (std::size_t worker = 0; worker < numWorkers_; ++worker) {

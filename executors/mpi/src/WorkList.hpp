@@ -61,6 +61,8 @@ public:
     bool anyIdle() const noexcept { return idle_.load(std::memory_order_relaxed) > 0; }
     // Whether any work waits to be sent. Any thread.
     bool anyWaiting() const QZ_EXCLUDES(mutex_);
+    // Whether a task in flight is not marked started. Any thread.
+    bool anyUnstarted() const QZ_EXCLUDES(mutex_);
     // Whether no live worker has anything in flight. As anyIdle.
     bool allIdle() const noexcept {
         return idle_.load(std::memory_order_relaxed) == live_.load(std::memory_order_relaxed);

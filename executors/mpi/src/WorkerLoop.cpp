@@ -28,8 +28,12 @@ WorkerLoop::WorkerLoop(const boost::mpi::communicator& comm, ControlSocket& cont
     : comm_(comm), control_(control), starts_(starts), outbox_(comm) {}
 
 WorkerLoop::Ending WorkerLoop::run() {
-    std::thread other([this] { serve(); });
-    serve();
+    const std::vector<int> exclusive{control_.fd(), waker_.fd()};
+    const std::vector<int> shared{leaveSignal_.fd()};
+    SharedWait first(exclusive, shared);
+    SharedWait second(exclusive, shared);
+    std::thread other([this, &second] { serve(second); });
+    serve(first);
     other.join();
     try {
         sendReports(true);
@@ -44,6 +48,7 @@ WorkerLoop::Ending WorkerLoop::run() {
     if (clientGone()) {
         return Ending::ClientGone;
     }
+    const LockGuard reading(readMutex_);
     return skipFinalize_ ? Ending::SkipFinalize : Ending::Finalize;
 }
 
@@ -52,38 +57,18 @@ bool WorkerLoop::clientGone() {
     return clientGone_;
 }
 
-void WorkerLoop::serve() noexcept {
+void WorkerLoop::serve(SharedWait& waiting) noexcept {
     UniqueLock lock(mutex_);
-    while (true) {
-        if (!runnerTaken_ && !queue_.empty() && !leaving_) {
-            // Run what is queued; the other thread takes the reader's part
-            // if the run lasts.
+    while (!leaving_) {
+        if (!runnerTaken_ && !queue_.empty()) {
             runnerTaken_ = true;
-            const bool unread = !readerTaken_;
             lock.unlock();
-            if (unread) {
-                standby_.setIn(kHandOver);
-            }
             runQueued();
-            if (unread) {
-                standby_.callOff();
-            }
             lock.lock();
             runnerTaken_ = false;
-        } else if (leaving_) {
-            standby_.setIn({}); // the other thread leaves too
-            break;
-        } else if (!readerTaken_) {
-            readerTaken_ = true;
-            lock.unlock();
-            readOnce();
-            lock.lock();
-            readerTaken_ = false;
         } else {
             lock.unlock();
-            std::vector<bool> rang;
-            waitReadable({standby_.fd()}, rang, std::chrono::microseconds(-1));
-            standby_.drain();
+            readOnce(waiting);
             lock.lock();
         }
     }
@@ -93,7 +78,6 @@ void WorkerLoop::runQueued() {
     while (true) {
         codec::TaskMessage task;
         bool holdBack = false;
-        std::optional<Clock::time_point> start; // read once where a start costs no write
         {
             const LockGuard lock(mutex_);
             if (queue_.empty() || leaving_) {
@@ -103,18 +87,14 @@ void WorkerLoop::runQueued() {
             queue_.pop_front();
             running_ = task.id;
             stop_ = false;
-            if (starts_ != nullptr) {
-                start = Clock::now();
-                runningSince_ = *start;
-                startFramed_ = false; // the reader's timer is set while a task is queued
-            } else {
+            if (starts_ == nullptr) {
                 // Held back while more tasks follow: the next start, a report
-                // or the reader's timer sends it.
+                // or the sleeping thread's timer sends it.
                 holdBack = !queue_.empty();
                 if (holdBack && !startHeldBack_) {
                     startHeldBack_ = true;
                     heldBackSince_ = Clock::now();
-                    waker_.wake(); // the reader sets its timer by it
+                    waker_.wake(); // the sleeping thread sets its timer by it
                 }
                 startHeldBack_ = startHeldBack_ && holdBack;
             }
@@ -125,11 +105,9 @@ void WorkerLoop::runQueued() {
         } else {
             control_.write(protocol::Frame::Started, task.id, holdBack);
         }
-        if (!start) {
-            start = Clock::now(); // after the frame: the run's time leaves it out
-        }
+        const auto start = Clock::now(); // after the frame: the run's time leaves it out
         protocol::Bytes result = evaluate(task, stop_);
-        const std::uint64_t runMicros = microsSince(*start);
+        const std::uint64_t runMicros = microsSince(start);
         bool due = false;
         {
             const LockGuard lock(mutex_);
@@ -147,13 +125,13 @@ void WorkerLoop::runQueued() {
 
 bool WorkerLoop::reported() {
     // Out at once when the worker runs dry (the client waits for nothing
-    // else) or the batch is full; else the reader sends it in time.
+    // else) or the batch is full; else the sleeping thread sends it in time.
     reportsDue_ = reportsDue_ || queue_.empty() || reports_.items() >= kReportBatchItems ||
                   reports_.bytes() >= kReportBatchBytes;
     if (reports_.items() == 1) {
         oldestReport_ = Clock::now();
         if (!reportsDue_) {
-            waker_.wake(); // the reader sets its timer by the oldest report
+            waker_.wake(); // the sleeping thread sets its timer by the oldest report
         }
     }
     return reportsDue_;
@@ -170,11 +148,6 @@ std::chrono::microseconds WorkerLoop::sleepLimit() const {
     if (startHeldBack_) {
         due = std::min(due.value_or(Clock::time_point::max()), heldBackSince_ + kReportDelay);
     }
-    if (starts_ != nullptr && (!queue_.empty() || (running_ && !startFramed_))) {
-        // A run that lasts gets its Started frame; a queued task starts soon.
-        const Clock::time_point since = running_ && !startFramed_ ? runningSince_ : Clock::now();
-        due = std::min(due.value_or(Clock::time_point::max()), since + kReportDelay);
-    }
     if (!due) {
         return std::chrono::microseconds(-1);
     }
@@ -183,49 +156,47 @@ std::chrono::microseconds WorkerLoop::sleepLimit() const {
 }
 
 void WorkerLoop::pushHeldBack() {
-    std::optional<codec::TaskId> lasting;
     {
         const LockGuard lock(mutex_);
-        const auto now = Clock::now();
-        if (starts_ != nullptr) {
-            if (!running_ || startFramed_ || now - runningSince_ < kReportDelay) {
-                return;
-            }
-            startFramed_ = true;
-            lasting = running_;
-        } else if (!startHeldBack_ || now - heldBackSince_ < kReportDelay) {
+        if (!startHeldBack_ || Clock::now() - heldBackSince_ < kReportDelay) {
             return;
         }
         startHeldBack_ = false;
     }
-    if (lasting) {
-        control_.write(protocol::Frame::Started, *lasting);
-    } else {
-        control_.write(protocol::Frame::Push);
-    }
+    control_.write(protocol::Frame::Push);
 }
 
-void WorkerLoop::readOnce() noexcept {
+void WorkerLoop::readOnce(SharedWait& waiting) noexcept {
     try {
         std::chrono::microseconds limit;
         {
             const LockGuard lock(mutex_);
             limit = sleepLimit();
         }
-        bool sending = false;
+        bool arriving = false;
+        {
+            const LockGuard reading(readMutex_);
+            arriving = announced_ > 0;
+        }
         {
             const LockGuard mpi(mpiMutex_);
-            sending = !outbox_.idle();
+            arriving = arriving || !outbox_.idle();
         }
         // A message on its way in, or a send that MPI moves only while it is
         // called: keep at it.
-        if (announced_ > 0 || sending) {
+        if (arriving) {
             limit = std::chrono::microseconds(0);
             std::this_thread::yield();
         }
-        const std::vector<int> fds{control_.fd(), waker_.fd()};
         std::vector<bool> ready;
-        waitReadable(fds, ready, limit);
+        waiting.wait(ready, limit);
+        const LockGuard reading(readMutex_);
+        {
+            const LockGuard lock(mutex_);
+            if (leaving_) {
+                return; // the other thread took in the end, and nothing after it counts
+            }
+        }
         if (ready[1]) {
             waker_.drain();
         }
@@ -317,7 +288,7 @@ void WorkerLoop::stop(codec::TaskId id) {
         reports_.add({}, [id](batch::Writer& open, const protocol::Bytes&) {
             open.addReport(batch::Report::Skipped, id);
         });
-        static_cast<void>(reported()); // the reader sends it at the end of its turn
+        static_cast<void>(reported()); // sent at the end of this turn
     }
     // Else it has finished: its report is on its way.
 }
@@ -330,7 +301,7 @@ void WorkerLoop::leave(bool clientGone) {
         stop_ = true;
         queue_.clear();
     }
-    standby_.setIn({});
+    leaveSignal_.wake();
 }
 
 void WorkerLoop::sendReports(bool force) {
