@@ -106,6 +106,7 @@ void ClientLink::run() noexcept {
             std::vector<std::size_t> lostNow;
             bool busy = false;
             bool listening = true;
+            bool lookingAtStarts = false;
             {
                 const LockGuard mpi(mpiMutex_);
                 takeIn(ready, events);
@@ -136,7 +137,9 @@ void ClientLink::run() noexcept {
                        std::ranges::any_of(announced_, [](std::size_t n) { return n > 0; }) ||
                        watching();
                 listening_ = busy || !work_->allIdle();
+                lookingAtStarts_ = listening_ && starts_ != nullptr && work_->anyUnstarted();
                 listening = listening_;
+                lookingAtStarts = lookingAtStarts_;
                 deliveryMutex_.lock(); // before a waiter reads what comes next
             }
             for (const auto& task : orders.unrunnable) {
@@ -165,7 +168,7 @@ void ClientLink::run() noexcept {
                 std::this_thread::yield();
             }
             if (listening) {
-                if (limit.count() < 0 && starts_ != nullptr && work_->anyUnstarted()) {
+                if (limit.count() < 0 && lookingAtStarts) {
                     limit = kStartLook;
                 }
                 waitReadable(fds, ready, limit);

@@ -20,8 +20,10 @@
 // instead of sleeping (a watch): the report of a short task then finds it
 // awake.
 //
-// Whoever leaves the MPI mutex with work in flight while the link thread
-// sleeps without the sockets wakes it (news): no report waits unread.
+// Whoever leaves the MPI mutex with work in flight that the link thread's
+// sleep does not watch (without the sockets, or with no time set to look at
+// the start records) wakes it (news): no report waits unread, and no run
+// that lasts goes unnoticed.
 //
 // States: Open -> Closing (close(): the work list refuses work, waiting
 // tasks are cancelled, workers are asked to stop what they have) -> Finished
@@ -150,9 +152,13 @@ private:
         QZ_REQUIRES(mpiMutex_);
     // Whether the link thread polls instead of sleeping.
     bool watching() const QZ_REQUIRES(mpiMutex_);
-    // Whether work is in flight that no thread listens for: the link thread
-    // sleeps without the sockets.
-    bool unheard() const QZ_REQUIRES(mpiMutex_) { return !listening_ && !work_->allIdle(); }
+    // Whether work is in flight that the link thread does not watch: it
+    // sleeps without the sockets, or with no time set for a look at the
+    // start records while a task in flight is not known to run.
+    bool unheard() const QZ_REQUIRES(mpiMutex_) {
+        return !work_->allIdle() &&
+               (!listening_ || (starts_ != nullptr && !lookingAtStarts_ && work_->anyUnstarted()));
+    }
     // Takes in what the workers on the `ready` sockets (index worker + 1)
     // said and runs its notifications on the calling thread, unless another
     // thread is at it. Elsewhere then; else Ended if a socket has ended.
@@ -218,6 +224,8 @@ private:
     // Whether the link thread's sleep takes in the control sockets: set at
     // the end of each of its turns, false while nothing is in flight.
     bool listening_ QZ_GUARDED_BY(mpiMutex_) = true;
+    // Whether that sleep ends after kStartLook for a look at the start records.
+    bool lookingAtStarts_ QZ_GUARDED_BY(mpiMutex_) = false;
     std::atomic<bool> waiterServes_{false};
 
     // Held by whoever runs the notifications of what the workers said (the
