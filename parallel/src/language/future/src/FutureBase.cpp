@@ -132,10 +132,12 @@ DvArrayVector gatherIntoCells(std::vector<DvArrayVector> sources, unsigned int n
     return cells;
 }
 
-// Throws `failure` with the errors among `errors` as causes: the one error
-// once when every entry failed the same way, otherwise each in entry order.
+// Throws the error `makeFailure` makes with the errors among `errors` as
+// causes: the one error once when every entry failed the same way, otherwise
+// each in entry order. Made only when there is an error to throw.
+template <class MakeFailure>
 void raiseExecutionErrors(const PerTaskVariant<std::exception_ptr>& errors,
-                          KExceptionEnvelope failure) {
+                          MakeFailure makeFailure) {
     std::vector<KExceptionEnvelope> causes;
     for (std::size_t i = 0; i < errors.size(); ++i) {
         if (errors[i]) {
@@ -149,6 +151,7 @@ void raiseExecutionErrors(const PerTaskVariant<std::exception_ptr>& errors,
         causes.size() == errors.size() &&
         std::all_of(causes.begin(), causes.end(),
                     [&](const KExceptionEnvelope& cause) { return cause == causes.front(); });
+    KExceptionEnvelope failure = makeFailure();
     if (allFailedAlike) {
         failure.AddCause(causes.front());
     } else {
@@ -788,7 +791,7 @@ DvArrayVector FutureBase::fetchOutputs(std::vector<std::shared_ptr<FutureBase>> 
         future->setRead(true);
     }
 
-    const KExceptionEnvelope executionErrors = envelopeOf(errors::ExecutionErrors());
+    const auto executionErrors = [] { return envelopeOf(errors::ExecutionErrors()); };
     if (futures.size() == 1) {
         raiseExecutionErrors(futures.front()->getError(), executionErrors);
     } else if (std::any_of(futures.begin(), futures.end(),
@@ -1010,7 +1013,8 @@ DvArrayVector FutureBase::doFetchNext(unsigned int numOutputs) {
     setRead(true);
     const std::shared_ptr<FutureBase> self = shared_from_this();
     if (self->hasError()) { // the error to raise is built only when needed
-        raiseExecutionErrors(self->getError(), envelopeOf(errors::FetchNextFutureErrored()));
+        raiseExecutionErrors(self->getError(),
+                             [] { return envelopeOf(errors::FetchNextFutureErrored()); });
     }
     if (numOutputs == 0) {
         return {};
