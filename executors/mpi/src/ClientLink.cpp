@@ -92,6 +92,7 @@ void ClientLink::run() noexcept {
     std::vector<bool> ready(fds.size(), false);
     // Kept from turn to turn with its room: a busy turn has hundreds.
     std::vector<Event> events;
+    bool startLookDue = false; // the last sleep was set to end for a look at the start records
     while (true) {
         try {
             if (ready[0]) {
@@ -110,8 +111,8 @@ void ClientLink::run() noexcept {
             {
                 const LockGuard mpi(mpiMutex_);
                 takeIn(ready, events);
-                if (starts_ != nullptr && std::ranges::none_of(ready, std::identity{})) {
-                    lookAtStarts(events); // a sleep that nothing ended
+                if (startLookDue && std::ranges::none_of(ready, std::identity{})) {
+                    lookAtStarts(events); // a sleep for it that nothing ended
                 }
                 const bool poolWasIdle = work_->allIdle();
                 orders = work_->takeOrders(windows());
@@ -168,7 +169,8 @@ void ClientLink::run() noexcept {
                 std::this_thread::yield();
             }
             if (listening) {
-                if (limit.count() < 0 && lookingAtStarts) {
+                startLookDue = limit.count() < 0 && lookingAtStarts;
+                if (startLookDue) {
                     limit = kStartLook;
                 }
                 waitReadable(fds, ready, limit);

@@ -13,9 +13,9 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -291,50 +291,21 @@ void Waker::wake() noexcept {
     [[maybe_unused]] const ssize_t n = ::write(fd_, &one, sizeof one);
 }
 
-SharedWait::SharedWait(const std::vector<int>& exclusive, const std::vector<int>& shared)
-    : epoll_(::epoll_create1(EPOLL_CLOEXEC)), count_(exclusive.size() + shared.size()) {
-    if (epoll_ < 0) {
-        throw std::runtime_error("no epoll descriptor for the cluster pool");
-    }
-    std::uint64_t index = 0;
-    const auto add = [&](int fd, std::uint32_t flags) {
-        epoll_event event{};
-        event.events = EPOLLIN | flags;
-        event.data.u64 = index++;
-        if (::epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event) != 0) {
-            ::close(epoll_);
-            throw std::runtime_error("the cluster pool cannot wait on a descriptor: " +
-                                     std::string(std::strerror(errno)));
-        }
-    };
-    for (const int fd : exclusive) {
-        add(fd, EPOLLEXCLUSIVE);
-    }
-    for (const int fd : shared) {
-        add(fd, 0);
-    }
+Alarm::Alarm()
+    : PolledCounter(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC),
+                    "timer file descriptor") {}
+
+void Alarm::setIn(std::chrono::nanoseconds delay) noexcept {
+    const auto nanos = std::max<std::int64_t>(delay.count(), 1); // zero would call it off
+    itimerspec when{};
+    when.it_value.tv_sec = static_cast<time_t>(nanos / 1'000'000'000);
+    when.it_value.tv_nsec = static_cast<long>(nanos % 1'000'000'000);
+    ::timerfd_settime(fd_, 0, &when, nullptr);
 }
 
-SharedWait::~SharedWait() {
-    ::close(epoll_);
-}
-
-void SharedWait::wait(std::vector<bool>& ready, std::chrono::microseconds timeout) {
-    std::array<epoll_event, 8> events{};
-    timespec limit{};
-    if (timeout.count() >= 0) {
-        limit.tv_sec = static_cast<time_t>(timeout.count() / 1'000'000);
-        limit.tv_nsec = static_cast<long>(timeout.count() % 1'000'000) * 1000;
-    }
-    int n = 0;
-    do {
-        n = ::epoll_pwait2(epoll_, events.data(), static_cast<int>(events.size()),
-                           timeout.count() < 0 ? nullptr : &limit, nullptr);
-    } while (n < 0 && errno == EINTR);
-    ready.assign(count_, false);
-    for (int i = 0; i < n; ++i) {
-        ready.at(events[static_cast<std::size_t>(i)].data.u64) = true;
-    }
+void Alarm::callOff() noexcept {
+    const itimerspec never{};
+    ::timerfd_settime(fd_, 0, &never, nullptr);
 }
 
 std::vector<std::unique_ptr<ControlSocket>>

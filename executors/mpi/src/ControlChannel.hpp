@@ -6,7 +6,7 @@
 // client's host connects to an abstract local socket under a random name
 // (cheaper to write to and wake through), any other over TCP. A thread that
 // sleeps waits on these sockets (and a Waker for news of its own process)
-// with poll(), or in a SharedWait where two threads sleep on one socket.
+// with poll().
 //
 // Lost processes: the kernel closes the sockets of a process that dies, so
 // the other end reads the end of the stream at once. A machine that stops
@@ -108,26 +108,14 @@ public:
     void wake() noexcept;
 };
 
-// One thread's sleep on descriptors that other threads of its process sleep
-// on too, each in its own SharedWait (epoll): what a descriptor added as
-// `exclusive` brings wakes one of the threads asleep on it (EPOLLEXCLUSIVE),
-// one added as `shared` wakes them all. One thread.
-class SharedWait {
+// Wakes a thread asleep in poll() on fd() at a time another thread sets,
+// unless it is called off before: setting and calling off wake no one.
+class Alarm : public PolledCounter {
 public:
-    // Throws std::runtime_error when the kernel refuses.
-    SharedWait(const std::vector<int>& exclusive, const std::vector<int>& shared);
-    ~SharedWait();
-    SharedWait(const SharedWait&) = delete;
-    SharedWait& operator=(const SharedWait&) = delete;
-
-    // Waits until a descriptor is readable or `timeout` passes (negative: no
-    // limit); flags the readable ones in `ready`, exclusive ones first, in
-    // the order given.
-    void wait(std::vector<bool>& ready, std::chrono::microseconds timeout);
-
-private:
-    int epoll_;
-    std::size_t count_;
+    Alarm();
+    // Rings after `delay` (at once for zero), instead of when set before.
+    void setIn(std::chrono::nanoseconds delay) noexcept;
+    void callOff() noexcept;
 };
 
 // Connects the workers of `comm` to its rank 0: collective, every rank calls

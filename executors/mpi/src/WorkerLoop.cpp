@@ -28,12 +28,8 @@ WorkerLoop::WorkerLoop(const boost::mpi::communicator& comm, ControlSocket& cont
     : comm_(comm), control_(control), starts_(starts), outbox_(comm) {}
 
 WorkerLoop::Ending WorkerLoop::run() {
-    const std::vector<int> exclusive{control_.fd(), waker_.fd()};
-    const std::vector<int> shared{leaveSignal_.fd()};
-    SharedWait first(exclusive, shared);
-    SharedWait second(exclusive, shared);
-    std::thread other([this, &second] { serve(second); });
-    serve(first);
+    std::thread other([this] { serve(); });
+    serve();
     other.join();
     try {
         sendReports(true);
@@ -48,7 +44,6 @@ WorkerLoop::Ending WorkerLoop::run() {
     if (clientGone()) {
         return Ending::ClientGone;
     }
-    const LockGuard reading(readMutex_);
     return skipFinalize_ ? Ending::SkipFinalize : Ending::Finalize;
 }
 
@@ -57,18 +52,38 @@ bool WorkerLoop::clientGone() {
     return clientGone_;
 }
 
-void WorkerLoop::serve(SharedWait& waiting) noexcept {
+void WorkerLoop::serve() noexcept {
     UniqueLock lock(mutex_);
-    while (!leaving_) {
-        if (!runnerTaken_ && !queue_.empty()) {
+    while (true) {
+        if (!runnerTaken_ && !queue_.empty() && !leaving_) {
+            // Run what is queued; the other thread takes the reader's part
+            // if the run lasts.
             runnerTaken_ = true;
+            const bool unread = !readerTaken_;
             lock.unlock();
+            if (unread) {
+                standby_.setIn(kHandOver);
+            }
             runQueued();
+            if (unread) {
+                standby_.callOff();
+            }
             lock.lock();
             runnerTaken_ = false;
+        } else if (leaving_) {
+            standby_.setIn({}); // the other thread leaves too
+            break;
+        } else if (!readerTaken_) {
+            readerTaken_ = true;
+            lock.unlock();
+            readOnce();
+            lock.lock();
+            readerTaken_ = false;
         } else {
             lock.unlock();
-            readOnce(waiting);
+            std::vector<bool> rang;
+            waitReadable({standby_.fd()}, rang, std::chrono::microseconds(-1));
+            standby_.drain();
             lock.lock();
         }
     }
@@ -78,6 +93,7 @@ void WorkerLoop::runQueued() {
     while (true) {
         codec::TaskMessage task;
         bool holdBack = false;
+        std::optional<Clock::time_point> start; // read once where a start costs no write
         {
             const LockGuard lock(mutex_);
             if (queue_.empty() || leaving_) {
@@ -87,14 +103,18 @@ void WorkerLoop::runQueued() {
             queue_.pop_front();
             running_ = task.id;
             stop_ = false;
-            if (starts_ == nullptr) {
+            if (starts_ != nullptr) {
+                start = Clock::now();
+                runningSince_ = *start;
+                startFramed_ = false; // the reader's timer is set while a task is queued
+            } else {
                 // Held back while more tasks follow: the next start, a report
-                // or the sleeping thread's timer sends it.
+                // or the reader's timer sends it.
                 holdBack = !queue_.empty();
                 if (holdBack && !startHeldBack_) {
                     startHeldBack_ = true;
                     heldBackSince_ = Clock::now();
-                    waker_.wake(); // the sleeping thread sets its timer by it
+                    waker_.wake(); // the reader sets its timer by it
                 }
                 startHeldBack_ = startHeldBack_ && holdBack;
             }
@@ -105,9 +125,11 @@ void WorkerLoop::runQueued() {
         } else {
             control_.write(protocol::Frame::Started, task.id, holdBack);
         }
-        const auto start = Clock::now(); // after the frame: the run's time leaves it out
+        if (!start) {
+            start = Clock::now(); // after the frame: the run's time leaves it out
+        }
         protocol::Bytes result = evaluate(task, stop_);
-        const std::uint64_t runMicros = microsSince(start);
+        const std::uint64_t runMicros = microsSince(*start);
         bool due = false;
         {
             const LockGuard lock(mutex_);
@@ -125,13 +147,13 @@ void WorkerLoop::runQueued() {
 
 bool WorkerLoop::reported() {
     // Out at once when the worker runs dry (the client waits for nothing
-    // else) or the batch is full; else the sleeping thread sends it in time.
+    // else) or the batch is full; else the reader sends it in time.
     reportsDue_ = reportsDue_ || queue_.empty() || reports_.items() >= kReportBatchItems ||
                   reports_.bytes() >= kReportBatchBytes;
     if (reports_.items() == 1) {
         oldestReport_ = Clock::now();
         if (!reportsDue_) {
-            waker_.wake(); // the sleeping thread sets its timer by the oldest report
+            waker_.wake(); // the reader sets its timer by the oldest report
         }
     }
     return reportsDue_;
@@ -148,6 +170,11 @@ std::chrono::microseconds WorkerLoop::sleepLimit() const {
     if (startHeldBack_) {
         due = std::min(due.value_or(Clock::time_point::max()), heldBackSince_ + kReportDelay);
     }
+    if (starts_ != nullptr && (!queue_.empty() || (running_ && !startFramed_))) {
+        // A run that lasts gets its Started frame; a queued task starts soon.
+        const Clock::time_point since = running_ && !startFramed_ ? runningSince_ : Clock::now();
+        due = std::min(due.value_or(Clock::time_point::max()), since + kReportDelay);
+    }
     if (!due) {
         return std::chrono::microseconds(-1);
     }
@@ -156,47 +183,49 @@ std::chrono::microseconds WorkerLoop::sleepLimit() const {
 }
 
 void WorkerLoop::pushHeldBack() {
+    std::optional<codec::TaskId> lasting;
     {
         const LockGuard lock(mutex_);
-        if (!startHeldBack_ || Clock::now() - heldBackSince_ < kReportDelay) {
+        const auto now = Clock::now();
+        if (starts_ != nullptr) {
+            if (!running_ || startFramed_ || now - runningSince_ < kReportDelay) {
+                return;
+            }
+            startFramed_ = true;
+            lasting = running_;
+        } else if (!startHeldBack_ || now - heldBackSince_ < kReportDelay) {
             return;
         }
         startHeldBack_ = false;
     }
-    control_.write(protocol::Frame::Push);
+    if (lasting) {
+        control_.write(protocol::Frame::Started, *lasting);
+    } else {
+        control_.write(protocol::Frame::Push);
+    }
 }
 
-void WorkerLoop::readOnce(SharedWait& waiting) noexcept {
+void WorkerLoop::readOnce() noexcept {
     try {
         std::chrono::microseconds limit;
         {
             const LockGuard lock(mutex_);
             limit = sleepLimit();
         }
-        bool arriving = false;
-        {
-            const LockGuard reading(readMutex_);
-            arriving = announced_ > 0;
-        }
+        bool sending = false;
         {
             const LockGuard mpi(mpiMutex_);
-            arriving = arriving || !outbox_.idle();
+            sending = !outbox_.idle();
         }
         // A message on its way in, or a send that MPI moves only while it is
         // called: keep at it.
-        if (arriving) {
+        if (announced_ > 0 || sending) {
             limit = std::chrono::microseconds(0);
             std::this_thread::yield();
         }
+        const std::vector<int> fds{control_.fd(), waker_.fd()};
         std::vector<bool> ready;
-        waiting.wait(ready, limit);
-        const LockGuard reading(readMutex_);
-        {
-            const LockGuard lock(mutex_);
-            if (leaving_) {
-                return; // the other thread took in the end, and nothing after it counts
-            }
-        }
+        waitReadable(fds, ready, limit);
         if (ready[1]) {
             waker_.drain();
         }
@@ -288,7 +317,7 @@ void WorkerLoop::stop(codec::TaskId id) {
         reports_.add({}, [id](batch::Writer& open, const protocol::Bytes&) {
             open.addReport(batch::Report::Skipped, id);
         });
-        static_cast<void>(reported()); // sent at the end of this turn
+        static_cast<void>(reported()); // the reader sends it at the end of its turn
     }
     // Else it has finished: its report is on its way.
 }
@@ -301,7 +330,7 @@ void WorkerLoop::leave(bool clientGone) {
         stop_ = true;
         queue_.clear();
     }
-    leaveSignal_.wake();
+    standby_.setIn({});
 }
 
 void WorkerLoop::sendReports(bool force) {

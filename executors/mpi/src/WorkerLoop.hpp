@@ -1,34 +1,36 @@
 #pragma once
 
-// A worker's side of the cluster: two threads, each of which runs the queued
-// evaluations when no other does, and else sleeps on the control socket.
+// A worker's side of the cluster: two threads that share two parts, each
+// part taken by one thread at a time (leader and follower).
 //
-//   Both sleep in epoll (SharedWait) on the control socket and the wake-up
-//   descriptor, registered exclusively: what arrives wakes one sleeping
-//   thread. That thread takes in what arrived (one thread at a time: the
-//   read mutex): it queues the tasks that came, passes stop requests on,
-//   and sends the reports that are due: when kReportDelay has passed since
-//   the oldest one (a long evaluation never holds back the results before
-//   it) or a batch is full. Then, if no thread runs evaluations, it runs
-//   what it queued itself: a task that arrives at an idle worker runs on
-//   the thread it woke, with no hand-over.
-//   While one thread runs, the other sleeps alone on the socket, so what
-//   arrives meanwhile (a stop request above all) is taken in at once. The
-//   runner sends the reports itself when the queue runs dry or the batch is
-//   full. Before it runs an evaluation, it tells the client that it starts:
-//   in the start record when the client shares one (StartRecord.hpp, which
-//   the client reads for a run that lasts), else in a Started frame at once.
+//   the reader owns the control socket and receives the MPI messages it
+//   announces. It sleeps in poll() until the client writes a frame or the
+//   runner needs it; it queues the tasks that arrive, passes stop requests on
+//   at once, and sends the reports that are due: when kReportDelay has
+//   passed since the oldest one (a long evaluation never holds back the
+//   results before it) or a batch is full.
+//   the runner runs the queued evaluations one after another, and sends the
+//   reports itself when the queue runs dry or the batch is full. Before it
+//   runs one, it tells the client that it starts: in the start record when
+//   the client shares one (StartRecord.hpp), and then the reader sends the
+//   Started frame only for a run that lasts kReportDelay (the report of a
+//   shorter one says it ran); else in a Started frame at once.
 //
-// An idle worker has both threads asleep, and a frame wakes one of them.
+// The reader that queues a task becomes the runner at once, and the other
+// thread, on standby, takes over the reading once the run has lasted
+// kHandOver: a task that arrives at an idle worker runs without a hand-over,
+// and a short one without waking the other thread. An idle worker has one
+// thread asleep in poll() on the control socket and the other on its alarm.
 //
 // States: Serving -(Exit, or the client's end of the socket)-> Leaving
 // (queued work is skipped, a running function is asked to stop) -> Ended
 // (both threads are out and the reports are sent).
 //
 // Threads: run() on the worker's main thread, which is one of the two and
-// starts and joins the other. `mutex_` guards what they share; `readMutex_`
-// what arrives; `mpiMutex_` the MPI side. Taken in that order: `readMutex_`,
-// `mpiMutex_`, `mutex_`.
+// starts and joins the other. Either takes a free part, and sleeps on
+// standby_ while it has none. `mutex_` guards what they share; `mpiMutex_`
+// the MPI side (taken before `mutex_` when both are). What the reader alone
+// touches is marked so.
 
 #include "Batch.hpp"
 #include "Codec.hpp"
@@ -51,6 +53,8 @@ public:
     static constexpr std::chrono::microseconds kReportDelay{500};
     static constexpr std::size_t kReportBatchItems = 32;
     static constexpr std::size_t kReportBatchBytes = std::size_t{256} << 10;
+    // How long frames may wait unread while the reader runs what it queued.
+    static constexpr std::chrono::microseconds kHandOver{200};
 
     // `starts`: this worker's start record, or null.
     WorkerLoop(const boost::mpi::communicator& comm, ControlSocket& control, StartRecord* starts);
@@ -68,28 +72,27 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
-    // Runs the queued tasks when no other thread does, and else sleeps on
-    // `waiting` and takes in what arrives, until leaving. Both threads.
-    void serve(SharedWait& waiting) noexcept QZ_EXCLUDES(readMutex_, mpiMutex_, mutex_);
+    // Takes whichever part is free until leaving. Both threads.
+    void serve() noexcept QZ_EXCLUDES(mutex_);
     // The runner's part: the queued tasks, one after another.
     void runQueued() QZ_EXCLUDES(mutex_, mpiMutex_);
-    // A sleep on `waiting`, then what arrived. Either thread.
-    void readOnce(SharedWait& waiting) noexcept QZ_EXCLUDES(readMutex_, mpiMutex_, mutex_);
+    // One turn of the reader's part: a wait, then what arrived.
+    void readOnce() noexcept QZ_EXCLUDES(mutex_, mpiMutex_);
     bool clientGone() QZ_EXCLUDES(mutex_);
-    // Handles the frames read; false once the client is gone.
-    bool handleFrames(std::vector<FrameMessage>& frames) QZ_REQUIRES(readMutex_)
-        QZ_EXCLUDES(mutex_);
-    // Receives the announced MPI messages that have arrived.
-    void receiveAnnounced() QZ_REQUIRES(readMutex_) QZ_EXCLUDES(mutex_, mpiMutex_);
+    // Handles the frames read; false once the client is gone. The reader.
+    bool handleFrames(std::vector<FrameMessage>& frames) QZ_EXCLUDES(mutex_);
+    // Receives the announced MPI messages that have arrived. The reader.
+    void receiveAnnounced() QZ_EXCLUDES(mutex_, mpiMutex_);
     // Decodes a kTasks batch or a lone kTask and queues its tasks.
     void queueTasks(const protocol::Message& message) QZ_EXCLUDES(mutex_);
     void stop(codec::TaskId id) QZ_EXCLUDES(mutex_);
     void leave(bool clientGone) QZ_EXCLUDES(mutex_);
     // Sends the reports if they are due (or `force`). Either thread.
     void sendReports(bool force) QZ_EXCLUDES(mutex_, mpiMutex_);
-    // Sends the start frames held back for kReportDelay.
+    // Sends the start frames held back for kReportDelay, or the start frame
+    // of a recorded run that has lasted that long. The reader.
     void pushHeldBack() QZ_EXCLUDES(mutex_);
-    // How long a thread may sleep. Called with `mutex_` held.
+    // How long the reader may sleep. Called with `mutex_` held.
     std::chrono::microseconds sleepLimit() const QZ_REQUIRES(mutex_);
     // After a report was added: whether the reports are due now.
     bool reported() QZ_REQUIRES(mutex_);
@@ -97,23 +100,27 @@ private:
     const boost::mpi::communicator& comm_;
     ControlSocket& control_;
     StartRecord* const starts_;
-    Waker waker_;       // the runner's news for a sleeping thread: a timer to set
-    Waker leaveSignal_; // rung once when leaving, never drained: every sleep ends
-
-    foundation::core::sync::Mutex readMutex_;
-    std::size_t announced_ QZ_GUARDED_BY(readMutex_) = 0; // not yet received
-    bool skipFinalize_ QZ_GUARDED_BY(readMutex_) = false;
-
+    Waker waker_;
     foundation::core::sync::Mutex mpiMutex_;
     protocol::Outbox outbox_ QZ_GUARDED_BY(mpiMutex_);
+    std::size_t announced_ = 0; // announced by the client, not yet received; the reader
 
     foundation::core::sync::Mutex mutex_;
+    // Rings the thread on standby: the runner has lasted kHandOver while no
+    // one reads, or leaving.
+    Alarm standby_;
+    bool readerTaken_ QZ_GUARDED_BY(mutex_) = false;
     bool runnerTaken_ QZ_GUARDED_BY(mutex_) = false;
     std::deque<codec::TaskMessage> queue_ QZ_GUARDED_BY(mutex_);
     std::optional<codec::TaskId> running_ QZ_GUARDED_BY(mutex_);
+    // With a start record: when the running evaluation started, and whether
+    // its Started frame has gone.
+    Clock::time_point runningSince_ QZ_GUARDED_BY(mutex_);
+    bool startFramed_ QZ_GUARDED_BY(mutex_) = false;
     std::atomic<bool> stop_{false}; // the running evaluation's stop request
     bool leaving_ QZ_GUARDED_BY(mutex_) = false;
     bool clientGone_ QZ_GUARDED_BY(mutex_) = false;
+    bool skipFinalize_ = false; // the reader's, until the threads are joined
     batch::Outgoing reports_ QZ_GUARDED_BY(mutex_){protocol::kReports, protocol::kResult};
     Clock::time_point oldestReport_ QZ_GUARDED_BY(mutex_);
     bool reportsDue_ QZ_GUARDED_BY(mutex_) = false;
