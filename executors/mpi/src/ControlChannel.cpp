@@ -13,6 +13,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/timerfd.h>
@@ -306,6 +307,39 @@ void Alarm::setIn(std::chrono::nanoseconds delay) noexcept {
 void Alarm::callOff() noexcept {
     const itimerspec never{};
     ::timerfd_settime(fd_, 0, &never, nullptr);
+}
+
+WatchedSleep::WatchedSleep(int always) : epoll_(::epoll_create1(EPOLL_CLOEXEC)) {
+    if (epoll_ < 0) {
+        throw std::runtime_error("no epoll descriptor for the cluster pool");
+    }
+    epoll_event event{};
+    event.events = EPOLLIN;
+    if (::epoll_ctl(epoll_, EPOLL_CTL_ADD, always, &event) != 0) {
+        ::close(epoll_);
+        throw std::runtime_error("the cluster pool cannot sleep on a descriptor: " +
+                                 std::string(std::strerror(errno)));
+    }
+}
+
+WatchedSleep::~WatchedSleep() {
+    ::close(epoll_);
+}
+
+void WatchedSleep::wait() noexcept {
+    epoll_event event{};
+    while (::epoll_wait(epoll_, &event, 1, -1) < 0 && errno == EINTR) {
+    }
+}
+
+void WatchedSleep::watch(int fd) noexcept {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    [[maybe_unused]] const int added = ::epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event);
+}
+
+void WatchedSleep::unwatch(int fd) noexcept {
+    [[maybe_unused]] const int removed = ::epoll_ctl(epoll_, EPOLL_CTL_DEL, fd, nullptr);
 }
 
 std::vector<std::unique_ptr<ControlSocket>>

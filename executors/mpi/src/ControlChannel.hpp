@@ -118,6 +118,27 @@ public:
     void callOff() noexcept;
 };
 
+// A sleep (epoll) on a descriptor that always counts, and on others that
+// count only while watched: other threads watch and unwatch them while a
+// thread sleeps, with a cheap call each and no timer. wait() from any
+// thread; watch() and unwatch() from any thread.
+class WatchedSleep {
+public:
+    // Throws std::runtime_error when the kernel refuses.
+    explicit WatchedSleep(int always);
+    ~WatchedSleep();
+    WatchedSleep(const WatchedSleep&) = delete;
+    WatchedSleep& operator=(const WatchedSleep&) = delete;
+
+    // Until `always`, or a watched descriptor, is readable.
+    void wait() noexcept;
+    void watch(int fd) noexcept;
+    void unwatch(int fd) noexcept;
+
+private:
+    int epoll_;
+};
+
 // Connects the workers of `comm` to its rank 0: collective, every rank calls
 // it once when the cluster starts. On rank 0, the socket of each worker
 // (index rank - 1); on a worker, its one socket to the client. The client

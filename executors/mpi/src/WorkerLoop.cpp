@@ -25,7 +25,8 @@ std::uint64_t microsSince(std::chrono::steady_clock::time_point start) {
 
 WorkerLoop::WorkerLoop(const boost::mpi::communicator& comm, ControlSocket& control,
                        StartRecord* starts)
-    : comm_(comm), control_(control), starts_(starts), outbox_(comm) {}
+    : comm_(comm), control_(control), starts_(starts), outbox_(comm), standbySleep_(standby_.fd()) {
+}
 
 WorkerLoop::Ending WorkerLoop::run() {
     std::thread other([this] { serve(); });
@@ -57,15 +58,21 @@ void WorkerLoop::serve() noexcept {
     while (true) {
         if (!runnerTaken_ && !queue_.empty() && !leaving_) {
             // Run what is queued; the other thread takes the reader's part
-            // if the run lasts.
+            // if the run lasts (a batch), or once anything arrives (a lone
+            // task, which sets no timer: sporadic work).
             runnerTaken_ = true;
             const bool unread = !readerTaken_;
+            const bool lone = queue_.size() == 1;
             lock.unlock();
-            if (unread) {
+            if (unread && lone) {
+                standbySleep_.watch(control_.fd());
+            } else if (unread) {
                 standby_.setIn(kHandOver);
             }
             runQueued();
-            if (unread) {
+            if (unread && lone) {
+                standbySleep_.unwatch(control_.fd());
+            } else if (unread) {
                 standby_.callOff();
             }
             lock.lock();
@@ -81,8 +88,7 @@ void WorkerLoop::serve() noexcept {
             readerTaken_ = false;
         } else {
             lock.unlock();
-            std::vector<bool> rang;
-            waitReadable({standby_.fd()}, rang, std::chrono::microseconds(-1));
+            standbySleep_.wait();
             standby_.drain();
             lock.lock();
         }
@@ -93,7 +99,6 @@ void WorkerLoop::runQueued() {
     while (true) {
         codec::TaskMessage task;
         bool holdBack = false;
-        std::optional<Clock::time_point> start; // read once where a start costs no write
         {
             const LockGuard lock(mutex_);
             if (queue_.empty() || leaving_) {
@@ -103,11 +108,7 @@ void WorkerLoop::runQueued() {
             queue_.pop_front();
             running_ = task.id;
             stop_ = false;
-            if (starts_ != nullptr) {
-                start = Clock::now();
-                runningSince_ = *start;
-                startFramed_ = false; // the reader's timer is set while a task is queued
-            } else {
+            if (starts_ == nullptr) {
                 // Held back while more tasks follow: the next start, a report
                 // or the reader's timer sends it.
                 holdBack = !queue_.empty();
@@ -125,11 +126,9 @@ void WorkerLoop::runQueued() {
         } else {
             control_.write(protocol::Frame::Started, task.id, holdBack);
         }
-        if (!start) {
-            start = Clock::now(); // after the frame: the run's time leaves it out
-        }
+        const auto start = Clock::now(); // after the frame: the run's time leaves it out
         protocol::Bytes result = evaluate(task, stop_);
-        const std::uint64_t runMicros = microsSince(*start);
+        const std::uint64_t runMicros = microsSince(start);
         bool due = false;
         {
             const LockGuard lock(mutex_);
@@ -170,11 +169,6 @@ std::chrono::microseconds WorkerLoop::sleepLimit() const {
     if (startHeldBack_) {
         due = std::min(due.value_or(Clock::time_point::max()), heldBackSince_ + kReportDelay);
     }
-    if (starts_ != nullptr && (!queue_.empty() || (running_ && !startFramed_))) {
-        // A run that lasts gets its Started frame; a queued task starts soon.
-        const Clock::time_point since = running_ && !startFramed_ ? runningSince_ : Clock::now();
-        due = std::min(due.value_or(Clock::time_point::max()), since + kReportDelay);
-    }
     if (!due) {
         return std::chrono::microseconds(-1);
     }
@@ -183,26 +177,14 @@ std::chrono::microseconds WorkerLoop::sleepLimit() const {
 }
 
 void WorkerLoop::pushHeldBack() {
-    std::optional<codec::TaskId> lasting;
     {
         const LockGuard lock(mutex_);
-        const auto now = Clock::now();
-        if (starts_ != nullptr) {
-            if (!running_ || startFramed_ || now - runningSince_ < kReportDelay) {
-                return;
-            }
-            startFramed_ = true;
-            lasting = running_;
-        } else if (!startHeldBack_ || now - heldBackSince_ < kReportDelay) {
+        if (!startHeldBack_ || Clock::now() - heldBackSince_ < kReportDelay) {
             return;
         }
         startHeldBack_ = false;
     }
-    if (lasting) {
-        control_.write(protocol::Frame::Started, *lasting);
-    } else {
-        control_.write(protocol::Frame::Push);
-    }
+    control_.write(protocol::Frame::Push);
 }
 
 void WorkerLoop::readOnce() noexcept {

@@ -12,23 +12,25 @@
 //   the runner runs the queued evaluations one after another, and sends the
 //   reports itself when the queue runs dry or the batch is full. Before it
 //   runs one, it tells the client that it starts: in the start record when
-//   the client shares one (StartRecord.hpp), and then the reader sends the
-//   Started frame only for a run that lasts kReportDelay (the report of a
-//   shorter one says it ran); else in a Started frame at once.
+//   the client shares one (StartRecord.hpp; the client reads it for a run
+//   that lasts), else in a Started frame at once.
 //
 // The reader that queues a task becomes the runner at once, and the other
-// thread, on standby, takes over the reading once the run has lasted
-// kHandOver: a task that arrives at an idle worker runs without a hand-over,
-// and a short one without waking the other thread. An idle worker has one
-// thread asleep in poll() on the control socket and the other on its alarm.
+// thread, on standby, takes over the reading: for a batch, once the run has
+// lasted kHandOver (its alarm), so that steady work is read in batches; for
+// a lone task, as soon as anything arrives, the control socket being watched
+// in its sleep while the task runs (sporadic work sets no timer). A task
+// that arrives at an idle worker runs without a hand-over, and a short one
+// without waking the other thread. An idle worker has one thread asleep in
+// poll() on the control socket and the other on its alarm.
 //
 // States: Serving -(Exit, or the client's end of the socket)-> Leaving
 // (queued work is skipped, a running function is asked to stop) -> Ended
 // (both threads are out and the reports are sent).
 //
 // Threads: run() on the worker's main thread, which is one of the two and
-// starts and joins the other. Either takes a free part, and sleeps on
-// standby_ while it has none. `mutex_` guards what they share; `mpiMutex_`
+// starts and joins the other. Either takes a free part, and sleeps in
+// standbySleep_ while it has none. `mutex_` guards what they share; `mpiMutex_`
 // the MPI side (taken before `mutex_` when both are). What the reader alone
 // touches is marked so.
 
@@ -89,8 +91,7 @@ private:
     void leave(bool clientGone) QZ_EXCLUDES(mutex_);
     // Sends the reports if they are due (or `force`). Either thread.
     void sendReports(bool force) QZ_EXCLUDES(mutex_, mpiMutex_);
-    // Sends the start frames held back for kReportDelay, or the start frame
-    // of a recorded run that has lasted that long. The reader.
+    // Sends the start frames held back for kReportDelay. The reader.
     void pushHeldBack() QZ_EXCLUDES(mutex_);
     // How long the reader may sleep. Called with `mutex_` held.
     std::chrono::microseconds sleepLimit() const QZ_REQUIRES(mutex_);
@@ -109,14 +110,11 @@ private:
     // Rings the thread on standby: the runner has lasted kHandOver while no
     // one reads, or leaving.
     Alarm standby_;
+    WatchedSleep standbySleep_; // on standby_, and on the socket during a lone run
     bool readerTaken_ QZ_GUARDED_BY(mutex_) = false;
     bool runnerTaken_ QZ_GUARDED_BY(mutex_) = false;
     std::deque<codec::TaskMessage> queue_ QZ_GUARDED_BY(mutex_);
     std::optional<codec::TaskId> running_ QZ_GUARDED_BY(mutex_);
-    // With a start record: when the running evaluation started, and whether
-    // its Started frame has gone.
-    Clock::time_point runningSince_ QZ_GUARDED_BY(mutex_);
-    bool startFramed_ QZ_GUARDED_BY(mutex_) = false;
     std::atomic<bool> stop_{false}; // the running evaluation's stop request
     bool leaving_ QZ_GUARDED_BY(mutex_) = false;
     bool clientGone_ QZ_GUARDED_BY(mutex_) = false;
