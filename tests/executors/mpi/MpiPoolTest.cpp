@@ -241,9 +241,13 @@ TEST(MpiPool, LargeAndDeepArraysCrossWhole) {
 // A fetchNext asleep on the interpreter thread wakes as each worker's result arrives.
 TEST(MpiPool, FetchNextTakesFuturesInFinishingOrder) {
     MpiPool pool(cluster(), 2);
-    // The first keeps its worker until the shutdown; the others share the second worker.
+    // The first keeps its worker until the shutdown (it runs before the others
+    // go out, so the shutdown stops it rather than cancels it); the others
+    // share the second worker.
+    const FuturePtr first = pool.submit(handle("untilStopped"), 1, {});
+    ASSERT_TRUE(reaches(first, FutureState::Running));
     const std::vector<std::shared_ptr<future::FutureBase>> futures = {
-        pool.submit(handle("untilStopped"), 1, {}), pool.submit(handle("plusOne"), 1, {scalar(1)}),
+        first, pool.submit(handle("plusOne"), 1, {scalar(1)}),
         pool.submit(handle("plusOne"), 1, {scalar(2)})};
     const auto next = [&] {
         auto [state, index, outputs] =
