@@ -215,13 +215,12 @@ void ClientLink::sendNow() {
         throw;
     }
     mpiMutex_.unlock();
-    if (failed || quiet != Quiet::Yes || (unheardWork && delivering())) {
-        // The link thread runs their notifications, watches, or listens
-        // (steady work comes back before a thread would look for it here).
-        if (failed || quiet == Quiet::Watched || unheardWork) {
-            work_->news();
-        }
-        unheardWork = false;
+    // This thread takes the reports in itself only after a send to a quiet
+    // pool that a waiter serves, and not inside a notification: steady work
+    // comes back before a thread would look for it here.
+    const bool takeInHere = unheardWork && quiet == Quiet::Yes && !failed && !delivering();
+    if (failed || quiet == Quiet::Watched || (unheardWork && !takeInHere)) {
+        work_->news(); // the link thread runs their notifications, watches, or listens
     }
     if (quiet != Quiet::No) {
         // A worker on this core runs the task now, not once this thread
@@ -229,7 +228,7 @@ void ClientLink::sendNow() {
         // or to take it in.
         std::this_thread::yield();
     }
-    if (unheardWork) {
+    if (takeInHere) {
         std::vector<int> fds;
         for (const ControlSocket* socket : control_) {
             fds.push_back(socket->fd());
