@@ -98,15 +98,12 @@ constexpr std::chrono::milliseconds kLongestGrace = std::chrono::hours(24 * 365)
 struct TaskMaker {
     std::shared_ptr<TaskQueue> queue;
 
-    std::shared_ptr<PoolTask> operator()(const boost::intrusive_ptr<dvArray>& function,
-                                         unsigned int numOutputs, const DvArrayVector& inputs,
-                                         std::optional<std::size_t> worker) const {
-        return std::make_shared<PoolTask>(function, numOutputs, inputs, queue, worker);
-    }
+    // `allocator`: the block's PairAllocator, or the heap's by default.
+    template <class Allocator = std::allocator<PoolTask>>
     std::shared_ptr<PoolTask> operator()(const boost::intrusive_ptr<dvArray>& function,
                                          unsigned int numOutputs, const DvArrayVector& inputs,
                                          std::optional<std::size_t> worker,
-                                         executor::PairAllocator<PoolTask> allocator) const {
+                                         Allocator allocator = {}) const {
         return std::allocate_shared<PoolTask>(allocator, function, numOutputs, inputs, queue,
                                               worker);
     }

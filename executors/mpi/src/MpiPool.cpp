@@ -77,18 +77,12 @@ struct MpiPool::Impl {
     struct TaskMaker {
         std::shared_ptr<WorkList> work;
 
-        std::shared_ptr<ClusterTask> operator()(const boost::intrusive_ptr<dvArray>& function,
-                                                unsigned int numOutputs,
-                                                const DvArrayVector& inputs,
-                                                std::optional<std::size_t> worker) const {
-            codec::checkSendable(function.get(), inputs);
-            return std::make_shared<ClusterTask>(gNextTaskId++, function, numOutputs, inputs, work,
-                                                 worker);
-        }
+        // `allocator`: the block's PairAllocator, or the heap's by default.
+        template <class Allocator = std::allocator<ClusterTask>>
         std::shared_ptr<ClusterTask>
         operator()(const boost::intrusive_ptr<dvArray>& function, unsigned int numOutputs,
                    const DvArrayVector& inputs, std::optional<std::size_t> worker,
-                   executor::PairAllocator<ClusterTask> allocator) const {
+                   Allocator allocator = {}) const {
             codec::checkSendable(function.get(), inputs);
             return std::allocate_shared<ClusterTask>(allocator, gNextTaskId++, function, numOutputs,
                                                      inputs, work, worker);
