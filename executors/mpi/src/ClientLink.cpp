@@ -29,6 +29,9 @@ ClientLink::ClientLink(boost::mpi::communicator comm, std::vector<int> ranks,
       lost_(std::move(lost)), starts_(starts), work_(std::make_shared<WorkList>(ranks_.size())),
       outbox_(comm_), announced_(ranks_.size(), 0), gone_(ranks_.size(), false),
       lastRun_(ranks_.size(), 0), lastSize_(ranks_.size(), 0), lastStart_(ranks_.size()) {
+    for (const ControlSocket* socket : control_) {
+        socketFds_.push_back(socket->fd());
+    }
     // Until a worker's first task is back, nothing says its tasks are short.
     std::fill(lastRun_.begin(), lastRun_.end(), kShortRunMicros);
 }
@@ -85,9 +88,7 @@ std::vector<std::size_t> ClientLink::windows() const {
 
 void ClientLink::run() noexcept {
     std::vector<int> fds{work_->waker().fd()};
-    for (ControlSocket* socket : control_) {
-        fds.push_back(socket->fd());
-    }
+    fds.insert(fds.end(), socketFds_.begin(), socketFds_.end());
     const std::vector<int> wakerOnly{fds.front()};
     std::vector<bool> ready(fds.size(), false);
     // Kept from turn to turn with its room: a busy turn has hundreds.
@@ -229,12 +230,8 @@ void ClientLink::sendNow() {
         std::this_thread::yield();
     }
     if (takeInHere) {
-        std::vector<int> fds;
-        for (const ControlSocket* socket : control_) {
-            fds.push_back(socket->fd());
-        }
         std::vector<bool> ready;
-        waitReadable(fds, ready, std::chrono::microseconds(0));
+        waitReadable(socketFds_, ready, std::chrono::microseconds(0));
         ready.insert(ready.begin(), false); // index worker + 1
         static_cast<void>(serveHere(ready));
     }

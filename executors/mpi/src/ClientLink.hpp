@@ -112,7 +112,7 @@ public:
     iqm::Iqm::Served serveWaiter(std::size_t worker) noexcept
         QZ_EXCLUDES(mpiMutex_, deliveryMutex_);
     // The control socket of `worker`, for a waiter to poll.
-    int controlFd(std::size_t worker) const { return control_.at(worker)->fd(); }
+    int controlFd(std::size_t worker) const { return socketFds_.at(worker); }
     std::size_t numWorkers() const noexcept { return control_.size(); }
     // Whether a waiting thread serves the workers' reports (MpiPool sets it
     // once, before any work): the link thread then keeps no watch.
@@ -203,6 +203,7 @@ private:
     boost::mpi::communicator comm_;
     std::vector<int> ranks_;              // worker index -> rank
     std::vector<ControlSocket*> control_; // worker index -> its control socket
+    std::vector<int> socketFds_;          // worker index -> that socket's descriptor
     std::shared_ptr<LostRanks> lost_;
     const StartRecord* starts_; // the cluster's; null when not shared
     std::shared_ptr<WorkList> work_;
