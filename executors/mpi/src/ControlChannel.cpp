@@ -309,16 +309,30 @@ void Alarm::callOff() noexcept {
     ::timerfd_settime(fd_, 0, &never, nullptr);
 }
 
-WatchedSleep::WatchedSleep(int always) : epoll_(::epoll_create1(EPOLL_CLOEXEC)) {
+namespace {
+
+// What the watchable descriptor is registered for: one wake-up once armed
+// with EPOLLIN (the kernel adds hang-ups and errors to any registration).
+constexpr std::uint32_t kOneWakeUp = EPOLLONESHOT;
+
+} // namespace
+
+WatchedSleep::WatchedSleep(int always, int watchable)
+    : epoll_(::epoll_create1(EPOLL_CLOEXEC)), watchable_(watchable) {
     if (epoll_ < 0) {
         throw std::runtime_error("no epoll descriptor for the cluster pool");
     }
-    epoll_event event{};
-    event.events = EPOLLIN;
-    if (::epoll_ctl(epoll_, EPOLL_CTL_ADD, always, &event) != 0) {
+    epoll_event alwaysEvent{};
+    alwaysEvent.events = EPOLLIN;
+    alwaysEvent.data.fd = always;
+    epoll_event watchedEvent{};
+    watchedEvent.events = kOneWakeUp;
+    watchedEvent.data.fd = watchable;
+    if (::epoll_ctl(epoll_, EPOLL_CTL_ADD, always, &alwaysEvent) != 0 ||
+        ::epoll_ctl(epoll_, EPOLL_CTL_ADD, watchable, &watchedEvent) != 0) {
+        const std::string reason = std::strerror(errno);
         ::close(epoll_);
-        throw std::runtime_error("the cluster pool cannot sleep on a descriptor: " +
-                                 std::string(std::strerror(errno)));
+        throw std::runtime_error("the cluster pool cannot sleep on a descriptor: " + reason);
     }
 }
 
@@ -332,14 +346,18 @@ void WatchedSleep::wait() noexcept {
     }
 }
 
-void WatchedSleep::watch(int fd) noexcept {
+void WatchedSleep::watch() noexcept {
     epoll_event event{};
-    event.events = EPOLLIN;
-    [[maybe_unused]] const int added = ::epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event);
+    event.events = EPOLLIN | kOneWakeUp;
+    event.data.fd = watchable_;
+    [[maybe_unused]] const int armed = ::epoll_ctl(epoll_, EPOLL_CTL_MOD, watchable_, &event);
 }
 
-void WatchedSleep::unwatch(int fd) noexcept {
-    [[maybe_unused]] const int removed = ::epoll_ctl(epoll_, EPOLL_CTL_DEL, fd, nullptr);
+void WatchedSleep::unwatch() noexcept {
+    epoll_event event{};
+    event.events = kOneWakeUp;
+    event.data.fd = watchable_;
+    [[maybe_unused]] const int disarmed = ::epoll_ctl(epoll_, EPOLL_CTL_MOD, watchable_, &event);
 }
 
 std::vector<std::unique_ptr<ControlSocket>>

@@ -118,25 +118,28 @@ public:
     void callOff() noexcept;
 };
 
-// A sleep (epoll) on a descriptor that always counts, and on others that
-// count only while watched: other threads watch and unwatch them while a
-// thread sleeps, with a cheap call each and no timer. wait() from any
-// thread; watch() and unwatch() from any thread.
+// A sleep (epoll) on a descriptor that always counts, and on one that counts
+// only while watched: another thread watches and unwatches it while a
+// thread sleeps, with a cheap call each and no timer. The watched one stays
+// registered and is armed for one wake-up at a time; unwatched, it may still
+// end one sleep early, once, when it breaks or its peer hangs up. wait(),
+// watch() and unwatch() from any thread.
 class WatchedSleep {
 public:
     // Throws std::runtime_error when the kernel refuses.
-    explicit WatchedSleep(int always);
+    WatchedSleep(int always, int watchable);
     ~WatchedSleep();
     WatchedSleep(const WatchedSleep&) = delete;
     WatchedSleep& operator=(const WatchedSleep&) = delete;
 
-    // Until `always`, or a watched descriptor, is readable.
+    // Until `always`, or the watched descriptor, is readable.
     void wait() noexcept;
-    void watch(int fd) noexcept;
-    void unwatch(int fd) noexcept;
+    void watch() noexcept;
+    void unwatch() noexcept;
 
 private:
     int epoll_;
+    int watchable_;
 };
 
 // Connects the workers of `comm` to its rank 0: collective, every rank calls

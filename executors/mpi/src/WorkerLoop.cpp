@@ -25,8 +25,8 @@ std::uint64_t microsSince(std::chrono::steady_clock::time_point start) {
 
 WorkerLoop::WorkerLoop(const boost::mpi::communicator& comm, ControlSocket& control,
                        StartRecord* starts)
-    : comm_(comm), control_(control), starts_(starts), outbox_(comm), standbySleep_(standby_.fd()) {
-}
+    : comm_(comm), control_(control), starts_(starts), outbox_(comm),
+      standbySleep_(standby_.fd(), control.fd()) {}
 
 WorkerLoop::Ending WorkerLoop::run() {
     std::thread other([this] { serve(); });
@@ -65,13 +65,13 @@ void WorkerLoop::serve() noexcept {
             const bool lone = queue_.size() == 1;
             lock.unlock();
             if (unread && lone) {
-                standbySleep_.watch(control_.fd());
+                standbySleep_.watch();
             } else if (unread) {
                 standby_.setIn(kHandOver);
             }
             runQueued();
             if (unread && lone) {
-                standbySleep_.unwatch(control_.fd());
+                standbySleep_.unwatch();
             } else if (unread) {
                 standby_.callOff();
             }
