@@ -135,9 +135,7 @@ void ClientLink::run() noexcept {
                 }
                 outbox_.progress();
                 ended_ = orders.drained;
-                busy = !outbox_.idle() ||
-                       std::ranges::any_of(announced_, [](std::size_t n) { return n > 0; }) ||
-                       watching();
+                busy = mpiBusy() || watching();
                 listening_ = busy || !work_->allIdle();
                 lookingAtStarts_ = listening_ && starts_ != nullptr && work_->anyUnstarted();
                 listening = listening_;

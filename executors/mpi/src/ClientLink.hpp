@@ -22,8 +22,10 @@
 //
 // Whoever leaves the MPI mutex with work in flight that the link thread's
 // sleep does not watch (without the sockets, or with no time set to look at
-// the start records) wakes it (news): no report waits unread, and no run
-// that lasts goes unnoticed.
+// the start records), or with MPI traffic that no sleep sees (an announced
+// report not received yet, a send MPI has not finished), wakes it (news): no
+// report waits unread, no run that lasts goes unnoticed, and MPI is called
+// until its traffic is done.
 //
 // States: Open -> Closing (close(): the work list refuses work, waiting
 // tasks are cancelled, workers are asked to stop what they have) -> Finished
@@ -51,6 +53,7 @@
 
 #include <boost/mpi/communicator.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <future>
@@ -152,12 +155,20 @@ private:
         QZ_REQUIRES(mpiMutex_);
     // Whether the link thread polls instead of sleeping.
     bool watching() const QZ_REQUIRES(mpiMutex_);
-    // Whether work is in flight that the link thread does not watch: it
-    // sleeps without the sockets, or with no time set for a look at the
-    // start records while a task in flight is not known to run.
+    // Whether the link thread must be woken for what its sleep does not
+    // watch: MPI traffic under way, or work in flight while it sleeps without
+    // the sockets, or with no time set for a look at the start records while
+    // a task in flight is not known to run.
     bool unheard() const QZ_REQUIRES(mpiMutex_) {
-        return !work_->allIdle() &&
-               (!listening_ || (starts_ != nullptr && !lookingAtStarts_ && work_->anyUnstarted()));
+        return mpiBusy() ||
+               (!work_->allIdle() && (!listening_ || (starts_ != nullptr && !lookingAtStarts_ &&
+                                                      work_->anyUnstarted())));
+    }
+    // Whether MPI has traffic that only calls to it move on: a report
+    // announced but not received yet, or a send not finished.
+    bool mpiBusy() const QZ_REQUIRES(mpiMutex_) {
+        return !outbox_.idle() ||
+               std::ranges::any_of(announced_, [](std::size_t n) { return n > 0; });
     }
     // Takes in what the workers on the `ready` sockets (index worker + 1)
     // said and runs its notifications on the calling thread, unless another

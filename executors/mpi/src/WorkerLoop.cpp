@@ -330,6 +330,11 @@ void WorkerLoop::sendReports(bool force) {
         messages = reports_.take();
     }
     sendAnnounced(outbox_, control_, protocol::kClientRank, std::move(messages));
+    if (!outbox_.idle()) {
+        // MPI moves the rest, and lets its buffer go, only while called: the
+        // reader calls it until then instead of sleeping.
+        waker_.wake();
+    }
 }
 
 } // namespace mpipool

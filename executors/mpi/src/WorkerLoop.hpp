@@ -5,10 +5,11 @@
 //
 //   the reader owns the control socket and receives the MPI messages it
 //   announces. It sleeps in poll() until the client writes a frame or the
-//   runner needs it; it queues the tasks that arrive, passes stop requests on
-//   at once, and sends the reports that are due: when kReportDelay has
-//   passed since the oldest one (a long evaluation never holds back the
-//   results before it) or a batch is full.
+//   runner needs it, and not while MPI has a message to move either way (a
+//   large report leaves its sender only while MPI is called); it queues the
+//   tasks that arrive, passes stop requests on at once, and sends the reports
+//   that are due: when kReportDelay has passed since the oldest one (a long
+//   evaluation never holds back the results before it) or a batch is full.
 //   the runner runs the queued evaluations one after another, and sends the
 //   reports itself when the queue runs dry or the batch is full. Before it
 //   runs one, it tells the client that it starts: in the start record when
