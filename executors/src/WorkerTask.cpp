@@ -24,6 +24,7 @@ void WorkerTask::setResult(OutputsOrError result, std::u16string diary) {
 }
 
 void WorkerTask::doCancel() {
+    cancelling_ = true;
     if (const auto queue = queue_.lock(); queue && queue->withdraw(*this)) {
         finishOnceCancelled(*this); // no worker will
     }

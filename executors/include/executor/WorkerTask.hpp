@@ -69,6 +69,10 @@ public:
     // it runs under stopFlag() (see evaluateCapturing). Any thread.
     void requestStop() noexcept { stop_ = true; }
     bool isStopRequested() const noexcept { return stop_; }
+    // Whether a cancel has begun: set before its stop request (so a function
+    // that returns because of it finds it set), it may not have made the task
+    // Finished yet. Any thread.
+    bool isCancelling() const noexcept { return cancelling_; }
     const std::atomic<bool>& stopFlag() const noexcept { return stop_; }
 
     // Keeps what running the task gave; an error is also marked on the
@@ -86,6 +90,7 @@ private:
     static constexpr std::size_t kAnyWorker = std::numeric_limits<std::size_t>::max();
     const std::size_t pinnedWorker_;
     std::atomic<bool> stop_{false};
+    std::atomic<bool> cancelling_{false};
 
     foundation::core::sync::Mutex resultMutex_;
     OutputsOrError result_ QZ_GUARDED_BY(resultMutex_){std::optional<DvArrayVector>()};
@@ -105,6 +110,17 @@ struct Evaluated {
 Evaluated evaluateCapturing(const std::atomic<bool>& stop,
                             const std::function<DvArrayVector()>& evaluate) noexcept;
 
+// Notifies Finished for `task`, whose run has ended. A cancel under way (its
+// stop request may be what ended the run) is completed first: the run's
+// outputs are never seen and then replaced by the cancel's error. The thread
+// that finishes the task.
+inline void finishRun(const char* executorName, WorkerTask& task) noexcept {
+    if (task.isCancelling()) {
+        task.cancel(); // Finished already, by the cancel itself: nothing
+    }
+    notifySafely(executorName, "Finished", [&] { task.markFinished(); });
+}
+
 // Runs `task` as a worker thread does: Running, then `task.run()`, then
 // Finished. A task asked to stop before it started is cancelled instead of
 // run. A failing notification is reported under `executorName` (see
@@ -121,7 +137,7 @@ void runAsWorker(const char* executorName, Task& task) noexcept {
     } else {
         task.run();
     }
-    notifySafely(executorName, "Finished", [&] { task.markFinished(); });
+    finishRun(executorName, task);
 }
 
 } // namespace executor

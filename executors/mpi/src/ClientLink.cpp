@@ -468,7 +468,7 @@ void ClientLink::deliver(Event& event) {
     }
     case Event::Finished:
         task.setResult(std::move(event.result->result), std::move(event.result->diary));
-        executor::notifySafely("mpipool", "Finished", [&] { task.markFinished(); });
+        executor::finishRun("mpipool", task);
         break;
     case Event::Skipped:
         // Stopped before it started: a cancel, or the pool's shutdown.
