@@ -116,7 +116,7 @@ Evaluated evaluateCapturing(const std::atomic<bool>& stop,
 // that finishes the task.
 inline void finishRun(const char* executorName, WorkerTask& task) noexcept {
     if (task.isCancelling()) {
-        task.cancel(); // Finished already, by the cancel itself: nothing
+        task.cancel(); // nothing once the cancel has made it Finished
     }
     notifySafely(executorName, "Finished", [&] { task.markFinished(); });
 }
