@@ -479,7 +479,7 @@ void ClientLink::deliver(Event& event) {
 
 void ClientLink::fail(ClusterTask& task, std::exception_ptr error) {
     task.setResult(codec::OutputsOrError(std::move(error)), {});
-    executor::notifySafely("mpipool", "Finished", [&] { task.markFinished(); });
+    executor::finishRun("mpipool", task);
 }
 
 void ClientLink::lose(std::size_t worker) {
